@@ -1,0 +1,50 @@
+/* The choice of the CRC16 engine, and the library's way into it. */
+#include "dif/crc16.h"
+#include "dif/types.h"
+#include "platform/crc16_t10dif.h"
+#include "platform/hostlog.h"
+
+#include <atomic>
+#include <cpuid.h>
+
+namespace {
+
+using Crc16Engine = uint16_t (*)(uint16_t seed, const uint8_t *buf, uint64_t len);
+
+/* Null until one is chosen. */
+constinit std::atomic<Crc16Engine> crc16Engine{nullptr};
+
+constexpr uint32_t kNotice = 5;
+
+} // namespace
+
+uint32_t _cpu_has_sse3_clmul(void) { // NOLINT(bugprone-reserved-identifier)
+    uint32_t eax = 0;
+    uint32_t ebx = 0;
+    uint32_t ecx = 0;
+    uint32_t edx = 0;
+    __cpuid_count(1, 0, eax, ebx, ecx, edx);
+    return (ecx & bit_SSE3) != 0 && (ecx & bit_PCLMUL) != 0 ? 1 : 0;
+}
+
+void setCrc16Func(void) {
+    crc16Engine.store(crc16_t10dif, std::memory_order_relaxed);
+}
+
+void initCrc16T10Func(void) {
+    if (_cpu_has_sse3_clmul() != 0) {
+        hostlog(DIF_MODULE_ID, kNotice, DIF_SOURCE_MODULE, __LINE__, __func__, 0,
+                "Use Intel CPU hardware for crc16T10");
+        setCrc16Func();
+    } else {
+        hostlog(DIF_MODULE_ID, kNotice, DIF_SOURCE_MODULE, __LINE__, __func__, 0, "Use software for crc16T10");
+        crc16Engine.store(calcT10DifCrcByTable, std::memory_order_relaxed);
+    }
+}
+
+uint16_t crc16T10Dif(uint16_t seed, const uint8_t *buf, uint32_t len) {
+    if (buf == nullptr || len == 0) {
+        return seed;
+    }
+    return __builtin_bswap16(crc16Engine.load(std::memory_order_relaxed)(seed, buf, len));
+}

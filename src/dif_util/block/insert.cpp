@@ -1,0 +1,64 @@
+/* Insertion: a fresh tuple behind the data of every block. */
+#include "dif/block.h"
+
+#include "dif/runtime.h"
+#include "dif_util/block/system_guard.h"
+#include "dif_util/core/arguments.h"
+#include "dif_util/core/geometry.h"
+#include "dif_util/core/restore.h"
+#include "dif_util/core/section.h"
+#include "dif_util/core/tuple.h"
+
+namespace {
+
+/* Fixed sizes, so that the compiler stores words; an area of any other size is left alone. */
+inline void clearDifArea(uint8_t *block, const DifTypeInfo &info) {
+    const uint32_t size = info.blockSize - info.dataSize;
+    if (size == 8) {
+        std::memset(block + info.dataSize, 0, 8);
+    } else if (size == 64) {
+        std::memset(block + info.dataSize, 0, 64);
+    }
+}
+
+} // namespace
+
+DIF_INSERT_TEXT void insertDifInOneBlock(const uint8_t *data, uint32_t dataSize, DifTuple *difPtr,
+                                         const DifOpParam *param) {
+    const uint32_t ctrlFlag = param->ctrlFlag;
+    if ((ctrlFlag & DIF_INSERT_NO_CRC) != 0) {
+        setTupleVersion(difPtr, DIF_VERSION_NO_CRC);
+        return;
+    }
+    if ((ctrlFlag & DIF_INSERT_CRC) != 0) {
+        writeSystemGuard(difPtr, data, dataSize, param->type);
+    }
+    if ((ctrlFlag & DIF_INSERT_LBA) != 0) {
+        setTupleValidLba(difPtr, param->lba);
+    }
+}
+
+DIF_INSERT_TEXT void insertDifInBlocks(uint8_t *buf, uint32_t blockNum, const DifTypeInfo *typeInfo,
+                                       DifOpParam *param) {
+    const DifTypeInfo info = *typeInfo;
+    uint8_t *block = buf;
+    for (uint32_t k = 0; k < blockNum; ++k, block += info.blockSize) {
+        clearDifArea(block, info);
+        insertDifInOneBlock(block, info.dataSize, tupleOf(block, info), param);
+        ++param->lba;
+    }
+}
+
+DIF_INSERT_TEXT void insertDif(uint8_t *buf, uint32_t sectorNum, DifOpParam *param) {
+    if (getDifOn() == 0) {
+        return;
+    }
+    if (!DIF_ASSERT_NOT_NULL(buf) || !DIF_ASSERT_NOT_NULL(param) || !DIF_ASSERT_OP_TYPE(param)) {
+        return;
+    }
+    const DifTypeInfo &info = kTypeInfo[param->type];
+    const uint32_t blockNum = sectorNum >> info.sectorShift;
+    DIF_ASSERT_BLOCKS(blockNum, sectorNum, param->type, info);
+    const Restore lba{param->lba};
+    insertDifInBlocks(buf, blockNum, &info, param);
+}

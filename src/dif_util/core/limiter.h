@@ -1,0 +1,63 @@
+/*
+ * Rate limiters for messages of failure and notice paths. Every site owns one; its state is shared by all threads
+ * without a lock, so that concurrent callers may miscount by a message, never more.
+ */
+#pragma once
+
+#include "dif_util/core/log_site.h"
+
+#include <atomic>
+#include <cstdint>
+
+/*
+ * Credit grows by one a tick up to three intervals and a message costs one interval: three messages in a burst, then one
+ * an interval.
+ */
+class CreditState {
+public:
+    constexpr explicit CreditState(uint64_t interval) : interval_{interval}, credit_{3 * interval} {}
+
+    /* Whether the site may write now. Before a message that follows dropped ones, reports their count (at level `gate`)
+     * unless it did so within ten intervals. With `gate` filtered by the host, answers false and changes nothing. */
+    bool admit(const LogSite &site, uint32_t gate);
+
+private:
+    uint64_t interval_;
+    std::atomic<uint64_t> credit_;
+    std::atomic<uint64_t> last_{0};
+    std::atomic<uint64_t> lastReport_{0};
+    std::atomic<uint32_t> suppressed_{0};
+};
+
+/* `burst` messages, then silence until an interval has passed since the last of them. */
+class BurstState {
+public:
+    constexpr BurstState(uint64_t interval, uint32_t burst) : interval_{interval}, burst_{burst} {}
+
+    /* As CreditState::admit, except that the count is reported when a new period starts. */
+    bool admit(const LogSite &site, uint32_t gate);
+
+private:
+    uint64_t interval_;
+    uint32_t burst_;
+    std::atomic<uint32_t> printed_{0};
+    std::atomic<uint32_t> suppressed_{0};
+    std::atomic<uint64_t> last_{0};
+    std::atomic<uint64_t> lastReport_{0};
+};
+
+template <uint64_t Interval>
+struct CreditLimiter : CreditState {
+    constexpr CreditLimiter() : CreditState{Interval} {}
+};
+
+template <uint64_t Interval, uint32_t Burst>
+struct BurstLimiter : BurstState {
+    constexpr BurstLimiter() : BurstState{Interval, Burst} {}
+};
+
+/* The limits in use, in ticks of osal_get_jiffies. */
+using FaultLimiter = CreditLimiter<1250>;         /* faults found in data, and chain dumps */
+using ExemptNoteLimiter = CreditLimiter<75000>;   /* notes on exempt tuples */
+using InputErrorLimiter = BurstLimiter<15000, 3>; /* unusable input of the checks */
+using AssertLimiter = BurstLimiter<150000, 1>;    /* every assertion */

@@ -1,0 +1,195 @@
+/* The block-run engine of every check, and its integrity step: is this block's tuple right? */
+#include "dif/check.h"
+
+#include "crc16_t10dif/guard.h"
+#include "dif_util/core/section.h"
+#include "dif_util/core/tuple.h"
+#include "dif_util/verify/check_report.h"
+#include "dif_util/verify/check_result.h"
+#include "dif_util/verify/trim.h"
+#include "dif_util/verify/verify_level.h"
+
+#include <atomic>
+
+namespace {
+
+inline bool isLbaCheckOn(const DifCheckParam &param) {
+    return (param.ctrlFlag & DIF_CHECK_LBA) != 0 && verifyPointOn(param.lbaLevel, param.mid, param.subPid);
+}
+
+inline bool isCrcCheckOn(const DifCheckParam &param) {
+    return (param.ctrlFlag & DIF_CHECK_CRC) != 0 && verifyPointOn(param.crcLevel, param.mid, param.subPid);
+}
+
+/* Whether a failure is the first of its call, which is logged in detail. There is one such claim a call, used up whether
+ * or not the message then passes its limiter. */
+inline bool claimDetailedLog(DifCheckParam &param) {
+    const bool first = (param.ctrlFlag & DIF_CHECK_LOG_FIRST) != 0;
+    param.ctrlFlag &= ~DIF_CHECK_LOG_FIRST;
+    return first;
+}
+
+inline bool isDifLbaCorrect(const CheckedBlock &block, DifCheckParam &param) {
+    const uint32_t expected = static_cast<uint32_t>(param.lba);
+    const uint32_t actual = tupleLba(block.tuple);
+    if (!hasValidLba(block.tuple) || actual == expected) [[likely]] {
+        return true;
+    }
+    if (claimDetailedLog(param)) {
+        DIF_WARN_BLOCK(block,
+                       "DIF_WARNING_CHECK_DIF: LBA error: expected(%u), actual(%u), block(%u), difPtr(%p), type(%u), "
+                       "ctrlFlag(0x%x), mid(%u), lbaLevel(%u).",
+                       expected, actual, block.index, static_cast<const void *>(block.tuple), param.type,
+                       param.ctrlFlag, param.mid, param.lbaLevel);
+    }
+    return false;
+}
+
+inline bool isDifCrcCorrect(const CheckedBlock &block, DifCheckParam &param) {
+    const uint8_t version = tupleVersion(block.tuple);
+    if (version == DIF_VERSION_NO_CRC) {
+        return true;
+    }
+    const uint16_t actual = tupleGuard(block.tuple);
+    const bool isCrc32c = version == DIF_VERSION_CRC32C;
+    const uint16_t expected =
+        isCrc32c ? crcGuardCrc32c(block.data, block.dataSize, false) : crcGuardT10(block.data, block.dataSize, false);
+    if (actual == expected) [[likely]] {
+        return true;
+    }
+    if (!claimDetailedLog(param)) {
+        return false;
+    }
+    if (isCrc32c) {
+        DIF_WARN_BLOCK(block,
+                       "DIF_WARNING_CHECK_DIF: CRC error: expected(0x%x), actual(0x%x), ver(CRC32C),block(%u), "
+                       "difPtr(%p), type(%u), ctrlFlag(0x%x), mid(%u), subPid(%u), crcLevel(%u).",
+                       expected, actual, block.index, static_cast<const void *>(block.tuple), param.type,
+                       param.ctrlFlag, param.mid, param.subPid, param.crcLevel);
+    } else {
+        DIF_WARN_BLOCK(block,
+                       "DIF_WARNING_CHECK_DIF: CRC error:expected(0x%x), actual(0x%x), ver(T10),block(%u), "
+                       "difPtr(%p), type(%u), ctrlFlag(0x%x), mid(%u), subPid(%u), crcLevel(%u).",
+                       expected, actual, block.index, static_cast<const void *>(block.tuple), param.type,
+                       param.ctrlFlag, param.mid, param.subPid, param.crcLevel);
+    }
+    return false;
+}
+
+/*
+ * The integrity step: the result bit of the first comparison that the block fails, or 0 if it passes. A passing CRC32C
+ * tuple is converted if the caller asks for it.
+ */
+inline uint32_t tryCheckDifIntegrity(const CheckedBlock &block, DifCheckParam &param) {
+    if ((param.ctrlFlag & DIF_CHECK_TRIM_ZERO) == 0 && isExempt(block.tuple)) [[unlikely]] {
+        DIF_LOG_LIMITED(ExemptNoteLimiter, kLogInfo,
+                        "DIF_INTEGRITY_CHECK_INFO: version(0xFF), app(0xFF), difPtr(%p), type(%u),ctrlFlag(0x%x), "
+                        "mid(%u), subPid(%u), crcLevel(%u), lbaLevel(%u).",
+                        static_cast<const void *>(block.tuple), param.type, param.ctrlFlag, param.mid, param.subPid,
+                        param.crcLevel, param.lbaLevel);
+        return 0;
+    }
+    const uint8_t version = tupleVersion(block.tuple);
+    if (isLbaCheckOn(param)) {
+        if (!isKnownVersion(version)) [[unlikely]] {
+            if (claimDetailedLog(param)) {
+                DIF_WARN_BLOCK(block,
+                               "DIF_WARNING_CHECK_DIF: VERSION error: version(0x%x), block(%u),difPtr(%p), type(%u), "
+                               "ctrlFlag(0x%x), mid(%u), subPid(%u), lbaLevel(%u).",
+                               version, block.index, static_cast<const void *>(block.tuple), param.type, param.ctrlFlag,
+                               param.mid, param.subPid, param.lbaLevel);
+            }
+            return DIF_RESULT_VERSION_ERROR;
+        }
+        if (!isDifLbaCorrect(block, param)) [[unlikely]] {
+            return DIF_RESULT_LBA_ERROR;
+        }
+    }
+    if (isCrcCheckOn(param)) {
+        if (!isKnownVersion(version)) [[unlikely]] {
+            if (claimDetailedLog(param)) {
+                DIF_WARN_BLOCK(block,
+                               "DIF_WARNING_CHECK_DIF: VERSION error: version(0x%x), block(%u),difPtr(%p), type(%u), "
+                               "ctrlFlag(0x%x), mid(%u), subPid(%u), crcLevel(%u).",
+                               version, block.index, static_cast<const void *>(block.tuple), param.type, param.ctrlFlag,
+                               param.mid, param.subPid, param.crcLevel);
+            }
+            return DIF_RESULT_VERSION_ERROR;
+        }
+        if (!isDifCrcCorrect(block, param)) [[unlikely]] {
+            return DIF_RESULT_CRC_ERROR;
+        }
+    }
+    if ((param.ctrlFlag & DIF_CHECK_CONVERT_T10) != 0 && version == DIF_VERSION_CRC32C) {
+        setTupleGuard(block.tuple, crcGuardT10(block.data, block.dataSize, false));
+        setTupleVersion(block.tuple, DIF_VERSION_T10);
+    }
+    return 0;
+}
+
+/* Marks a failed block in the caller's outputs. Calls may share one bitmap. */
+void recordFailedBlock(const DifCheckParam &param, uint32_t index, uint32_t sectorShift, uint32_t error) {
+    if (param.errBlockIndex != nullptr && *param.errBlockIndex == kNoErrBlock) {
+        *param.errBlockIndex = index << sectorShift;
+    }
+    if (param.errBlockBitmap != nullptr) {
+        std::atomic_ref{param.errBlockBitmap[index / 32]}.fetch_or(1u << (index % 32), std::memory_order_relaxed);
+    }
+    *param.checkResult |= error;
+}
+
+} // namespace
+
+DIF_CHECK_TEXT void initDifCheckResults(DifCheckParam *param, uint8_t *resultSettled, uint8_t *integrityDone) {
+    const uint32_t asked = param->ctrlFlag;
+    if (param->errBlockIndex != nullptr) {
+        *param->errBlockIndex = kNoErrBlock;
+    }
+    uint32_t result = 0;
+    if ((asked & DIF_CHECK_ALL_LBA_VALID) != 0) {
+        result |= DIF_RESULT_ALL_LBA_VALID;
+    }
+    if ((asked & DIF_CHECK_ZERO_DATA) != 0) {
+        result |= DIF_RESULT_ALL_ZERO;
+    }
+    *resultSettled = (asked & DIF_CHECK_REPORT_MASK) == 0 ? 1 : 0;
+    const bool integrityOn = isLbaCheckOn(*param) || isCrcCheckOn(*param) || (asked & DIF_CHECK_CONVERT_T10) != 0;
+    if (integrityOn && (asked & DIF_CHECK_ALL_BLOCKS) != 0) {
+        result |= DIF_RESULT_NONE_PASSED;
+    }
+    *integrityDone = integrityOn ? 0 : 1;
+    *param->checkResult = result;
+}
+
+DIF_CHECK_TEXT uint32_t checkDifInBlocks(uint8_t *data, uint32_t blockNum, const DifTypeInfo *typeInfo,
+                                         DifCheckParam *param, uint32_t startBlock, uint8_t *resultSettled,
+                                         uint8_t *integrityDone) {
+    const DifTypeInfo info = *typeInfo;
+    uint32_t ret = DIF_OK;
+    for (uint32_t k = 0; k < blockNum; ++k) {
+        const CheckedBlock block{data, info.dataSize, tupleOf(data, info), startBlock + k};
+        if ((param->ctrlFlag & DIF_CHECK_TRIM_ZERO) != 0) {
+            trimBlock(block.data, block.dataSize, block.tuple);
+        }
+        if (*resultSettled == 0) {
+            tryCheckDifAppAndSetResult(block, *param, *resultSettled);
+        }
+        if (*integrityDone == 0) {
+            const bool goOn = (param->ctrlFlag & DIF_CHECK_ALL_BLOCKS) != 0;
+            const uint32_t error = tryCheckDifIntegrity(block, *param);
+            if (error != 0) [[unlikely]] {
+                recordFailedBlock(*param, block.index, info.sectorShift, error);
+                ret = DIF_ERR_CHECK;
+                *integrityDone = goOn ? 0 : 1;
+            } else if (goOn) {
+                *param->checkResult &= ~DIF_RESULT_NONE_PASSED;
+            }
+        }
+        if (*integrityDone != 0 && *resultSettled != 0) {
+            return ret;
+        }
+        ++param->lba;
+        data += info.blockSize;
+    }
+    return ret;
+}

@@ -1,0 +1,105 @@
+#include "dif_util/verify/check_report.h"
+
+#include "crc16_t10dif/guard.h"
+#include "dif/check.h"
+#include "dif_util/core/section.h"
+#include "dif_util/core/tuple.h"
+#include "dif_util/verify/verify_level.h"
+
+namespace {
+
+/* Data all zero, and a guard that says so where the version has one. */
+inline bool isZeroDataBlock(const CheckedBlock &block) {
+    const uint16_t guard = tupleGuard(block.tuple);
+    switch (tupleVersion(block.tuple)) {
+    case DIF_VERSION_T10:
+        if (guard != kZeroGuardT10) {
+            return false;
+        }
+        break;
+    case DIF_VERSION_CRC32C:
+        if (guard != (block.dataSize == 512 ? kZeroGuardCrc32c512 : kZeroGuardCrc32c4096)) {
+            return false;
+        }
+        break;
+    default:
+        break;
+    }
+    return noDifBlockAllZero(block.data, block.dataSize);
+}
+
+/* A module without a level asks for nothing. */
+inline bool isBstReported(const DifCheckParam &param) {
+    return (param.ctrlFlag & DIF_CHECK_BST) != 0 && getDifVerifyLevelByMid(param.mid) != DIF_VERIFY_LEVEL_INVALID;
+}
+
+/*
+ * Each report bit asked for has one answer that further blocks cannot change: a bit that tells of some block, once set; a
+ * bit that tells of all blocks, once cleared.
+ */
+inline bool isSettled(uint32_t asked, uint32_t result) {
+    struct Question {
+        uint32_t ask;
+        uint32_t answer;
+        bool settledWhenSet;
+    };
+    constexpr Question kQuestions[] = {
+        {DIF_CHECK_NOT_T10, DIF_RESULT_NOT_T10, true},
+        {DIF_CHECK_UNKNOWN_VERSION, DIF_RESULT_UNKNOWN_VERSION, true},
+        {DIF_CHECK_BST, DIF_RESULT_HAVE_BST, true},
+        {DIF_CHECK_ALL_LBA_VALID, DIF_RESULT_ALL_LBA_VALID, false},
+        {DIF_CHECK_ZERO_DATA, DIF_RESULT_ALL_ZERO, false},
+        {DIF_CHECK_VERSION_ZERO, DIF_RESULT_VERSION_ZERO, true},
+    };
+    for (const Question &question : kQuestions) {
+        if ((asked & question.ask) != 0 && ((result & question.answer) != 0) != question.settledWhenSet) {
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+DIF_CHECK_TEXT void checkDifVerZero(uint32_t ctrlFlag, const DifTuple *difPtr, uint32_t *checkResult) {
+    const uint8_t version = tupleVersion(difPtr);
+    if ((ctrlFlag & DIF_CHECK_VERSION_ZERO) != 0 && (version == 0x00 || version == 0xFF)) {
+        *checkResult |= DIF_RESULT_VERSION_ZERO;
+    }
+}
+
+DIF_CHECK_TEXT void tryCheckDifAppAndSetResult(const CheckedBlock &block, const DifCheckParam &param,
+                                               uint8_t &resultSettled) {
+    const DifTuple *const tuple = block.tuple;
+    const uint32_t asked = param.ctrlFlag;
+    uint32_t &result = *param.checkResult;
+    checkDifVerZero(asked, tuple, &result);
+    if (isExempt(tuple)) {
+        result &= ~(DIF_RESULT_ALL_LBA_VALID | DIF_RESULT_ALL_ZERO);
+        DIF_LOG_LIMITED(ExemptNoteLimiter, kLogInfo,
+                        "DIF_APP_CHECK_INFO: version(0xFF), app(0xFF),difPtr(%p), type(%u), ctrlFlag(0x%x), mid(%u).",
+                        static_cast<const void *>(tuple), param.type, asked, param.mid);
+        return;
+    }
+    const uint8_t version = tupleVersion(tuple);
+    if ((asked & DIF_CHECK_NOT_T10) != 0 && version != 0x00 && version != DIF_VERSION_T10) {
+        result |= DIF_RESULT_NOT_T10;
+    }
+    if ((asked & DIF_CHECK_UNKNOWN_VERSION) != 0 && !isKnownVersion(version)) {
+        result |= DIF_RESULT_UNKNOWN_VERSION;
+    }
+    if (isBstReported(param) && hasBst(tuple)) {
+        DIF_WARN_BLOCK(block,
+                       "DIF_WARNING_CHECK_DIF: HAVE BST error: version(0x%x),difPtr(%p), type(%u), ctrlFlag(0x%x), "
+                       "mid(%u), subPid(%u).",
+                       version, static_cast<const void *>(tuple), param.type, asked, param.mid, param.subPid);
+        result |= DIF_RESULT_HAVE_BST;
+    }
+    if ((asked & DIF_CHECK_ALL_LBA_VALID) != 0 && !hasValidLba(tuple)) {
+        result &= ~DIF_RESULT_ALL_LBA_VALID;
+    }
+    if ((asked & DIF_CHECK_ZERO_DATA) != 0 && !isZeroDataBlock(block)) {
+        result &= ~DIF_RESULT_ALL_ZERO;
+    }
+    resultSettled = isSettled(asked, result) ? 1 : 0;
+}

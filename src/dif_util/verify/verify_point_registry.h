@@ -1,0 +1,12 @@
+/* The verify-point registry, as module start and the checks use it. */
+#pragma once
+
+#include "dif/verify_point.h"
+
+#include <cstdint>
+
+/* Empties the registry and registers the library's own verify point. */
+void initAllModVerifyPointMsg();
+
+/* How many points `mid` has registered; 0 for a `mid` without a record. */
+uint32_t verifyPointNumOf(uint32_t mid);
