@@ -1,18 +1,16 @@
 /* The choice of the CRC16 engine, and the library's way into it. */
+#include "crc16_t10dif/engine.h"
+
 #include "dif/crc16.h"
 #include "dif/types.h"
 #include "platform/crc16_t10dif.h"
 #include "platform/hostlog.h"
 
-#include <atomic>
 #include <cpuid.h>
 
-namespace {
-
-using Crc16Engine = uint16_t (*)(uint16_t seed, const uint8_t *buf, uint64_t len);
-
-/* Null until one is chosen. */
 constinit std::atomic<Crc16Engine> crc16Engine{nullptr};
+
+namespace {
 
 constexpr uint32_t kNotice = 5;
 
@@ -43,8 +41,5 @@ void initCrc16T10Func(void) {
 }
 
 uint16_t crc16T10Dif(uint16_t seed, const uint8_t *buf, uint32_t len) {
-    if (buf == nullptr || len == 0) {
-        return seed;
-    }
-    return __builtin_bswap16(crc16Engine.load(std::memory_order_relaxed)(seed, buf, len));
+    return storedCrc16(seed, buf, len);
 }

@@ -4,15 +4,35 @@
  */
 #pragma once
 
+#include "crc16_t10dif/engine.h"
+#include "dif/types.h"
+#include "platform/osal.h"
+
 #include <cstdint>
-
-using GuardFunc = uint16_t (*)(const uint8_t *data, uint32_t len, bool zeroData);
-
-/* CRC16 T10-DIF, stored big-endian. */
-uint16_t crcGuardT10(const uint8_t *data, uint32_t len, bool zeroData);
-
-/* The low 16 bits of CRC32C, stored little-endian. */
-uint16_t crcGuardCrc32c(const uint8_t *data, uint32_t len, bool zeroData);
 
 /* The guards of all-zero data, as returned. */
 enum : uint16_t { kZeroGuardT10 = 0, kZeroGuardCrc32c512 = 0xEDC0, kZeroGuardCrc32c4096 = 0x4189 };
+
+/* CRC16 T10-DIF, stored big-endian. */
+inline uint16_t crcGuardT10(const uint8_t *data, uint32_t len, bool zeroData) {
+    if (zeroData && (len == 512 || len == 4096)) {
+        return kZeroGuardT10;
+    }
+    return storedCrc16(0, data, len);
+}
+
+/* The low 16 bits of CRC32C, stored little-endian. */
+inline uint16_t crcGuardCrc32c(const uint8_t *data, uint32_t len, bool zeroData) {
+    if (zeroData && len == 512) {
+        return kZeroGuardCrc32c512;
+    }
+    if (zeroData && len == 4096) {
+        return kZeroGuardCrc32c4096;
+    }
+    return static_cast<uint16_t>(osal_crc32c(data, len));
+}
+
+/* The guard that a tuple of `version` carries. */
+inline uint16_t crcGuard(uint8_t version, const uint8_t *data, uint32_t len, bool zeroData) {
+    return version == DIF_VERSION_CRC32C ? crcGuardCrc32c(data, len, zeroData) : crcGuardT10(data, len, zeroData);
+}

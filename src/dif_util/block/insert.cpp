@@ -21,30 +21,35 @@ inline void clearDifArea(uint8_t *block, const DifTypeInfo &info) {
     }
 }
 
+/* Writes what `ctrlFlag` chooses into a tuple. */
+DIF_INSERT_HELPER void insertTuple(DifTuple *tuple, const uint8_t *data, uint32_t dataSize, const DifOpParam &param) {
+    const uint32_t ctrlFlag = param.ctrlFlag;
+    if ((ctrlFlag & DIF_INSERT_NO_CRC) != 0) {
+        setTupleVersion(tuple, DIF_VERSION_NO_CRC);
+        return;
+    }
+    if ((ctrlFlag & DIF_INSERT_CRC) != 0) {
+        writeSystemGuard(tuple, data, dataSize, param.type);
+    }
+    if ((ctrlFlag & DIF_INSERT_LBA) != 0) {
+        setTupleValidLba(tuple, param.lba);
+    }
+}
+
 } // namespace
 
 DIF_INSERT_TEXT void insertDifInOneBlock(const uint8_t *data, uint32_t dataSize, DifTuple *difPtr,
                                          const DifOpParam *param) {
-    const uint32_t ctrlFlag = param->ctrlFlag;
-    if ((ctrlFlag & DIF_INSERT_NO_CRC) != 0) {
-        setTupleVersion(difPtr, DIF_VERSION_NO_CRC);
-        return;
-    }
-    if ((ctrlFlag & DIF_INSERT_CRC) != 0) {
-        writeSystemGuard(difPtr, data, dataSize, param->type);
-    }
-    if ((ctrlFlag & DIF_INSERT_LBA) != 0) {
-        setTupleValidLba(difPtr, param->lba);
-    }
+    insertTuple(difPtr, data, dataSize, *param);
 }
 
 DIF_INSERT_TEXT void insertDifInBlocks(uint8_t *buf, uint32_t blockNum, const DifTypeInfo *typeInfo,
                                        DifOpParam *param) {
-    const DifTypeInfo info = *typeInfo;
+    const DifTypeInfo &info = *typeInfo;
     uint8_t *block = buf;
     for (uint32_t k = 0; k < blockNum; ++k, block += info.blockSize) {
         clearDifArea(block, info);
-        insertDifInOneBlock(block, info.dataSize, tupleOf(block, info), param);
+        insertTuple(tupleOf(block, info), block, info.dataSize, *param);
         ++param->lba;
     }
 }

@@ -32,7 +32,7 @@ inline void replaceDifInOneBlock(const uint8_t *data, uint32_t dataSize, DifTupl
         clearTupleAppFlag(tuple, DIF_APP_LBA_VALID);
     }
     if ((ctrlFlag & DIF_REPLACE_VERSION) != 0) {
-        setTupleVersion(tuple, systemCrc().sysDifCrcVersion);
+        setTupleVersion(tuple, sysDifCrcVersion.load(std::memory_order_relaxed));
     }
 }
 
@@ -44,7 +44,7 @@ inline bool isBlockChosen(const uint32_t *bitmap, uint32_t block) {
 
 DIF_INSERT_TEXT void replaceDifInBlocks(uint8_t *buf, uint32_t blockNum, const DifTypeInfo *typeInfo, DifOpParam *param,
                                         uint32_t startBlock) {
-    const DifTypeInfo info = *typeInfo;
+    const DifTypeInfo &info = *typeInfo;
     const uint32_t *bitmap = param->blockBitmap;
     uint8_t *block = buf;
     for (uint32_t k = 0; k < blockNum; ++k, block += info.blockSize) {

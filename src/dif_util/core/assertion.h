@@ -9,15 +9,16 @@
  * so. Evaluates to false, the answer of a condition that does not hold.
  */
 #define DIF_ASSERT_FAILED(expression, ...)                                                                             \
-    [=](const LogSite &site) __attribute__((cold, noinline)) {                                                         \
+    [=](const char *func) __attribute__((cold, noinline)) {                                                            \
         static constinit AssertLimiter limiter;                                                                        \
+        const LogSite site{DIF_SOURCE_MODULE, func, __LINE__};                                                         \
         if (limiter.admit(site, kLogError)) {                                                                          \
             hostlog(DIF_MODULE_ID, kLogAssert, site.file, site.line, site.func, kNoLogId, __VA_ARGS__);                \
             askHostWhetherToStop(site, (expression));                                                                  \
         }                                                                                                              \
         return false;                                                                                                  \
     }                                                                                                                  \
-    (DIF_SITE)
+    (__func__)
 
 /* True if `condition` holds; otherwise a failed assertion with the text for the log and the one for the host. */
 #define DIF_ASSERT(condition, text, expression) ((condition) || DIF_ASSERT_FAILED(expression, text))

@@ -20,10 +20,11 @@ enum : uint32_t { kLogId = 4660, kNoLogId = 0 };
  * that is called out of line, so that a message costs the path around it no more than the call.
  */
 #define DIF_LOG_LIMITED(LimiterType, level, ...)                                                                       \
-    [=](const LogSite &site) __attribute__((cold, noinline)) {                                                         \
+    [=](const char *func) __attribute__((cold, noinline)) {                                                            \
         static constinit LimiterType limiter;                                                                          \
+        const LogSite site{DIF_SOURCE_MODULE, func, __LINE__};                                                         \
         if (limiter.admit(site, (level))) {                                                                            \
             hostlog_standard(DIF_MODULE_ID, (level), site.func, site.line, kNoLogId, __VA_ARGS__);                     \
         }                                                                                                              \
     }                                                                                                                  \
-    (DIF_SITE)
+    (__func__)

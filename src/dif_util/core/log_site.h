@@ -8,5 +8,3 @@ struct LogSite {
     const char *func;
     int32_t line;
 };
-
-#define DIF_SITE (LogSite{DIF_SOURCE_MODULE, __func__, __LINE__})

@@ -4,3 +4,7 @@
 
 #define DIF_CHECK_TEXT __attribute__((section("dif_Check.text")))
 #define DIF_INSERT_TEXT __attribute__((section("dif_Insert.text")))
+
+/* Helpers of the block loops: part of the loop that calls them. */
+#define DIF_CHECK_HELPER DIF_CHECK_TEXT __attribute__((always_inline)) inline
+#define DIF_INSERT_HELPER DIF_INSERT_TEXT __attribute__((always_inline)) inline

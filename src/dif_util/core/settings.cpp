@@ -5,20 +5,15 @@
 #include "dif_util/core/log.h"
 #include "dif_util/core/section.h"
 
-#include <atomic>
+constinit std::atomic<uint8_t> sysDifCrcVersion{0};
 
 namespace {
 
 constexpr std::memory_order kRelaxed = std::memory_order_relaxed;
 constexpr uint32_t kRepairTypeLimit = 3;
 
-constexpr SystemCrc kNoCrc{0, nullptr};
-constexpr SystemCrc kT10{DIF_VERSION_T10, crcGuardT10};
-constexpr SystemCrc kCrc32c{DIF_VERSION_CRC32C, crcGuardCrc32c};
-
 constinit std::atomic<uint8_t> difSwitch{0};
 constinit std::atomic<uint8_t> difRepairType{0};
-constinit std::atomic<const SystemCrc *> currentCrc{&kNoCrc};
 
 const char *switchName(uint8_t on) {
     return on == 0 ? "OFF" : "ON";
@@ -26,12 +21,8 @@ const char *switchName(uint8_t on) {
 
 } // namespace
 
-const SystemCrc &systemCrc() {
-    return *currentCrc.load(kRelaxed);
-}
-
 void resetSettings() {
-    setSysDifCrcVersion(DIF_VERSION_T10);
+    sysDifCrcVersion.store(DIF_VERSION_T10, kRelaxed);
     difRepairType.store(0, kRelaxed);
     difSwitch.store(1, kRelaxed);
 }
@@ -50,15 +41,13 @@ DIF_CHECK_TEXT uint32_t isDifDisable(void) {
 }
 
 void setSysDifCrcVersion(uint8_t version) {
-    if (version == DIF_VERSION_T10) {
-        currentCrc.store(&kT10, kRelaxed);
-    } else if (version == DIF_VERSION_CRC32C) {
-        currentCrc.store(&kCrc32c, kRelaxed);
+    if (version == DIF_VERSION_T10 || version == DIF_VERSION_CRC32C) {
+        sysDifCrcVersion.store(version, kRelaxed);
     }
 }
 
 uint8_t getSysDifCrcVersion(void) {
-    return systemCrc().sysDifCrcVersion;
+    return sysDifCrcVersion.load(kRelaxed);
 }
 
 uint32_t setDifRepairType(uint8_t repairType, const char *funcName, int32_t line) {

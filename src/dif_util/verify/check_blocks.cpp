@@ -13,13 +13,14 @@
 
 namespace {
 
-inline bool isLbaCheckOn(const DifCheckParam &param) {
-    return (param.ctrlFlag & DIF_CHECK_LBA) != 0 && verifyPointOn(param.lbaLevel, param.mid, param.subPid);
-}
-
-inline bool isCrcCheckOn(const DifCheckParam &param) {
-    return (param.ctrlFlag & DIF_CHECK_CRC) != 0 && verifyPointOn(param.crcLevel, param.mid, param.subPid);
-}
+/* The two level-gated checks of a call. */
+struct LevelGates {
+    explicit LevelGates(const DifCheckParam &param)
+        : lba{(param.ctrlFlag & DIF_CHECK_LBA) != 0, param.lbaLevel, param.mid, param.subPid},
+          crc{(param.ctrlFlag & DIF_CHECK_CRC) != 0, param.crcLevel, param.mid, param.subPid} {}
+    LevelGate lba;
+    LevelGate crc;
+};
 
 /* Whether a failure is the first of its call, which is logged in detail. There is one such claim a call, used up whether
  * or not the message then passes its limiter. */
@@ -29,7 +30,7 @@ inline bool claimDetailedLog(DifCheckParam &param) {
     return first;
 }
 
-inline bool isDifLbaCorrect(const CheckedBlock &block, DifCheckParam &param) {
+DIF_CHECK_HELPER bool isDifLbaCorrect(const CheckedBlock &block, DifCheckParam &param) {
     const uint32_t expected = static_cast<uint32_t>(param.lba);
     const uint32_t actual = tupleLba(block.tuple);
     if (!hasValidLba(block.tuple) || actual == expected) [[likely]] {
@@ -45,22 +46,20 @@ inline bool isDifLbaCorrect(const CheckedBlock &block, DifCheckParam &param) {
     return false;
 }
 
-inline bool isDifCrcCorrect(const CheckedBlock &block, DifCheckParam &param) {
+DIF_CHECK_HELPER bool isDifCrcCorrect(const CheckedBlock &block, DifCheckParam &param) {
     const uint8_t version = tupleVersion(block.tuple);
     if (version == DIF_VERSION_NO_CRC) {
         return true;
     }
     const uint16_t actual = tupleGuard(block.tuple);
-    const bool isCrc32c = version == DIF_VERSION_CRC32C;
-    const uint16_t expected =
-        isCrc32c ? crcGuardCrc32c(block.data, block.dataSize, false) : crcGuardT10(block.data, block.dataSize, false);
+    const uint16_t expected = crcGuard(version, block.data, block.dataSize, false);
     if (actual == expected) [[likely]] {
         return true;
     }
     if (!claimDetailedLog(param)) {
         return false;
     }
-    if (isCrc32c) {
+    if (version == DIF_VERSION_CRC32C) {
         DIF_WARN_BLOCK(block,
                        "DIF_WARNING_CHECK_DIF: CRC error: expected(0x%x), actual(0x%x), ver(CRC32C),block(%u), "
                        "difPtr(%p), type(%u), ctrlFlag(0x%x), mid(%u), subPid(%u), crcLevel(%u).",
@@ -80,7 +79,8 @@ inline bool isDifCrcCorrect(const CheckedBlock &block, DifCheckParam &param) {
  * The integrity step: the result bit of the first comparison that the block fails, or 0 if it passes. A passing CRC32C
  * tuple is converted if the caller asks for it.
  */
-inline uint32_t tryCheckDifIntegrity(const CheckedBlock &block, DifCheckParam &param) {
+DIF_CHECK_HELPER uint32_t tryCheckDifIntegrity(const CheckedBlock &block, const LevelGates &gates,
+                                               DifCheckParam &param) {
     if ((param.ctrlFlag & DIF_CHECK_TRIM_ZERO) == 0 && isExempt(block.tuple)) [[unlikely]] {
         DIF_LOG_LIMITED(ExemptNoteLimiter, kLogInfo,
                         "DIF_INTEGRITY_CHECK_INFO: version(0xFF), app(0xFF), difPtr(%p), type(%u),ctrlFlag(0x%x), "
@@ -90,7 +90,7 @@ inline uint32_t tryCheckDifIntegrity(const CheckedBlock &block, DifCheckParam &p
         return 0;
     }
     const uint8_t version = tupleVersion(block.tuple);
-    if (isLbaCheckOn(param)) {
+    if (gates.lba.isOn()) {
         if (!isKnownVersion(version)) [[unlikely]] {
             if (claimDetailedLog(param)) {
                 DIF_WARN_BLOCK(block,
@@ -105,7 +105,7 @@ inline uint32_t tryCheckDifIntegrity(const CheckedBlock &block, DifCheckParam &p
             return DIF_RESULT_LBA_ERROR;
         }
     }
-    if (isCrcCheckOn(param)) {
+    if (gates.crc.isOn()) {
         if (!isKnownVersion(version)) [[unlikely]] {
             if (claimDetailedLog(param)) {
                 DIF_WARN_BLOCK(block,
@@ -153,7 +153,8 @@ DIF_CHECK_TEXT void initDifCheckResults(DifCheckParam *param, uint8_t *resultSet
         result |= DIF_RESULT_ALL_ZERO;
     }
     *resultSettled = (asked & DIF_CHECK_REPORT_MASK) == 0 ? 1 : 0;
-    const bool integrityOn = isLbaCheckOn(*param) || isCrcCheckOn(*param) || (asked & DIF_CHECK_CONVERT_T10) != 0;
+    const LevelGates gates{*param};
+    const bool integrityOn = gates.lba.isOn() || gates.crc.isOn() || (asked & DIF_CHECK_CONVERT_T10) != 0;
     if (integrityOn && (asked & DIF_CHECK_ALL_BLOCKS) != 0) {
         result |= DIF_RESULT_NONE_PASSED;
     }
@@ -164,7 +165,8 @@ DIF_CHECK_TEXT void initDifCheckResults(DifCheckParam *param, uint8_t *resultSet
 DIF_CHECK_TEXT uint32_t checkDifInBlocks(uint8_t *data, uint32_t blockNum, const DifTypeInfo *typeInfo,
                                          DifCheckParam *param, uint32_t startBlock, uint8_t *resultSettled,
                                          uint8_t *integrityDone) {
-    const DifTypeInfo info = *typeInfo;
+    const DifTypeInfo &info = *typeInfo;
+    const LevelGates gates{*param};
     uint32_t ret = DIF_OK;
     for (uint32_t k = 0; k < blockNum; ++k) {
         const CheckedBlock block{data, info.dataSize, tupleOf(data, info), startBlock + k};
@@ -176,7 +178,7 @@ DIF_CHECK_TEXT uint32_t checkDifInBlocks(uint8_t *data, uint32_t blockNum, const
         }
         if (*integrityDone == 0) {
             const bool goOn = (param->ctrlFlag & DIF_CHECK_ALL_BLOCKS) != 0;
-            const uint32_t error = tryCheckDifIntegrity(block, *param);
+            const uint32_t error = tryCheckDifIntegrity(block, gates, *param);
             if (error != 0) [[unlikely]] {
                 recordFailedBlock(*param, block.index, info.sectorShift, error);
                 ret = DIF_ERR_CHECK;

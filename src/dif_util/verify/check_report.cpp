@@ -68,8 +68,7 @@ DIF_CHECK_TEXT void checkDifVerZero(uint32_t ctrlFlag, const DifTuple *difPtr, u
     }
 }
 
-DIF_CHECK_TEXT void tryCheckDifAppAndSetResult(const CheckedBlock &block, const DifCheckParam &param,
-                                               uint8_t &resultSettled) {
+DIF_CHECK_TEXT void tryCheckDifAppAndSetResult(CheckedBlock block, const DifCheckParam &param, uint8_t &resultSettled) {
     const DifTuple *const tuple = block.tuple;
     const uint32_t asked = param.ctrlFlag;
     uint32_t &result = *param.checkResult;

@@ -18,11 +18,12 @@ void logFailedBlock(const LogSite &site, const CheckedBlock &block);
 
 /* DIF_WARN_BLOCK(block, format, ...): warning and dump, both behind the one limiter of the site. */
 #define DIF_WARN_BLOCK(block, ...)                                                                                     \
-    [=](const LogSite &site) __attribute__((cold, noinline)) {                                                         \
+    [=](const char *func) __attribute__((cold, noinline)) {                                                            \
         static constinit FaultLimiter limiter;                                                                         \
+        const LogSite site{DIF_SOURCE_MODULE, func, __LINE__};                                                         \
         if (limiter.admit(site, kLogWarning)) {                                                                        \
             hostlog_standard(DIF_MODULE_ID, kLogWarning, site.func, site.line, kNoLogId, __VA_ARGS__);                 \
             logFailedBlock(site, (block));                                                                             \
         }                                                                                                              \
     }                                                                                                                  \
-    (DIF_SITE)
+    (__func__)
