@@ -6,6 +6,7 @@
 #include "dif/check.h"
 #include "dif/crc16.h"
 #include "dif/runtime.h"
+#include "dif/sgl.h"
 #include "dif/types.h"
 #include "dif/verify_point.h"
 

@@ -100,6 +100,28 @@ static_assert(sizeof(DifOpParam) == 24, "operation record layout");
 #define DIF_REPLACE_CLEAR_LBA_VALID 0x100u /* clear the valid flag; the LBA bytes stay */
 #define DIF_REPLACE_VERSION 0x200u         /* version := system CRC version */
 
+/* ---- Fault injection --------------------------------------------------------------------------------------------- */
+
+/*
+ * The wrong values to write into the tuples of a range. One record serves one call at a time: injection changes `lba` and
+ * bit 30 of `ctrlFlag` while it runs; it restores the first and clears the second.
+ */
+typedef struct DifInjectParam {
+    uint32_t type;     /* DIF_DATA_*, below DIF_DATA_BUTT */
+    uint32_t ctrlFlag; /* DIF_INJECT_* */
+    uint64_t lba;      /* LBA for the first block; each further block has one more */
+    uint16_t crc;      /* stored in the machine's order, byte 0 low */
+    uint8_t version;
+} DifInjectParam;
+
+static_assert(sizeof(DifInjectParam) == 24, "injection record layout");
+
+/* Applied to each block in this order. */
+#define DIF_INJECT_VERSION 0x1u /* write `version` */
+#define DIF_INJECT_CRC 0x2u     /* write `crc` over the guard */
+#define DIF_INJECT_LBA 0x4u     /* write `lba` and set its valid flag */
+#define DIF_INJECT_BST 0x8u     /* set the BST mark */
+
 /* ---- Checks ------------------------------------------------------------------------------------------------------ */
 
 /*

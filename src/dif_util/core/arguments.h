@@ -19,12 +19,25 @@
 /* The unconditional assertion. */
 #define DIF_ASSERT_NEVER() DIF_ASSERT_FAILED("0", "0")
 
+/* What is logged about a range of no whole block. */
+#define DIF_NO_BLOCKS_FORMAT "DIF_ERROR_BLOCK_NUM: sectorNum(%u),type(%u),blockSize(%u)."
+#define DIF_LOG_NO_BLOCKS(sectorNum, type, info)                                                                       \
+    DIF_LOG(kLogError, DIF_NO_BLOCKS_FORMAT, (sectorNum), (type), (info).blockSize)
+
 /* A range of no whole block: logged, then asserted. The operation goes on with no blocks. */
 #define DIF_ASSERT_BLOCKS(blockNum, sectorNum, type, info)                                                             \
     do {                                                                                                               \
         if ((blockNum) == 0) {                                                                                         \
-            DIF_LOG(kLogError, "DIF_ERROR_BLOCK_NUM: sectorNum(%u),type(%u),blockSize(%u).", (sectorNum), (type),      \
-                    (info).blockSize);                                                                                 \
+            DIF_LOG_NO_BLOCKS(sectorNum, type, info);                                                                  \
             DIF_ASSERT_NEVER();                                                                                        \
         }                                                                                                              \
     } while (0)
+
+/* The same without a message of its own. */
+#define DIF_ASSERT_ANY_BLOCKS(blockNum) static_cast<void>(DIF_ASSERT((blockNum) != 0, "blockNum != 0", "blockNum != 0"))
+
+/* The same for the operations that fix 520-byte blocks, as a condition. */
+#define DIF_ASSERT_SECTORS(sectorNum)                                                                                  \
+    ((sectorNum) != 0 ||                                                                                               \
+     (DIF_LOG(kLogError, "DIF_ERROR_BLOCK_NUM: sectorNum(%u),blockSize(%u).", 0u, kTypeInfo[DIF_DATA_520].blockSize),  \
+      DIF_ASSERT_NEVER()))

@@ -8,7 +8,10 @@
  * message, hands `expression` (a text, may be null) to the host's assertion service and stops the process if that says
  * so. Evaluates to false, the answer of a condition that does not hold.
  */
-#define DIF_ASSERT_FAILED(expression, ...)                                                                             \
+#define DIF_ASSERT_FAILED(expression, ...) DIF_ASSERT_FAILED_IN(__func__, expression, __VA_ARGS__)
+
+/* The same on behalf of the function named `function`. */
+#define DIF_ASSERT_FAILED_IN(function, expression, ...)                                                                \
     [=](const char *func) __attribute__((cold, noinline)) {                                                            \
         static constinit AssertLimiter limiter;                                                                        \
         const LogSite site{DIF_SOURCE_MODULE, func, __LINE__};                                                         \
@@ -18,7 +21,7 @@
         }                                                                                                              \
         return false;                                                                                                  \
     }                                                                                                                  \
-    (__func__)
+    (function)
 
 /* True if `condition` holds; otherwise a failed assertion with the text for the log and the one for the host. */
 #define DIF_ASSERT(condition, text, expression) ((condition) || DIF_ASSERT_FAILED(expression, text))

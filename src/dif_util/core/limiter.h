@@ -59,5 +59,6 @@ struct BurstLimiter : BurstState {
 /* The limits in use, in ticks of osal_get_jiffies. */
 using FaultLimiter = CreditLimiter<1250>;         /* faults found in data, and chain dumps */
 using ExemptNoteLimiter = CreditLimiter<75000>;   /* notes on exempt tuples */
-using InputErrorLimiter = BurstLimiter<15000, 3>; /* unusable input of the checks */
+using EventLimiter = BurstLimiter<2500, 3>;       /* injected faults, and unusable input of the returning list checks */
+using InputErrorLimiter = BurstLimiter<15000, 3>; /* unusable input of the other checks */
 using AssertLimiter = BurstLimiter<150000, 1>;    /* every assertion */

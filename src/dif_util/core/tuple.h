@@ -22,6 +22,10 @@ inline DifTuple *tupleOf(uint8_t *block, const DifTypeInfo &info) {
     return reinterpret_cast<DifTuple *>(block + info.difOffset);
 }
 
+inline const DifTuple *tupleOf(const uint8_t *block, const DifTypeInfo &info) {
+    return reinterpret_cast<const DifTuple *>(block + info.difOffset);
+}
+
 /* The guard bytes as a little-endian number, byte 0 low: the form in which guard functions return a guard. */
 inline uint16_t tupleGuard(const DifTuple *tuple) {
     uint16_t guard;

@@ -47,7 +47,7 @@ uint32_t checkDif(uint8_t *buf, uint32_t sectorNum, DifCheckParam *param, const 
     if (trimOnly) {
         trimBlocks(buf, blockNum, info);
     } else {
-        call.run(buf, blockNum, info);
+        call.run(buf, blockNum, info, 0);
     }
     return call.finish();
 }

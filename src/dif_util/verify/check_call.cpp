@@ -5,21 +5,19 @@
 #include "dif_util/core/section.h"
 
 DIF_CHECK_TEXT CheckCall::CheckCall(DifCheckParam &param)
-    : param_{param}, lba_{param.lba}, checkResult_{param.checkResult} {
-    if (checkResult_ == nullptr) {
+    : param_{param}, lba_{param.lba}, checkResult_{param.checkResult}, logFirst_{param.ctrlFlag, DIF_CHECK_LOG_FIRST} {
+    if (param_.checkResult == nullptr) {
         param_.checkResult = &ownResult_;
     }
-    param_.ctrlFlag |= DIF_CHECK_LOG_FIRST;
     initDifCheckResults(&param_, &resultSettled_, &integrityDone_);
     integrityOn_ = integrityDone_ == 0;
 }
 
-DIF_CHECK_TEXT void CheckCall::run(uint8_t *data, uint32_t blockNum, const DifTypeInfo &info) {
-    const uint32_t ret = checkDifInBlocks(data, blockNum, &info, &param_, nextBlock_, &resultSettled_, &integrityDone_);
+DIF_CHECK_TEXT void CheckCall::run(uint8_t *data, uint32_t blockNum, const DifTypeInfo &info, uint32_t startBlock) {
+    const uint32_t ret = checkDifInBlocks(data, blockNum, &info, &param_, startBlock, &resultSettled_, &integrityDone_);
     if (ret != DIF_OK) {
         ret_ = ret;
     }
-    nextBlock_ += blockNum;
 }
 
 DIF_CHECK_TEXT uint32_t CheckCall::finish() {
@@ -42,10 +40,4 @@ DIF_CHECK_TEXT uint32_t CheckCall::finish() {
         }
     }
     return ret_;
-}
-
-DIF_CHECK_TEXT CheckCall::~CheckCall() {
-    param_.ctrlFlag &= ~DIF_CHECK_LOG_FIRST;
-    param_.lba = lba_;
-    param_.checkResult = checkResult_;
 }

@@ -2,18 +2,21 @@
 #pragma once
 
 #include "dif/types.h"
+#include "dif_util/core/restore.h"
+#include "dif_util/core/scoped_flag.h"
 
 #include <cstdint>
 
+/*
+ * Prepares the record when it is made: a result word of the call's own if the caller has none, the claim to one detailed
+ * message, the outputs. Puts it back when it goes: `lba` and `checkResult` as they were, DIF_CHECK_LOG_FIRST clear.
+ */
 class CheckCall {
 public:
-    /* Prepares the record: a result word of the call's own if the caller has none, the detailed-log claim, the outputs. */
     explicit CheckCall(DifCheckParam &param);
-    CheckCall(const CheckCall &) = delete;
-    CheckCall &operator=(const CheckCall &) = delete;
 
-    /* Checks the next `blockNum` blocks of the range. */
-    void run(uint8_t *data, uint32_t blockNum, const DifTypeInfo &info);
+    /* Checks a run of blocks, the first of which has index `startBlock` in the range; runs come in order. */
+    void run(uint8_t *data, uint32_t blockNum, const DifTypeInfo &info, uint32_t startBlock);
 
     /* Whether the rest of the range has nothing left to tell. */
     bool isDone() const { return resultSettled_ != 0 && integrityDone_ != 0; }
@@ -21,17 +24,14 @@ public:
     /* Counts the failure kinds found at the caller's verify point, once each. Returns the result of the call. */
     uint32_t finish();
 
-    /* Puts the record back: the detailed-log bit clear, `lba` and `checkResult` as they were given. */
-    ~CheckCall();
-
 private:
     DifCheckParam &param_;
-    const uint64_t lba_;
-    uint32_t *const checkResult_;
+    const Restore<uint64_t> lba_;
+    const Restore<uint32_t *> checkResult_;
+    const ScopedFlag logFirst_;
     uint32_t ownResult_ = 0;
     uint8_t resultSettled_ = 0;
     uint8_t integrityDone_ = 0;
     bool integrityOn_ = false;
-    uint32_t nextBlock_ = 0;
     uint32_t ret_ = DIF_OK;
 };

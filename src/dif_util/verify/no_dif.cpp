@@ -38,7 +38,7 @@ bool noDifZeroDataCheck(const uint8_t *buf, uint32_t sectorNum, const DifCheckPa
     }
     const DifTypeInfo &info = kTypeInfo[param->type];
     const uint32_t blockNum = sectorNum >> info.sectorShift;
-    static_cast<void>(DIF_ASSERT(blockNum != 0, "blockNum != 0", "blockNum != 0"));
+    DIF_ASSERT_ANY_BLOCKS(blockNum);
     return noDifZeroDataCheckInBlocks(buf, blockNum, &info);
 }
 
