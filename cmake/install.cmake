@@ -1,0 +1,26 @@
+# What `cmake --install` puts in place: the libraries, their headers, difctl, and how pkg-config and CMake find them.
+# Everything is found relative to where it lies, so that any prefix works, one given at installation included.
+include(CMakePackageConfigHelpers)
+
+install(TARGETS dif dif_host EXPORT difTargets)
+install(DIRECTORY include/dif DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
+install(DIRECTORY platform/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/dif/platform FILES_MATCHING PATTERN "*.h")
+install(FILES host/dif_host.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+
+file(RELATIVE_PATH dif_libdir_from_bindir ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+set_target_properties(difctl PROPERTIES INSTALL_RPATH "$ORIGIN/${dif_libdir_from_bindir}")
+install(TARGETS difctl)
+
+set(dif_pkgconfig_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+file(RELATIVE_PATH dif_prefix_from_pkgconfig ${CMAKE_INSTALL_PREFIX}/${dif_pkgconfig_dir} ${CMAKE_INSTALL_PREFIX})
+foreach(library dif dif_host)
+  configure_file(cmake/${library}.pc.in ${library}.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/${library}.pc DESTINATION ${dif_pkgconfig_dir})
+endforeach()
+
+set(dif_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/dif)
+configure_package_config_file(cmake/difConfig.cmake.in difConfig.cmake INSTALL_DESTINATION ${dif_cmake_dir})
+write_basic_package_version_file(difConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/difConfig.cmake ${PROJECT_BINARY_DIR}/difConfigVersion.cmake
+  DESTINATION ${dif_cmake_dir})
+install(EXPORT difTargets NAMESPACE dif:: DESTINATION ${dif_cmake_dir})

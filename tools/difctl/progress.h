@@ -1,0 +1,43 @@
+/* What a user sees on standard error: messages, and while work lasts on a terminal, a progress bar. */
+#ifndef DIFCTL_PROGRESS_H
+#define DIFCTL_PROGRESS_H
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace difctl {
+
+/* Writes "difctl: TEXT" as one line, over a progress bar if one is there. */
+void printMessage(const std::string &text);
+
+/* A bar with share, rate and remaining time; without a known total, amount and rate. Silent off a terminal. */
+class Progress {
+public:
+    Progress(std::optional<uint64_t> totalBytes, bool wanted);
+    ~Progress();
+    Progress(const Progress &) = delete;
+    Progress &operator=(const Progress &) = delete;
+
+    void advance(uint64_t bytes);
+
+    /* Takes the bar away until the next draw, to make room for other output. */
+    void clear();
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    void draw(Clock::time_point now);
+
+    std::optional<uint64_t> totalBytes_;
+    bool active_;
+    bool drawn_ = false;
+    uint64_t doneBytes_ = 0;
+    Clock::time_point start_ = Clock::now();
+    Clock::time_point nextDraw_;
+};
+
+} // namespace difctl
+
+#endif

@@ -1,0 +1,30 @@
+#include "commands.h"
+#include "error.h"
+#include "pipeline.h"
+#include "progress.h"
+
+namespace difctl {
+
+int runProtect(const ProtectOptions &options) {
+    const BlockFormat &format = formatOfBlockSize(options.blockSize);
+    setSysDifCrcVersion(versionOfCrcName(options.crc));
+    const uint32_t insertFlags = DIF_INSERT_CRC | (options.noLba ? 0 : DIF_INSERT_LBA);
+    Source source(options.source, format.geometry.dataSize);
+    Destination destination(options.destination, options.force);
+    Progress progress(source.length(), options.progress);
+    const auto process = [&](Request &request) { protectRequest(request, insertFlags, options.lba); };
+    const auto consume = [&](Request &request) {
+        destination.write(request.wholeBlocks(request.blockNum));
+        progress.advance(request.dataOnly(request.blockNum).bytes());
+        return true;
+    };
+    try {
+        runPipeline(source, {format, &Request::dataOnly, process, consume});
+    } catch (const Error &error) {
+        throw Error(error.what() + destination.leftoverNote());
+    }
+    destination.commit();
+    return kAllWell;
+}
+
+} // namespace difctl

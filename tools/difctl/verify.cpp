@@ -1,0 +1,56 @@
+#include "commands.h"
+#include "pipeline.h"
+#include "progress.h"
+#include "report.h"
+
+namespace difctl {
+
+CheckOptions checkOptionsOf(const ProtectedImageOptions &options) {
+    CheckOptions check;
+    check.imageLba = options.lba;
+    check.compareLbas = !options.noLba;
+    check.allBlocks = options.all;
+    if (!options.crc.empty()) {
+        check.requiredVersion = versionOfCrcName(options.crc);
+    }
+    return check;
+}
+
+int runVerify(const VerifyOptions &options) {
+    const BlockFormat &format = formatOfBlockSize(options.blockSize);
+    CheckOptions check = checkOptionsOf(options);
+    check.report = options.report;
+    Source source(options.image, format.geometry.blockSize);
+    Progress progress(source.length(), options.progress);
+    Findings findings(options.all);
+    const std::string prefix = source.name() + ": ";
+    std::string text = options.json ? jsonBegin(source.name(), options.blockSize, options.lba) : "";
+
+    const auto process = [&](Request &request) { checkRequest(request, check); };
+    const auto consume = [&](Request &request) {
+        bool first = findings.failed() == 0;
+        findings.add(request);
+        for (const Fault &fault : request.faults) {
+            text += options.json ? jsonFault(fault, first) : prefix + faultText(fault) + "\n";
+            first = false;
+        }
+        if (!text.empty()) {
+            progress.clear();
+            printResult(text);
+            text.clear();
+        }
+        progress.advance(request.wholeBlocks(request.blockNum).bytes());
+        return options.report || findings.complete();
+    };
+    runPipeline(source, {format, &Request::wholeBlocks, process, consume});
+    progress.clear();
+    if (options.json) {
+        text = jsonEnd(findings, options.report);
+    } else {
+        text = (options.report ? reportText(findings) : "") + prefix + totalsText(findings) + "\n";
+    }
+    printResult(text);
+    return findings.failed() == 0 ? kAllWell : kFaultsFound;
+}
+
+} // namespace difctl
