@@ -118,8 +118,9 @@ class DifctlTest(unittest.TestCase):
         self.assertEqual(result["failed_blocks"], faults)
         self.assertEqual(result["failed"], {"total": 5, "guard": 3, "LBA": 1, "version": 1})
         self.assertEqual((result["blocks_checked"], result["complete"]), (6200, True))
-        self.assertEqual(result["report"], {"have_bst": True, "all_lba_valid": False, "all_zero": False, "not_t10": True,
-                                            "unknown_version": True, "version_zero": False})
+        self.assertEqual(result["report"], {"have_bst": True, "all_lba_valid": False, "all_zero": False,
+                                            "not_t10": True, "unknown_version": True,
+                                            "version_zero": False})
         for extra in ([], ["--report"]):
             result = self.verify(*extra, "--lba", "100", "img")
             self.assertEqual((result["failed_blocks"], result["blocks_checked"]), (faults[:1], 8))
@@ -189,7 +190,8 @@ class DifctlTest(unittest.TestCase):
                 self.refused(*args, says=says, **kwargs)
         self.assertEqual(pathlib.Path("taken").read_bytes(), b"old")
         os.chmod("raw", 0), os.chmod(".", 0o755)
-        self.refused("verify", "raw", says=["raw", "Permission denied"], **({"user": 65534} if os.getuid() == 0 else {}))
+        user = {"user": 65534} if os.getuid() == 0 else {}
+        self.refused("verify", "raw", says=["raw", "Permission denied"], **user)
 
     @contextlib.contextmanager
     def waiting_tool(self, *args, **kwargs):
