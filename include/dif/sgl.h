@@ -52,7 +52,7 @@ DIF_API void injectDifInSgl(const Sgl *sgl, uint32_t offsetByte, uint32_t sector
 
 /*
  * As checkDif, over a list. A `ctrlFlag` of DIF_CHECK_TRIM_ZERO alone trims the range and touches no output.
- * Returns DIF_OK or DIF_ERR_CHECK.
+ * Returns DIF_OK or DIF_ERR_CHECK. If the chain ends before the range, it asserts, and answers for the blocks it reached.
  */
 DIF_API uint32_t checkDifInSgl(const Sgl *sgl, uint32_t offsetByte, uint32_t sectorNum, DifCheckParam *param,
                                const char *funcName, int32_t line);
@@ -77,7 +77,7 @@ DIF_API uint32_t checkDifInSglWithErrRetInputCheck(const Sgl *sgl, const DifChec
 DIF_API uint32_t checkDifInSglWithStdT10(const Sgl *sgl, uint32_t offsetByte, uint32_t sectorNum,
                                          const DifCheckParam *param);
 
-/* As noDifZeroDataCheck, over a list. */
+/* As noDifZeroDataCheck, over a list; false if the chain ends before the range. */
 DIF_API bool noDifZeroDataCheckInSgl(const Sgl *sgl, uint32_t offsetByte, uint32_t sectorNum,
                                      const DifCheckParam *param);
 
@@ -85,7 +85,7 @@ DIF_API bool noDifZeroDataCheckInSgl(const Sgl *sgl, uint32_t offsetByte, uint32
 DIF_API void noDifSetCheckResultInSgl(const Sgl *sgl, uint32_t offsetByte, uint32_t sectorNum,
                                       const DifCheckParam *param);
 
-/* As isDifEvictable, over a list of 520-byte blocks. */
+/* As isDifEvictable, over a list of 520-byte blocks; false for a null list and if the chain ends before the range. */
 DIF_API bool isDifEvictableInSgl(const Sgl *sgl, uint32_t offsetByte, uint32_t sectorNum);
 
 DIF_END_DECLS

@@ -138,7 +138,7 @@ typedef struct DifCheckParam {
     uint64_t lba;             /* expected LBA of the first block */
     uint32_t *checkResult;    /* result word: DIF_RESULT_*, written fresh by every call; may be null */
     uint32_t *errBlockBitmap; /* may be null; bit i % 32 of word i / 32 is set by atomic OR for each failed block i */
-    uint32_t *errBlockIndex;  /* may be null; 0xFFFFFFFF, or the sector index of the first failed block */
+    uint32_t *errBlockIndex;  /* may be null; sector index of the first failed block, or DIF_ERR_BLOCK_NONE */
 } DifCheckParam;
 
 static_assert(sizeof(DifCheckParam) == 48, "check record layout");
@@ -163,6 +163,9 @@ static_assert(sizeof(DifCheckParam) == 48, "check record layout");
 
 /* Internal: the next failure of this call is logged in detail. Callers leave it clear. */
 #define DIF_CHECK_LOG_FIRST 0x40000000u
+
+/* The error index while no block has failed. */
+#define DIF_ERR_BLOCK_NONE 0xFFFFFFFFu
 
 /* The result word. */
 #define DIF_RESULT_CRC_ERROR 0x1u        /* some block has a wrong guard */

@@ -81,7 +81,7 @@ DIF_API extern const char *const g_levelDescription[DIF_VERIFY_LEVEL_BUTT + 1];
 DIF_API void initVerifyPoint(void);
 
 /* Levels, of all modules or of one. Any value is stored; above 4 every valid request passes. For a `mid` of 16 or more,
- * the setter stores nothing and the getter answers 0. */
+ * the setter logs an error and stores nothing, and the getter answers 0. */
 DIF_API void setSysDifVerifyLevel(uint8_t level);
 DIF_API void setDifVerifyLevelByMid(uint32_t mid, uint8_t level);
 DIF_API uint8_t getDifVerifyLevelByMid(uint32_t mid);

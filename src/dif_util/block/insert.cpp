@@ -23,15 +23,14 @@ inline void clearDifArea(uint8_t *block, const DifTypeInfo &info) {
 
 /* Writes what `ctrlFlag` chooses into a tuple. */
 DIF_INSERT_HELPER void insertTuple(DifTuple *tuple, const uint8_t *data, uint32_t dataSize, const DifOpParam &param) {
-    const uint32_t ctrlFlag = param.ctrlFlag;
-    if ((ctrlFlag & DIF_INSERT_NO_CRC) != 0) {
+    if ((param.ctrlFlag & DIF_INSERT_NO_CRC) != 0) {
         setTupleVersion(tuple, DIF_VERSION_NO_CRC);
         return;
     }
-    if ((ctrlFlag & DIF_INSERT_CRC) != 0) {
+    if ((param.ctrlFlag & DIF_INSERT_CRC) != 0) {
         writeSystemGuard(tuple, data, dataSize, param.type);
     }
-    if ((ctrlFlag & DIF_INSERT_LBA) != 0) {
+    if ((param.ctrlFlag & DIF_INSERT_LBA) != 0) {
         setTupleValidLba(tuple, param.lba);
     }
 }

@@ -37,7 +37,7 @@ void trans2LSectorDif(const uint8_t *buf, uint32_t sectorNum, DifTuple *dif) {
     if (!DIF_ASSERT_NOT_NULL(buf)) {
         return;
     }
-    static_cast<void>(DIF_ASSERT(sectorNum != 0, "sectorNum != 0", "sectorNum != 0"));
+    static_cast<void>(DIF_ASSERT(sectorNum != 0));
     if (!DIF_ASSERT_NOT_NULL(dif)) {
         return;
     }

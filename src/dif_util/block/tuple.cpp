@@ -35,14 +35,14 @@ uint32_t getDifLba(const uint8_t *buffer, uint32_t bufSize, uint64_t *lba) {
 }
 
 bool isDifDataAllZero(const DifTuple *difBuf) {
-    if (!DIF_ASSERT(difBuf != nullptr, "difBuf != ((void *)0)", "difBuf != ((void *)0)")) {
+    if (!DIF_ASSERT_AS(difBuf != nullptr, "difBuf != ((void *)0)", "difBuf != ((void *)0)")) {
         return false;
     }
     return tupleGuard(difBuf) == 0 && tupleApp(difBuf) == 0 && tupleLba(difBuf) == 0;
 }
 
 void clearDifVersion(DifTuple *difBuf) {
-    if (DIF_ASSERT(difBuf != nullptr, "difBuf != ((void *)0)", "difBuf != ((void *)0)")) {
+    if (DIF_ASSERT_AS(difBuf != nullptr, "difBuf != ((void *)0)", "difBuf != ((void *)0)")) {
         setTupleVersion(difBuf, 0);
     }
 }

@@ -5,16 +5,14 @@
 #include "dif_util/core/geometry.h"
 
 /* A pointer argument is not null. */
-#define DIF_ASSERT_NOT_NULL(pointer) DIF_ASSERT((pointer) != nullptr, #pointer " != NULL", #pointer " != ((void *)0)")
+#define DIF_ASSERT_NOT_NULL(pointer)                                                                                   \
+    DIF_ASSERT_AS((pointer) != nullptr, #pointer " != NULL", #pointer " != ((void *)0)")
 
 /* The record of an insertion, replacement or injection has a valid type. */
-#define DIF_ASSERT_OP_TYPE(param)                                                                                      \
-    DIF_ASSERT((param)->type < DIF_DATA_BUTT, "(param->type) < DIF_DATA_BUTT", "(param->type) < DIF_DATA_BUTT")
+#define DIF_ASSERT_OP_TYPE(param) DIF_ASSERT((param->type) < DIF_DATA_BUTT)
 
 /* The record of a check has a type that checks accept. */
-#define DIF_ASSERT_CHECK_TYPE(param)                                                                                   \
-    DIF_ASSERT(isCheckType((param)->type), "param->type == DIF_DATA_520 || param->type == DIF_DATA_4160",              \
-               "param->type == DIF_DATA_520 || param->type == DIF_DATA_4160")
+#define DIF_ASSERT_CHECK_TYPE(param) DIF_ASSERT(param->type == DIF_DATA_520 || param->type == DIF_DATA_4160)
 
 /* The unconditional assertion. */
 #define DIF_ASSERT_NEVER() DIF_ASSERT_FAILED("0", "0")
@@ -34,7 +32,7 @@
     } while (0)
 
 /* The same without a message of its own. */
-#define DIF_ASSERT_ANY_BLOCKS(blockNum) static_cast<void>(DIF_ASSERT((blockNum) != 0, "blockNum != 0", "blockNum != 0"))
+#define DIF_ASSERT_ANY_BLOCKS(blockNum) static_cast<void>(DIF_ASSERT(blockNum != 0))
 
 /* The same for the operations that fix 520-byte blocks, as a condition. */
 #define DIF_ASSERT_SECTORS(sectorNum)                                                                                  \

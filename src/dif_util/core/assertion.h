@@ -12,19 +12,16 @@
 
 /* The same on behalf of the function named `function`. */
 #define DIF_ASSERT_FAILED_IN(function, expression, ...)                                                                \
-    [=](const char *func) __attribute__((cold, noinline)) {                                                            \
-        static constinit AssertLimiter limiter;                                                                        \
-        const LogSite site{DIF_SOURCE_MODULE, func, __LINE__};                                                         \
-        if (limiter.admit(site, kLogError)) {                                                                          \
-            hostlog(DIF_MODULE_ID, kLogAssert, site.file, site.line, site.func, kNoLogId, __VA_ARGS__);                \
-            askHostWhetherToStop(site, (expression));                                                                  \
-        }                                                                                                              \
-        return false;                                                                                                  \
-    }                                                                                                                  \
-    (function)
+    (DIF_LIMITED(function, AssertLimiter, kLogError,                                                                   \
+                 hostlog(DIF_MODULE_ID, kLogAssert, site.file, site.line, site.func, kNoLogId, __VA_ARGS__);           \
+                 askHostWhetherToStop(site, expression)),                                                              \
+     false)
 
 /* True if `condition` holds; otherwise a failed assertion with the text for the log and the one for the host. */
-#define DIF_ASSERT(condition, text, expression) ((condition) || DIF_ASSERT_FAILED(expression, text))
+#define DIF_ASSERT_AS(condition, text, expression) ((condition) || DIF_ASSERT_FAILED(expression, text))
+
+/* The same with the condition as written for both texts. */
+#define DIF_ASSERT(condition) DIF_ASSERT_AS(condition, #condition, #condition)
 
 /* Asks the host's assertion service about a fired assertion, and stops the process if it answers yes. */
 void askHostWhetherToStop(const LogSite &site, const char *expression);

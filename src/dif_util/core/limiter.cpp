@@ -23,7 +23,7 @@ void reportSuppressed(const LogSite &site, uint32_t gate, uint64_t interval, uin
 
 } // namespace
 
-bool CreditState::admit(const LogSite &site, uint32_t gate) {
+bool CreditLimiter::admit(const LogSite &site, uint32_t gate) {
     if (hostlog_level_check(DIF_MODULE_ID, gate) != 0) {
         return false;
     }
@@ -41,7 +41,7 @@ bool CreditState::admit(const LogSite &site, uint32_t gate) {
     return true;
 }
 
-bool BurstState::admit(const LogSite &site, uint32_t gate) {
+bool BurstLimiter::admit(const LogSite &site, uint32_t gate) {
     if (hostlog_level_check(DIF_MODULE_ID, gate) != 0) {
         return false;
     }

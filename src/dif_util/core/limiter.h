@@ -1,6 +1,6 @@
 /*
  * Rate limiters for messages of failure and notice paths. Every site owns one; its state is shared by all threads
- * without a lock, so that concurrent callers may miscount by a message, never more.
+ * without a lock: concurrent callers may write a message too many or lose a count, which is accepted.
  */
 #pragma once
 
@@ -13,9 +13,9 @@
  * Credit grows by one a tick up to three intervals and a message costs one interval: three messages in a burst, then one
  * an interval.
  */
-class CreditState {
+class CreditLimiter {
 public:
-    constexpr explicit CreditState(uint64_t interval) : interval_{interval}, credit_{3 * interval} {}
+    constexpr explicit CreditLimiter(uint64_t interval) : interval_{interval}, credit_{3 * interval} {}
 
     /* Whether the site may write now. Before a message that follows dropped ones, reports their count (at level `gate`)
      * unless it did so within ten intervals. With `gate` filtered by the host, answers false and changes nothing. */
@@ -30,11 +30,11 @@ private:
 };
 
 /* `burst` messages, then silence until an interval has passed since the last of them. */
-class BurstState {
+class BurstLimiter {
 public:
-    constexpr BurstState(uint64_t interval, uint32_t burst) : interval_{interval}, burst_{burst} {}
+    constexpr BurstLimiter(uint64_t interval, uint32_t burst) : interval_{interval}, burst_{burst} {}
 
-    /* As CreditState::admit, except that the count is reported when a new period starts. */
+    /* As CreditLimiter::admit, except that the count is reported when a new period starts. */
     bool admit(const LogSite &site, uint32_t gate);
 
 private:
@@ -46,19 +46,29 @@ private:
     std::atomic<uint64_t> lastReport_{0};
 };
 
-template <uint64_t Interval>
-struct CreditLimiter : CreditState {
-    constexpr CreditLimiter() : CreditState{Interval} {}
-};
-
-template <uint64_t Interval, uint32_t Burst>
-struct BurstLimiter : BurstState {
-    constexpr BurstLimiter() : BurstState{Interval, Burst} {}
-};
-
 /* The limits in use, in ticks of osal_get_jiffies. */
-using FaultLimiter = CreditLimiter<1250>;         /* faults found in data, and chain dumps */
-using ExemptNoteLimiter = CreditLimiter<75000>;   /* notes on exempt tuples */
-using EventLimiter = BurstLimiter<2500, 3>;       /* injected faults, and unusable input of the returning list checks */
-using InputErrorLimiter = BurstLimiter<15000, 3>; /* unusable input of the other checks */
-using AssertLimiter = BurstLimiter<150000, 1>;    /* every assertion */
+
+/* Faults found in data, and chain dumps. */
+struct FaultLimiter : CreditLimiter {
+    constexpr FaultLimiter() : CreditLimiter{1250} {}
+};
+
+/* Notes on exempt tuples. */
+struct ExemptNoteLimiter : CreditLimiter {
+    constexpr ExemptNoteLimiter() : CreditLimiter{75000} {}
+};
+
+/* Injected faults, and unusable input of the list operations that return errors. */
+struct EventLimiter : BurstLimiter {
+    constexpr EventLimiter() : BurstLimiter{2500, 3} {}
+};
+
+/* Unusable input of the other checks. */
+struct InputErrorLimiter : BurstLimiter {
+    constexpr InputErrorLimiter() : BurstLimiter{15000, 3} {}
+};
+
+/* Every assertion. */
+struct AssertLimiter : BurstLimiter {
+    constexpr AssertLimiter() : BurstLimiter{150000, 1} {}
+};

@@ -16,15 +16,21 @@ enum : uint32_t { kLogId = 4660, kNoLogId = 0 };
 #define DIF_LOG(level, ...) hostlog(DIF_MODULE_ID, (level), DIF_SOURCE_MODULE, __LINE__, __func__, kLogId, __VA_ARGS__)
 
 /*
- * A message behind a limiter: DIF_LOG_LIMITED(LimiterType, level, format, ...). The arguments are copied into a closure
- * that is called out of line, so that a message costs the path around it no more than the call.
+ * DIF_LIMITED(function, LimiterType, gate, statements): runs the statements, which know the `site`, if the limiter of this
+ * place admits them. They are a closure that copies what it uses and lies with the cold code, so that a message costs the
+ * path around it no more than a call.
  */
-#define DIF_LOG_LIMITED(LimiterType, level, ...)                                                                       \
+#define DIF_LIMITED(function, LimiterType, gate, ...)                                                                  \
     [=](const char *func) __attribute__((cold, noinline)) {                                                            \
         static constinit LimiterType limiter;                                                                          \
         const LogSite site{DIF_SOURCE_MODULE, func, __LINE__};                                                         \
-        if (limiter.admit(site, (level))) {                                                                            \
-            hostlog_standard(DIF_MODULE_ID, (level), site.func, site.line, kNoLogId, __VA_ARGS__);                     \
+        if (limiter.admit(site, (gate))) {                                                                             \
+            __VA_ARGS__;                                                                                               \
         }                                                                                                              \
     }                                                                                                                  \
-    (__func__)
+    (function)
+
+/* A message behind a limiter: DIF_LOG_LIMITED(LimiterType, level, format, ...). */
+#define DIF_LOG_LIMITED(LimiterType, level, ...)                                                                       \
+    DIF_LIMITED(__func__, LimiterType, level,                                                                          \
+                hostlog_standard(DIF_MODULE_ID, (level), site.func, site.line, kNoLogId, __VA_ARGS__))

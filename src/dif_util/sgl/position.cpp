@@ -7,7 +7,7 @@ DIF_INSERT_TEXT SglPosition getStartSglByOffset(const SglRange &range) {
     struct Op;
     SglPosition start;
     const uint32_t residBytesPara = range.offsetByte + 1;
-    if (DIF_ASSERT(residBytesPara > 0, "residBytesPara > 0", "residBytesPara > 0")) {
+    if (DIF_ASSERT(residBytesPara > 0)) {
         positionInChain<FaultsAssert, Op>(__func__, range, residBytesPara, start);
     }
     return start;

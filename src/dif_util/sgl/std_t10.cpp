@@ -3,7 +3,6 @@
 #include "dif/runtime.h"
 #include "dif/sgl.h"
 #include "dif_util/core/arguments.h"
-#include "dif_util/core/tuple.h"
 #include "dif_util/sgl/position.h"
 #include "dif_util/sgl/run_walk.h"
 
@@ -40,7 +39,7 @@ uint32_t checkDifInSglWithStdT10(const Sgl *sgl, uint32_t offsetByte, uint32_t s
     const uint32_t walked = walkRuns<FaultsReturn>(
         __func__, range, start, info, blockNum, [&](uint8_t *data, uint32_t n, uint32_t startBlock) {
             for (uint32_t k = 0; k < n && ret == DIF_OK; ++k, data += info.blockSize) {
-                ret = checkDifIntegrityWithStdT10({data, info.dataSize, tupleOf(data, info), startBlock + k}, *param);
+                ret = checkDifIntegrityWithStdT10({data, &info, startBlock + k}, *param);
             }
             return ret == DIF_OK;
         });

@@ -5,7 +5,6 @@
 #include "dif_util/core/section.h"
 #include "dif_util/core/tuple.h"
 #include "dif_util/verify/check_report.h"
-#include "dif_util/verify/check_result.h"
 #include "dif_util/verify/trim.h"
 #include "dif_util/verify/verify_level.h"
 
@@ -32,44 +31,44 @@ inline bool claimDetailedLog(DifCheckParam &param) {
 
 DIF_CHECK_HELPER bool isDifLbaCorrect(const CheckedBlock &block, DifCheckParam &param) {
     const uint32_t expected = static_cast<uint32_t>(param.lba);
-    const uint32_t actual = tupleLba(block.tuple);
-    if (!hasValidLba(block.tuple) || actual == expected) [[likely]] {
+    const uint32_t actual = tupleLba(block.tuple());
+    if (!hasValidLba(block.tuple()) || actual == expected) [[likely]] {
         return true;
     }
     if (claimDetailedLog(param)) {
         DIF_WARN_BLOCK(block,
                        "DIF_WARNING_CHECK_DIF: LBA error: expected(%u), actual(%u), block(%u), difPtr(%p), type(%u), "
                        "ctrlFlag(0x%x), mid(%u), lbaLevel(%u).",
-                       expected, actual, block.index, static_cast<const void *>(block.tuple), param.type,
+                       expected, actual, block.index, static_cast<const void *>(block.tuple()), param.type,
                        param.ctrlFlag, param.mid, param.lbaLevel);
     }
     return false;
 }
 
 DIF_CHECK_HELPER bool isDifCrcCorrect(const CheckedBlock &block, DifCheckParam &param) {
-    const uint8_t version = tupleVersion(block.tuple);
+    const uint8_t version = tupleVersion(block.tuple());
     if (version == DIF_VERSION_NO_CRC) {
         return true;
     }
-    const uint16_t actual = tupleGuard(block.tuple);
-    const uint16_t expected = crcGuard(version, block.data, block.dataSize, false);
+    const uint16_t expected = crcGuard(version, block.data, block.dataSize(), false);
+    const uint16_t actual = tupleGuard(block.tuple());
     if (actual == expected) [[likely]] {
         return true;
     }
     if (!claimDetailedLog(param)) {
         return false;
     }
-    if (version == DIF_VERSION_CRC32C) {
+    if (tupleVersion(block.tuple()) == DIF_VERSION_CRC32C) {
         DIF_WARN_BLOCK(block,
                        "DIF_WARNING_CHECK_DIF: CRC error: expected(0x%x), actual(0x%x), ver(CRC32C),block(%u), "
                        "difPtr(%p), type(%u), ctrlFlag(0x%x), mid(%u), subPid(%u), crcLevel(%u).",
-                       expected, actual, block.index, static_cast<const void *>(block.tuple), param.type,
+                       expected, actual, block.index, static_cast<const void *>(block.tuple()), param.type,
                        param.ctrlFlag, param.mid, param.subPid, param.crcLevel);
     } else {
         DIF_WARN_BLOCK(block,
                        "DIF_WARNING_CHECK_DIF: CRC error:expected(0x%x), actual(0x%x), ver(T10),block(%u), "
                        "difPtr(%p), type(%u), ctrlFlag(0x%x), mid(%u), subPid(%u), crcLevel(%u).",
-                       expected, actual, block.index, static_cast<const void *>(block.tuple), param.type,
+                       expected, actual, block.index, static_cast<const void *>(block.tuple()), param.type,
                        param.ctrlFlag, param.mid, param.subPid, param.crcLevel);
     }
     return false;
@@ -81,55 +80,54 @@ DIF_CHECK_HELPER bool isDifCrcCorrect(const CheckedBlock &block, DifCheckParam &
  */
 DIF_CHECK_HELPER uint32_t tryCheckDifIntegrity(const CheckedBlock &block, const LevelGates &gates,
                                                DifCheckParam &param) {
-    if ((param.ctrlFlag & DIF_CHECK_TRIM_ZERO) == 0 && isExempt(block.tuple)) [[unlikely]] {
-        DIF_LOG_LIMITED(ExemptNoteLimiter, kLogInfo,
-                        "DIF_INTEGRITY_CHECK_INFO: version(0xFF), app(0xFF), difPtr(%p), type(%u),ctrlFlag(0x%x), "
-                        "mid(%u), subPid(%u), crcLevel(%u), lbaLevel(%u).",
-                        static_cast<const void *>(block.tuple), param.type, param.ctrlFlag, param.mid, param.subPid,
-                        param.crcLevel, param.lbaLevel);
-        return 0;
-    }
-    const uint8_t version = tupleVersion(block.tuple);
-    if (gates.lba.isOn()) {
-        if (!isKnownVersion(version)) [[unlikely]] {
+    const uint8_t version = tupleVersion(block.tuple());
+    if (!isKnownVersion(version)) [[unlikely]] {
+        if ((param.ctrlFlag & DIF_CHECK_TRIM_ZERO) == 0 && isExempt(block.tuple())) {
+            DIF_LOG_LIMITED(ExemptNoteLimiter, kLogInfo,
+                            "DIF_INTEGRITY_CHECK_INFO: version(0xFF), app(0xFF), difPtr(%p), type(%u),ctrlFlag(0x%x), "
+                            "mid(%u), subPid(%u), crcLevel(%u), lbaLevel(%u).",
+                            static_cast<const void *>(block.tuple()), param.type, param.ctrlFlag, param.mid,
+                            param.subPid, param.crcLevel, param.lbaLevel);
+            return 0;
+        }
+        if (gates.lba.isOn()) {
             if (claimDetailedLog(param)) {
                 DIF_WARN_BLOCK(block,
                                "DIF_WARNING_CHECK_DIF: VERSION error: version(0x%x), block(%u),difPtr(%p), type(%u), "
                                "ctrlFlag(0x%x), mid(%u), subPid(%u), lbaLevel(%u).",
-                               version, block.index, static_cast<const void *>(block.tuple), param.type, param.ctrlFlag,
-                               param.mid, param.subPid, param.lbaLevel);
+                               version, block.index, static_cast<const void *>(block.tuple()), param.type,
+                               param.ctrlFlag, param.mid, param.subPid, param.lbaLevel);
             }
             return DIF_RESULT_VERSION_ERROR;
         }
-        if (!isDifLbaCorrect(block, param)) [[unlikely]] {
-            return DIF_RESULT_LBA_ERROR;
-        }
-    }
-    if (gates.crc.isOn()) {
-        if (!isKnownVersion(version)) [[unlikely]] {
+        if (gates.crc.isOn()) {
             if (claimDetailedLog(param)) {
                 DIF_WARN_BLOCK(block,
                                "DIF_WARNING_CHECK_DIF: VERSION error: version(0x%x), block(%u),difPtr(%p), type(%u), "
                                "ctrlFlag(0x%x), mid(%u), subPid(%u), crcLevel(%u).",
-                               version, block.index, static_cast<const void *>(block.tuple), param.type, param.ctrlFlag,
-                               param.mid, param.subPid, param.crcLevel);
+                               version, block.index, static_cast<const void *>(block.tuple()), param.type,
+                               param.ctrlFlag, param.mid, param.subPid, param.crcLevel);
             }
             return DIF_RESULT_VERSION_ERROR;
         }
-        if (!isDifCrcCorrect(block, param)) [[unlikely]] {
-            return DIF_RESULT_CRC_ERROR;
-        }
+        return 0;
     }
-    if ((param.ctrlFlag & DIF_CHECK_CONVERT_T10) != 0 && version == DIF_VERSION_CRC32C) {
-        setTupleGuard(block.tuple, crcGuardT10(block.data, block.dataSize, false));
-        setTupleVersion(block.tuple, DIF_VERSION_T10);
+    if (gates.lba.isOn() && !isDifLbaCorrect(block, param)) [[unlikely]] {
+        return DIF_RESULT_LBA_ERROR;
+    }
+    if (gates.crc.isOn() && !isDifCrcCorrect(block, param)) [[unlikely]] {
+        return DIF_RESULT_CRC_ERROR;
+    }
+    if ((param.ctrlFlag & DIF_CHECK_CONVERT_T10) != 0 && tupleVersion(block.tuple()) == DIF_VERSION_CRC32C) {
+        setTupleGuard(block.tuple(), crcGuardT10(block.data, block.dataSize(), false));
+        setTupleVersion(block.tuple(), DIF_VERSION_T10);
     }
     return 0;
 }
 
 /* Marks a failed block in the caller's outputs. Calls may share one bitmap. */
 void recordFailedBlock(const DifCheckParam &param, uint32_t index, uint32_t sectorShift, uint32_t error) {
-    if (param.errBlockIndex != nullptr && *param.errBlockIndex == kNoErrBlock) {
+    if (param.errBlockIndex != nullptr && *param.errBlockIndex == DIF_ERR_BLOCK_NONE) {
         *param.errBlockIndex = index << sectorShift;
     }
     if (param.errBlockBitmap != nullptr) {
@@ -143,7 +141,7 @@ void recordFailedBlock(const DifCheckParam &param, uint32_t index, uint32_t sect
 DIF_CHECK_TEXT void initDifCheckResults(DifCheckParam *param, uint8_t *resultSettled, uint8_t *integrityDone) {
     const uint32_t asked = param->ctrlFlag;
     if (param->errBlockIndex != nullptr) {
-        *param->errBlockIndex = kNoErrBlock;
+        *param->errBlockIndex = DIF_ERR_BLOCK_NONE;
     }
     uint32_t result = 0;
     if ((asked & DIF_CHECK_ALL_LBA_VALID) != 0) {
@@ -165,33 +163,37 @@ DIF_CHECK_TEXT void initDifCheckResults(DifCheckParam *param, uint8_t *resultSet
 DIF_CHECK_TEXT uint32_t checkDifInBlocks(uint8_t *data, uint32_t blockNum, const DifTypeInfo *typeInfo,
                                          DifCheckParam *param, uint32_t startBlock, uint8_t *resultSettled,
                                          uint8_t *integrityDone) {
-    const DifTypeInfo &info = *typeInfo;
     const LevelGates gates{*param};
+    uint8_t settled = *resultSettled;
+    bool done = *integrityDone != 0;
     uint32_t ret = DIF_OK;
-    for (uint32_t k = 0; k < blockNum; ++k) {
-        const CheckedBlock block{data, info.dataSize, tupleOf(data, info), startBlock + k};
+    for (uint32_t index = startBlock; index != startBlock + blockNum; ++index) {
+        const CheckedBlock block{data, typeInfo, index};
+        __builtin_prefetch(tupleBytes(block.tuple()) + typeInfo->blockSize);
         if ((param->ctrlFlag & DIF_CHECK_TRIM_ZERO) != 0) {
-            trimBlock(block.data, block.dataSize, block.tuple);
+            trimBlock(block.data, block.dataSize(), block.tuple());
         }
-        if (*resultSettled == 0) {
-            tryCheckDifAppAndSetResult(block, *param, *resultSettled);
+        if (settled == 0) {
+            tryCheckDifAppAndSetResult(block, *param, settled);
         }
-        if (*integrityDone == 0) {
-            const bool goOn = (param->ctrlFlag & DIF_CHECK_ALL_BLOCKS) != 0;
+        if (!done) {
             const uint32_t error = tryCheckDifIntegrity(block, gates, *param);
+            const bool allBlocks = (param->ctrlFlag & DIF_CHECK_ALL_BLOCKS) != 0;
             if (error != 0) [[unlikely]] {
-                recordFailedBlock(*param, block.index, info.sectorShift, error);
+                recordFailedBlock(*param, index, typeInfo->sectorShift, error);
                 ret = DIF_ERR_CHECK;
-                *integrityDone = goOn ? 0 : 1;
-            } else if (goOn) {
+                done = !allBlocks;
+            } else if (allBlocks) {
                 *param->checkResult &= ~DIF_RESULT_NONE_PASSED;
             }
         }
-        if (*integrityDone != 0 && *resultSettled != 0) {
-            return ret;
+        if (done && settled != 0) {
+            break;
         }
         ++param->lba;
-        data += info.blockSize;
+        data += typeInfo->blockSize;
     }
+    *resultSettled = settled;
+    *integrityDone = done ? 1 : 0;
     return ret;
 }

@@ -5,32 +5,32 @@
 #include "dif_util/core/section.h"
 #include "dif_util/core/tuple.h"
 #include "dif_util/verify/verify_level.h"
+#include "dif_util/verify/zero_data.h"
 
 namespace {
 
 /* Data all zero, and a guard that says so where the version has one. */
 inline bool isZeroDataBlock(const CheckedBlock &block) {
-    const uint16_t guard = tupleGuard(block.tuple);
-    switch (tupleVersion(block.tuple)) {
+    const uint16_t guard = tupleGuard(block.tuple());
+    switch (tupleVersion(block.tuple())) {
     case DIF_VERSION_T10:
         if (guard != kZeroGuardT10) {
             return false;
         }
         break;
     case DIF_VERSION_CRC32C:
-        if (guard != (block.dataSize == 512 ? kZeroGuardCrc32c512 : kZeroGuardCrc32c4096)) {
+        if (guard != (block.dataSize() == 512 ? kZeroGuardCrc32c512 : kZeroGuardCrc32c4096)) {
             return false;
         }
         break;
     default:
         break;
     }
-    return noDifBlockAllZero(block.data, block.dataSize);
+    return isAllZero(block.data, block.dataSize());
 }
 
-/* A module without a level asks for nothing. */
 inline bool isBstReported(const DifCheckParam &param) {
-    return (param.ctrlFlag & DIF_CHECK_BST) != 0 && getDifVerifyLevelByMid(param.mid) != DIF_VERIFY_LEVEL_INVALID;
+    return (param.ctrlFlag & DIF_CHECK_BST) != 0 && verifyLevelOf(param.mid) != DIF_VERIFY_LEVEL_INVALID;
 }
 
 /*
@@ -69,7 +69,7 @@ DIF_CHECK_TEXT void checkDifVerZero(uint32_t ctrlFlag, const DifTuple *difPtr, u
 }
 
 DIF_CHECK_TEXT void tryCheckDifAppAndSetResult(CheckedBlock block, const DifCheckParam &param, uint8_t &resultSettled) {
-    const DifTuple *const tuple = block.tuple;
+    const DifTuple *const tuple = block.tuple();
     const uint32_t asked = param.ctrlFlag;
     uint32_t &result = *param.checkResult;
     checkDifVerZero(asked, tuple, &result);

@@ -4,25 +4,15 @@
 #include "dif/runtime.h"
 #include "dif_util/core/arguments.h"
 #include "dif_util/verify/no_dif.h"
-
-#include <algorithm>
-#include <cstring>
+#include "dif_util/verify/zero_data.h"
 
 bool noDifBlockAllZero(const uint8_t *data, uint32_t size) {
-    const uint8_t *const end = data + size;
-    for (const uint8_t *const words = data + size / 8 * 8; data < words; data += 8) {
-        uint64_t word;
-        std::memcpy(&word, data, sizeof word);
-        if (word != 0) {
-            return false;
-        }
-    }
-    return std::all_of(data, end, [](uint8_t byte) { return byte == 0; });
+    return isAllZero(data, size);
 }
 
 bool noDifZeroDataCheckInBlocks(const uint8_t *data, uint32_t blockNum, const DifTypeInfo *typeInfo) {
     for (uint32_t k = 0; k < blockNum; ++k, data += typeInfo->blockSize) {
-        if (!noDifBlockAllZero(data, typeInfo->dataSize)) {
+        if (!isAllZero(data, typeInfo->dataSize)) {
             return false;
         }
     }

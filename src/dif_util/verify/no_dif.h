@@ -2,14 +2,13 @@
 #pragma once
 
 #include "dif/types.h"
-#include "dif_util/verify/check_result.h"
 
 /* Writes the error index and, if there is one, the result word. `isAllZero` looks through the range's data; it is asked
  * only if the record wants to know. */
 template <typename ZeroTest>
 void setNoDifResult(const DifCheckParam &param, ZeroTest isAllZero) {
     if (param.errBlockIndex != nullptr) {
-        *param.errBlockIndex = kNoErrBlock;
+        *param.errBlockIndex = DIF_ERR_BLOCK_NONE;
     }
     if (param.checkResult == nullptr) {
         return;

@@ -22,7 +22,7 @@ DIF_CHECK_TEXT bool isVerifyPointOn(uint8_t level, uint8_t mid, uint8_t subPid) 
     if (level == DIF_VERIFY_LEVEL_INVALID || level >= DIF_VERIFY_LEVEL_BUTT) {
         return DIF_ASSERT_FAILED(nullptr, "Dif error: level is invalid(%u).", level);
     }
-    return level <= g_difVerifyLevel[mid].load(std::memory_order_relaxed);
+    return level <= verifyLevelOf(mid);
 }
 
 void initVerifyPoint(void) {
@@ -36,12 +36,14 @@ void setSysDifVerifyLevel(uint8_t level) {
 }
 
 void setDifVerifyLevelByMid(uint32_t mid, uint8_t level) {
-    if (mid < DIF_MID_BUTT) {
-        g_difVerifyLevel[mid].store(level, std::memory_order_relaxed);
+    if (mid >= DIF_MID_BUTT) {
+        DIF_LOG(kLogError, "mid(%u) is invalid.", mid);
+        return;
     }
+    g_difVerifyLevel[mid].store(level, std::memory_order_relaxed);
     DIF_LOG(kLogNotice, "SET_DIF_VERIFY_LEVEL: mid(%u), level(%u),", mid, level);
 }
 
 uint8_t getDifVerifyLevelByMid(uint32_t mid) {
-    return mid < DIF_MID_BUTT ? g_difVerifyLevel[mid].load(std::memory_order_relaxed) : uint8_t{0};
+    return verifyLevelOf(mid);
 }

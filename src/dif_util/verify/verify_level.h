@@ -9,6 +9,12 @@
 /* The current level of each module. */
 extern std::atomic<uint8_t> g_difVerifyLevel[DIF_MID_BUTT];
 
+/* The level of a module; for a `mid` without one, the level at which nothing is checked. */
+inline uint8_t verifyLevelOf(uint32_t mid) {
+    return mid < DIF_MID_BUTT ? g_difVerifyLevel[mid].load(std::memory_order_relaxed)
+                              : uint8_t{DIF_VERIFY_LEVEL_INVALID};
+}
+
 /*
  * Whether a check requested at `level` is made for module `mid` now. Asserts that mid, subPid and level are in range, and
  * answers false if not.
