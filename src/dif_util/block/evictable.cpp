@@ -10,7 +10,7 @@ bool isDifEvictable(const uint8_t *buf, uint32_t sectorNum) {
     if (getDifOn() == 0 || !DIF_ASSERT_NOT_NULL(buf)) {
         return true;
     }
-    const DifTypeInfo &info = kTypeInfo[DIF_DATA_520];
+    constexpr const DifTypeInfo &info = kTypeInfo[DIF_DATA_520];
     if (!DIF_ASSERT_SECTORS(sectorNum)) {
         return true;
     }

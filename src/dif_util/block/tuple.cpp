@@ -14,7 +14,7 @@ void setDifLbaFast(DifTuple *difPtr, uint32_t lba) {
 }
 
 uint32_t getDifLba(const uint8_t *buffer, uint32_t bufSize, uint64_t *lba) {
-    const DifTypeInfo &info = kTypeInfo[DIF_DATA_520];
+    constexpr const DifTypeInfo &info = kTypeInfo[DIF_DATA_520];
     if (buffer == nullptr || lba == nullptr || bufSize != info.blockSize) {
         DIF_LOG_LIMITED(FaultLimiter, kLogError, "buffer(%p), lba(%p), bufSize(%u).", static_cast<const void *>(buffer),
                         static_cast<const void *>(lba), bufSize);

@@ -33,5 +33,5 @@ void askHostWhetherToStop(const LogSite &site, const char *expression) {
     }
     hostlog_standard(DIF_MODULE_ID, kLogAssert, site.func, site.line, kNoLogId, "Assert fail: (%s)", "0");
     std::raise(SIGILL);
-    std::exit(-1);
+    std::exit(-1); // NOLINT(concurrency-mt-unsafe): nothing of this process goes on
 }

@@ -1,5 +1,6 @@
 /* Start and stop of the library. */
 #include "dif/crc16.h"
+#include "dif/diagnose.h"
 #include "dif/runtime.h"
 #include "dif_util/core/log.h"
 #include "dif_util/core/settings.h"
@@ -12,11 +13,13 @@ uint32_t difModuleInit(void) {
     initVerifyPoint();
     initAllModVerifyPointMsg();
     difStatisticInit();
+    initDifDiagnoseModule();
     DIF_LOG(kLogNotice, "Init DIF Module.");
     return DIF_OK;
 }
 
 void difModuleExit(void) {
     difStatisticExit();
+    exitDifDiagnoseModule();
     DIF_LOG(kLogNotice, "Exit DIF Module.");
 }

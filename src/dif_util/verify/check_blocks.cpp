@@ -160,6 +160,7 @@ DIF_CHECK_TEXT void initDifCheckResults(DifCheckParam *param, uint8_t *resultSet
     *param->checkResult = result;
 }
 
+// NOLINTNEXTLINE(readability-non-const-parameter): the trim and the conversion write into the tuples of `data`
 DIF_CHECK_TEXT uint32_t checkDifInBlocks(uint8_t *data, uint32_t blockNum, const DifTypeInfo *typeInfo,
                                          DifCheckParam *param, uint32_t startBlock, uint8_t *resultSettled,
                                          uint8_t *integrityDone) {
