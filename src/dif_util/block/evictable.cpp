@@ -18,7 +18,7 @@ bool isDifEvictable(const uint8_t *buf, uint32_t sectorNum) {
     if (isExempt(first)) {
         DIF_LOG_LIMITED(ExemptNoteLimiter, kLogInfo,
                         "DIF_ISDIFEVICTABLE_INFO: version(0xFF),app(0xFF), difPtr(%p),type(%u).",
-                        static_cast<const void *>(first), info.dataSize);
+                        static_cast<const void *>(first), kTypeInfo[DIF_DATA_520].dataSize);
         return true;
     }
     for (uint32_t k = 0; k < sectorNum; ++k, buf += info.blockSize) {
