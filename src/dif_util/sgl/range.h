@@ -23,10 +23,9 @@ struct SglPosition {
 };
 
 /*
- * How many sectors, with their DIF, an entry's `bytes` hold: the number of 520-byte units for every length that is whole
- * blocks of either size (a 4160-byte block is eight of them), and for any other length no more than fit into it.
+ * How many sectors, with their DIF, an entry's `bytes` hold: its 520-byte units. A 4160-byte block is eight of them, and a
+ * length that is not whole blocks gives no more than fit into it.
  */
 constexpr uint32_t sglBytesToSectors(uint32_t bytes) {
-    const uint32_t quotient = bytes / 512;
-    return bytes % 512 < 8 * quotient ? bytes / 520 : quotient;
+    return bytes / 520;
 }
