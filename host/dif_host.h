@@ -1,8 +1,7 @@
 /*
  * A host to run libdif in. libdif_host implements everything that libdif.so expects of the process that loads it, so
- * that a program linked with -ldif -ldif_host is complete (in this order: linkers that drop unused libraries do not see
- * the use of libdif_host before libdif). These are its settings; all of them may be changed at any time from any thread,
- * and have working defaults.
+ * that a program linked with -ldif_host -ldif is complete, in either order. These are its settings, which may be changed
+ * at any time from any thread and have working defaults, and the ways in for an operator.
  */
 #ifndef DIF_HOST_H
 #define DIF_HOST_H
@@ -55,6 +54,55 @@ int difHostRegisterService(const char *interfaceName, const char *methodName, vo
 
 /* Copies the short name registered for `moduleId` ("DIF" for 250) into `name`, cut to `size`. False if there is none. */
 bool difHostModuleName(uint32_t moduleId, char *name, size_t size);
+
+/* ---- Operator commands: the words registered through DBG_RegCmd and DBG_RegCmdToCLI ------------------------------ */
+
+/* The two registries. Each also has the words "help" and "metrics" of its own. */
+enum { DIF_HOST_DIAGNOSE = 0, DIF_HOST_CLI = 1 };
+
+/* Takes `size` bytes of output, which no NUL ends. Where a print routine is wanted, null is standard output. */
+typedef void (*DifHostPrint)(void *context, const char *text, size_t size);
+
+/*
+ * Runs a command line on the calling thread. It is split as a shell splits words, with quotes and backslashes but without
+ * expansion; its output, error lines included, goes to `print`. Returns 0, for an empty line too, or what the command did;
+ * EINVAL for a bad registry, a null line or an open quote and, of most commands, for a line that they cannot run; ENOENT
+ * for an unknown word; ENOMEM. A word that is taken out may still be running elsewhere.
+ */
+int difHostRunCommand(int registry, const char *line, DifHostPrint print, void *context);
+
+/* Tells `each` every command word and its description, in the order of the words. Returns 0, EINVAL or ENOMEM. */
+typedef void (*DifHostWord)(void *context, const char *name, const char *description);
+int difHostForEachCommand(int registry, DifHostWord each, void *context);
+
+/*
+ * Prints the DIF switch, the system CRC version, every module's verify level and the counters of every registered verify
+ * point in the Prometheus text format 0.0.4, in one piece. Returns 0 or ENOMEM.
+ */
+int difHostRenderMetrics(DifHostPrint print, void *context);
+
+/* ---- Control socket: the commands of this process for others of its user ----------------------------------------- */
+
+/*
+ * Serves the commands on the Unix stream socket `path`, mode 0600, to processes of this process's effective user and of
+ * root, on a thread of its own. The name of a server that is gone is taken over. Clients are dropped that take over five
+ * seconds to send their line or to read the answer; they cannot make the process wait. Returns 0 or an errno value: EADDRINUSE if a server is alive
+ * there or this process has a control socket already, ENOTSOCK if `path` is something else, which is left alone,
+ * ENAMETOOLONG, EINVAL for null, ETIMEDOUT if others hold a lock on the directory of `path`.
+ */
+int difHostOpenControlSocket(const char *path);
+
+/* Ends the service, after the command that is running, and removes the socket. Does nothing if there is none, or in a
+ * command that came through it. */
+void difHostCloseControlSocket(void);
+
+/*
+ * Runs a command line in the process that serves the control socket `path` and prints its output, in one piece, also
+ * that of an incomplete answer. Returns 0, and in `*status` what difHostRunCommand returned over there; or an errno value:
+ * EINVAL for a null argument, a bad registry or a newline in the line, EMSGSIZE for more than 4 KiB, ETIMEDOUT if the
+ * answer takes over five seconds, EPROTO if it is incomplete, else why the socket cannot be reached.
+ */
+int difHostAttach(const char *path, int registry, const char *line, DifHostPrint print, void *context, int *status);
 
 #ifdef __cplusplus
 }

@@ -4,6 +4,7 @@
  * that is, time, thread, severity, module (its short name or its id), source file (if given), function and line, log id.
  */
 #include "dif_host.h"
+#include "output.h"
 #include "platform/hostlog.h"
 
 #include <spdlog/logger.h>
@@ -17,7 +18,6 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <fcntl.h>
 #include <memory>
 #include <string>
@@ -70,16 +70,6 @@ private:
 Log &theLog() {
     static auto &instance = *new Log;
     return instance;
-}
-
-std::string formatted(const char *format, va_list args) {
-    char *text = nullptr;
-    const int length = vasprintf(&text, format, args);
-    if (length < 0) {
-        return format;
-    }
-    const std::unique_ptr<char, decltype(&std::free)> owner(text, &std::free);
-    return {text, static_cast<size_t>(length)};
 }
 
 std::string moduleName(uint32_t moduleId) {

@@ -115,6 +115,40 @@ void osal_pid_set_name(uint32_t moduleId, const char *name) {
     host.record(format("name %u %s", moduleId, name), 0);
 }
 
+int32_t DBG_RegCmd(const DbgCmdReg *cmd) {
+    host.record(std::string("register diagnose ") + cmd->name + ": " + cmd->description, 0);
+    host.diagnoseCommand = *cmd;
+    return host.diagnoseResult;
+}
+
+int32_t DBG_RegCmdToCLI(const DbgCmdReg *cmd) {
+    host.record(std::string("register cli ") + cmd->name + ": " + cmd->description, 0);
+    host.cliCommand = *cmd;
+    return host.cliResult;
+}
+
+int32_t DBG_UnRegCmd(const char *name) {
+    host.record(std::string("unregister diagnose ") + name, 0);
+    return host.diagnoseResult;
+}
+
+int32_t DBG_UnRegCmdToCLI(const char *name) {
+    host.record(std::string("unregister cli ") + name, 0);
+    return host.cliResult;
+}
+
+int32_t DBG_ShowUsageAndErrMsg(const char *message) {
+    host.record(std::string("usage ") + (message != nullptr ? message : "null"), 0);
+    return host.usageResult;
+}
+
+void DBG_Print(const char *text, ...) {
+    va_list args;
+    va_start(args, text);
+    host.printed += vformat(text, args);
+    va_end(args);
+}
+
 int strncpy_s(char *dest, size_t destMax, const char *src, size_t count) {
     if (dest == nullptr || destMax == 0)
         return EINVAL;

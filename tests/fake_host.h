@@ -10,6 +10,7 @@
 #define DIF_TESTS_FAKE_HOST_H
 
 #include "dif/dif.h"
+#include "platform/dbg_cmd.h"
 
 #include <gtest/gtest.h>
 
@@ -28,6 +29,9 @@ using Lines = std::vector<std::string>;
  *   "lookup INTERFACE METHOD"             lookupIntfMethod
  *   "ask insertDif(expression)"           a call of the assertion service; "null" for a null expression
  *   "name 250 DIF"                        osal_pid_set_name
+ *   "register diagnose dif: description"  DBG_RegCmd; with "cli" DBG_RegCmdToCLI
+ *   "unregister diagnose dif"             DBG_UnRegCmd; with "cli" DBG_UnRegCmdToCLI
+ *   "usage message"                       DBG_ShowUsageAndErrMsg; "null" for a null message
  * A module id other than 250 and a nonzero reserved argument are marked in the line, so that it compares unequal.
  */
 class FakeHost {
@@ -37,7 +41,12 @@ public:
     std::atomic<uint8_t> assertAnswer{0};             /* what the assertion service answers */
     std::atomic<bool> serviceRegistered{true};        /* whether the lookup finds the assertion service */
     std::function<void(const std::string &)> onEvent; /* told of each event; set it before threads run */
-    std::vector<int32_t> lines;                       /* source lines of the events last taken, 0 for none */
+    std::atomic<int32_t> diagnoseResult{0};           /* what (un)registration answers, by registry */
+    std::atomic<int32_t> cliResult{0};
+    std::atomic<int32_t> usageResult{0};       /* what DBG_ShowUsageAndErrMsg answers */
+    DbgCmdReg diagnoseCommand{}, cliCommand{}; /* the records last registered */
+    std::string printed;                       /* by DBG_Print; the test empties it */
+    std::vector<int32_t> lines;                /* source lines of the events last taken, 0 for none */
 
     static void *assertionService();
     Lines take(); /* the events since the last take */

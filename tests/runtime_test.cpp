@@ -9,12 +9,16 @@ std::string withoutLine(const std::string &event) {
 
 void expectStart() {
     Lines events = host.take();
-    ASSERT_EQ(events.size(), 4u);
+    ASSERT_EQ(events.size(), 8u);
     const char *engine = _cpu_has_sse3_clmul() != 0 ? "Intel CPU hardware" : "software";
     events[2] = withoutLine(events[2]);
     EXPECT_EQ(events, (Lines{"name 250 DIF", format("L5 crc16_t10dif initCrc16T10Func #0: Use %s for crc16T10", engine),
                              "L5 dif_util difRegistVerifyPoint #4660: dif regist mid(0-debug)'s verify point success, "
                              "num(1), funcName(initAllModVerifyPointMsg)",
+                             "register diagnose dif: diagnose function of dif",
+                             "L5 dif_diagnose initDifDiagnoseModule #4660: Dif register PID to diagnose success.",
+                             "register cli dif: cli function of dif",
+                             "L5 dif_diagnose initDifDiagnoseModule #4660: Dif register PID to cli success.",
                              "L5 dif_util difModuleInit #4660: Init DIF Module."}));
 }
 
@@ -60,7 +64,8 @@ TEST(Lifecycle, StartSetsDefaultsAndStopKeepsEverything) {
         difRegistVerifyPoint(DIF_MID_CACHE, &point, 1, "caller", 42);
         host.take();
         difModuleExit();
-        EXPECT_EQ(host.take(), (Lines{"L5 dif_util difModuleExit #4660: Exit DIF Module."}));
+        EXPECT_EQ(host.take(), (Lines{"unregister diagnose dif", "unregister cli dif",
+                                      "L5 dif_util difModuleExit #4660: Exit DIF Module."}));
         EXPECT_EQ(state(), (std::array<uint64_t, 6>{0, 0x29, 2, 1, 4, 1}));
     }
 }

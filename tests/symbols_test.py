@@ -20,10 +20,13 @@ EXPORTS = set("""
     trans2LSectorDif insertDifInSgl replaceDifInSgl injectDifInSgl checkDifInSgl checkDifInSglInputCheck
     noDifZeroDataCheckInSgl noDifSetCheckResultInSgl isDifEvictableInSgl checkDifInSglWithErrorReturn
     checkDifInSglWithErrRetInputCheck checkDifInSglWithStdT10
+    initDifDiagnoseModule exitDifDiagnoseModule diagnoseDoDifCmd cliDoDifCmd diagnoseDoDifHelp cliDoDifHelp g_difArray
+    g_difArrayForCli testCRCPerf
 """.split())
 PLATFORM = set("""
     hostlog hostlog_standard hostlog_level_check lookupIntfMethod osal_get_jiffies osal_time_getnanosec osal_crc32c
     osal_crc32cContinue osal_pid_set_name strncpy_s crc16_t10dif
+    DBG_RegCmd DBG_RegCmdToCLI DBG_UnRegCmd DBG_UnRegCmdToCLI DBG_ShowUsageAndErrMsg DBG_Print
 """.split())
 # Hot sections: the exported routines that must lie there, and the internal ones that must if they are not inlined away.
 SECTIONS = {

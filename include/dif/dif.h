@@ -5,6 +5,7 @@
 #include "dif/block.h"
 #include "dif/check.h"
 #include "dif/crc16.h"
+#include "dif/diagnose.h"
 #include "dif/runtime.h"
 #include "dif/sgl.h"
 #include "dif/types.h"
