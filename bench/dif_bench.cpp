@@ -1,5 +1,6 @@
-// How close insertion, replacement and checking of contiguous buffers come to the bare CRC engines.
+// How close insertion, replacement and checking of contiguous buffers come to the bare CRC engines; and the program.
 #include "bench/blocks.h"
+#include "bench/list_bench.h"
 #include "bench/paired_run.h"
 #include "bench/ratio_reporter.h"
 
@@ -173,7 +174,7 @@ void registerAgainstEngine(const Operation &operation) {
                 const auto run = [&operation, blocks](benchmark::State &state) {
                     if (prepare(state, operation, blocks)) {
                         bench::runPaired(
-                            state, blocks.dataBytes, [&] { return blocks.runEngine(); },
+                            state, "the bare engine", blocks.dataBytes, [&] { return blocks.runEngine(); },
                             [&] { return operation.call(blocks); });
                     }
                 };
@@ -216,6 +217,7 @@ int main(int argc, char **argv) {
     for (const Operation &operation : kCallCost) {
         registerCallCost(operation);
     }
+    bench::registerListBenchmarks(kMid, kVerifyPoint);
     bench::RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     difModuleExit();

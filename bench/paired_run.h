@@ -10,8 +10,8 @@
 
 namespace bench {
 
-// Batches of at least this much data are long against the clock's cost and short against a time slice.
-inline constexpr size_t kBatchBytes = size_t{256} << 10;
+// Batches of about this length are long against the clock's cost and short against a time slice.
+inline constexpr double kBatchSeconds = 20e-6;
 
 inline double quantile(std::vector<double> &values, double fraction) {
     const auto rank = static_cast<std::ptrdiff_t>(fraction * static_cast<double>(values.size() - 1));
@@ -28,19 +28,31 @@ double secondsFor(size_t calls, Call &&call) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
+template <class Call>
+size_t callsInBatch(Call &&call) {
+    size_t calls = 1;
+    while (std::min(secondsFor(calls, call), secondsFor(calls, call)) < kBatchSeconds) {
+        calls *= 2;
+    }
+    return calls;
+}
+
 /*
  * Each iteration runs a batch of `yardstick` and a batch of `operation` right after one another, in alternating order,
  * and keeps the ratio of their times: what slows the machine for longer than a pair slows both, and what hits one batch
  * is an outlier that the median drops. A busy neighbour of the core slows the two by different factors, though: repeat
  * the benchmark and believe the fastest repetition. Counters: "ratio" (the median; above 1 the operation is the faster
- * one), its quartiles "low" and "high", and the median throughputs "bytes" and "yardstick_bytes" a second.
+ * one), its quartiles "low" and "high", the median throughputs "bytes" and "yardstick_bytes" a second, and "excess_ns",
+ * the median of what a call takes longer than the yardstick. The label is the yardstick's name.
  */
 template <class Yardstick, class Operation>
-void runPaired(benchmark::State &state, size_t bytesPerCall, Yardstick &&yardstick, Operation &&operation) {
-    const size_t calls = std::max<size_t>(1, kBatchBytes / bytesPerCall);
+void runPaired(benchmark::State &state, const char *yardstickName, size_t bytesPerCall, Yardstick &&yardstick,
+               Operation &&operation) {
+    const size_t calls = callsInBatch(yardstick);
     std::vector<double> ratios;
     std::vector<double> times;
     std::vector<double> yardstickTimes;
+    std::vector<double> excesses;
     bool yardstickFirst = true;
     for (auto _ : state) {
         double yardstickTime = yardstickFirst ? secondsFor(calls, yardstick) : 0;
@@ -52,6 +64,7 @@ void runPaired(benchmark::State &state, size_t bytesPerCall, Yardstick &&yardsti
         ratios.push_back(yardstickTime / time);
         times.push_back(time);
         yardstickTimes.push_back(yardstickTime);
+        excesses.push_back(time - yardstickTime);
         state.SetIterationTime(yardstickTime + time);
     }
     const auto batchBytes = static_cast<double>(calls * bytesPerCall);
@@ -60,6 +73,8 @@ void runPaired(benchmark::State &state, size_t bytesPerCall, Yardstick &&yardsti
     state.counters["high"] = quantile(ratios, 0.75);
     state.counters["bytes"] = batchBytes / quantile(times, 0.5);
     state.counters["yardstick_bytes"] = batchBytes / quantile(yardstickTimes, 0.5);
+    state.counters["excess_ns"] = quantile(excesses, 0.5) / static_cast<double>(calls) * 1e9;
+    state.SetLabel(yardstickName);
 }
 
 } // namespace bench

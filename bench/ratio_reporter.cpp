@@ -16,6 +16,38 @@ void addOnce(Names &names, const std::string &name) {
     }
 }
 
+// The ratios to one yardstick. The last column is of its own kind: what an entry of a list costs, where measured.
+struct Table {
+    Names rows;
+    Names columns;
+    std::map<std::pair<std::string, std::string>, double> ratios;
+    std::map<std::string, double> entryCosts; // by row, in nanoseconds
+
+    void print() const {
+        std::printf("%-32s", "");
+        for (const std::string &column : columns) {
+            std::printf(" %9s", column.c_str());
+        }
+        std::printf(entryCosts.empty() ? "\n" : " %9s\n", "ns/entry");
+        for (const std::string &row : rows) {
+            std::printf("%-32s", row.c_str());
+            for (const std::string &column : columns) {
+                const auto cell = ratios.find({row, column});
+                if (cell == ratios.end()) {
+                    std::printf(" %9s", "-");
+                } else {
+                    std::printf(" %9.3g", cell->second);
+                }
+            }
+            const auto cost = entryCosts.find(row);
+            if (cost != entryCosts.end()) {
+                std::printf(" %9.2f", cost->second);
+            }
+            std::printf("\n");
+        }
+    }
+};
+
 } // namespace
 
 bool RatioReporter::ReportContext(const Context &context) {
@@ -41,45 +73,37 @@ void RatioReporter::ReportRuns(const std::vector<Run> &runs) {
 }
 
 void RatioReporter::Finalize() {
-    Names rows;
-    Names columns;
-    std::map<std::pair<std::string, std::string>, double> ratios;
+    Names yardsticks;
+    std::map<std::string, Table> tables;
 
-    std::printf("%-38s %12s %12s %8s  %s\n", "benchmark", "GB/s", "engine GB/s", "ratio", "quartiles (pairs)");
+    std::printf("%-40s %12s %12s %8s  %s\n", "benchmark", "GB/s", "beside GB/s", "ratio", "quartiles (pairs)");
     for (const auto &[place, run] : fastest_) {
         const std::string name = run.run_name.function_name;
         if (run.counters.count("ratio") == 0) {
-            std::printf("%-38s %12.1f ns a call\n", name.c_str(), run.GetAdjustedRealTime());
+            std::printf("%-40s %12.1f ns a call\n", name.c_str(), run.GetAdjustedRealTime());
             continue;
         }
         const double ratio = run.counters.at("ratio");
-        std::printf("%-38s %12.2f %12.2f %8.2f  %.2f to %.2f (%lld)\n", name.c_str(), run.counters.at("bytes") / 1e9,
+        std::printf("%-40s %12.2f %12.2f %8.3g  %.3g to %.3g (%lld)\n", name.c_str(), run.counters.at("bytes") / 1e9,
                     run.counters.at("yardstick_bytes") / 1e9, ratio, run.counters.at("low").value,
                     run.counters.at("high").value, static_cast<long long>(run.iterations));
         const size_t slash = name.rfind('/');
-        addOnce(rows, name.substr(0, slash));
-        addOnce(columns, name.substr(slash + 1));
-        ratios[{name.substr(0, slash), name.substr(slash + 1)}] = ratio;
-    }
-
-    std::printf(
-        "\nThroughput of the operation / throughput of the bare engine over the same blocks (1.00 = as fast)\n");
-    std::printf("%-32s", "");
-    for (const std::string &column : columns) {
-        std::printf(" %9s", column.c_str());
-    }
-    for (const std::string &row : rows) {
-        std::printf("\n%-32s", row.c_str());
-        for (const std::string &column : columns) {
-            const auto cell = ratios.find({row, column});
-            if (cell == ratios.end()) {
-                std::printf(" %9s", "-");
-            } else {
-                std::printf(" %9.2f", cell->second);
-            }
+        const std::string row = name.substr(0, slash);
+        const std::string column = name.substr(slash + 1);
+        addOnce(yardsticks, run.report_label);
+        Table &table = tables[run.report_label];
+        addOnce(table.rows, row);
+        addOnce(table.columns, column);
+        table.ratios[{row, column}] = ratio;
+        if (run.counters.count("entry_ns") != 0) {
+            table.entryCosts[row] = run.counters.at("entry_ns");
         }
     }
-    std::printf("\n");
+    for (const std::string &yardstick : yardsticks) {
+        std::printf("\nThroughput of the operation / throughput of %s over the same blocks (1 = as fast)\n",
+                    yardstick.c_str());
+        tables[yardstick].print();
+    }
 }
 
 } // namespace bench

@@ -1,4 +1,4 @@
-// One line a benchmark, of the fastest of its repetitions, and a closing table of the ratios to the bare engine.
+// One line a benchmark, of the fastest of its repetitions, and a closing table of the ratios to each yardstick.
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -8,7 +8,8 @@
 
 namespace bench {
 
-// Expects names of the form ROW/COLUMN, where ROW may hold further slashes.
+// Expects names of the form ROW/COLUMN, where ROW may hold further slashes, and the results of paired runs. A counter
+// "entry_ns" is shown at the end of its row.
 class RatioReporter : public benchmark::BenchmarkReporter {
 public:
     bool ReportContext(const Context &context) override;

@@ -1,15 +1,18 @@
 # What `cmake --install` puts in place: the libraries, their headers, difctl, and how pkg-config and CMake find them.
-# Everything is found relative to where it lies, so that any prefix works, one given at installation included.
+# Everything is found relative to where it lies, so that any prefix works, one given at installation included. The
+# components are runtime, tools and, where none is named, dev.
 include(CMakePackageConfigHelpers)
 
-install(TARGETS dif dif_host EXPORT difTargets)
+install(TARGETS dif dif_host EXPORT difTargets LIBRARY COMPONENT runtime NAMELINK_COMPONENT dev)
 install(DIRECTORY include/dif DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN "*.h")
 install(DIRECTORY platform/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/dif/platform FILES_MATCHING PATTERN "*.h")
 install(FILES host/dif_host.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
 file(RELATIVE_PATH dif_libdir_from_bindir ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
 set_target_properties(difctl PROPERTIES INSTALL_RPATH "$ORIGIN/${dif_libdir_from_bindir}")
-install(TARGETS difctl)
+install(TARGETS difctl RUNTIME COMPONENT tools)
+install(FILES completions/difctl.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME difctl
+  COMPONENT tools)
 
 set(dif_pkgconfig_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 file(RELATIVE_PATH dif_prefix_from_pkgconfig ${CMAKE_INSTALL_PREFIX}/${dif_pkgconfig_dir} ${CMAKE_INSTALL_PREFIX})

@@ -36,6 +36,13 @@ def expected_image(raw, block, crc, lba):
     return image
 
 
+def edited(image, *edits):
+    """`image` with bytes replaced: (offset, content) pairs."""
+    for at, content in edits:
+        image = image[:at] + content + image[at + len(content) :]
+    return image
+
+
 class DifctlTest(unittest.TestCase):
     def setUp(self):
         directory = tempfile.TemporaryDirectory()
@@ -99,7 +106,7 @@ class DifctlTest(unittest.TestCase):
 
     def damaged(self):
         """An image from LBA 100 with five faults in three requests, and what they are."""
-        self.run_tool("protect", "--lba", "100", self.write("raw", ODD_RAW), "img")
+        self.run_tool("protect", "--force", "--lba", "100", self.write("raw", ODD_RAW), "img")
         image = bytearray(pathlib.Path("img").read_bytes())
         image[5 * 520 + 515] = 0  # no valid LBA, and no fault
         image[7 * 520 + 300] ^= 0x10  # a bit of data
@@ -156,7 +163,8 @@ class DifctlTest(unittest.TestCase):
         self.assertIn("cannot be undone", piped.stderr.decode())
 
     def test_refusals(self):
-        for name, content in ("raw", RAW[:4096]), ("odd", RAW[:1000]), ("empty", b""), ("taken", b"old"):
+        for name, content in ("raw", RAW[:4096]), ("odd", RAW[:1000]), ("empty", b""), ("taken", b"old"), \
+                ("good", bytes(8 * 520)), ("nine", bytes(9 * 520)), ("big", bytes(6200 * 520)):
             self.write(name, content)
         os.mkdir("folder")
         full = open("/dev/full", "wb")
@@ -183,12 +191,28 @@ class DifctlTest(unittest.TestCase):
             (["protect", "raw"], ["DST"], {}),
             ([], ["a command", "required"], {}),
             (["verfy", "raw"], ["verfy"], {}),
+            (["protect", "--entry", "1000", "raw", "new"], ["--entry 1000", "520"], {}),
+            (["verify", "--entry", "0", "--block", "4160", "good"], ["--entry 0", "4160"], {}),
+            (["inject", "--force", "--at", "0", "--bst", "odd"], ["odd", "480 bytes", "520"], {}),
+            (["inject", "--at", "0", "--bst", "-"], ["standard input", "in place"], {}),
+            (["inject", "--at", "0", "good"], ["--version", "--crc", "--lba", "--bst"], {}),
+            (["inject", "--at", "6,3", "--bst", "good"], ["--at 6,3", "good", "8 blocks"], {}),
+            (["inject", "--first-lba", "9", "--at", "8", "--bst", "good"], ["--at 8,1", "LBA 9"], {}),
+            (["inject", "--at", "0", "--version", "256", "good"], ["--version", "256", "255"], {}),
+            (["inject", "--at", "0", "--crc", "0x10000", "good"], ["--crc", "0x10000", "65535"], {}),
+            (["relabel", "good"], ["--lba", "--crc", "--version-only"], {}),
+            (["relabel", "--lba", "1", "--bitmap", "0,5-3", "good"], ["--bitmap", "'5-3'"], {}),
+            (["relabel", "--lba", "1", "--bitmap", "2-8,1", "good"], ["good", "block 8", "8 blocks"], {}),
+            (["relabel", "--force", "--lba", "1", "big"], ["offset 2129920", "before block 4096 of 6200"],
+             {"preexec_fn": lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (2129920, 2129920))}),
+            (["fold", "nine", "new"], ["nine", "1 blocks", "multiple of 8"], {}),
+            (["fold", "-", "new"], ["standard input", "1 blocks"], {"stdin": bytes(9 * 520)}),
             (["protect", "-", "new"], ["new", "File too large", "offset 1048576"], {"stdin": RAW, "preexec_fn":
                 lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (1 << 20, 1 << 20))}),
         ):
             with self.subTest(args=args):
                 self.refused(*args, says=says, **kwargs)
-        self.assertEqual(pathlib.Path("taken").read_bytes(), b"old")
+        self.assertEqual([pathlib.Path(name).read_bytes() for name in ("taken", "good")], [b"old", bytes(8 * 520)])
         os.chmod("raw", 0), os.chmod(".", 0o755)
         user = {"user": 65534} if os.getuid() == 0 else {}
         self.refused("verify", "raw", says=["raw", "Permission denied"], **user)
@@ -229,6 +253,136 @@ class DifctlTest(unittest.TestCase):
             tool.stdout.read()
             self.assertEqual(tool.wait(timeout=20), 2)
             self.assertIn("raw: changed its length", tool.stderr.read().decode())
+
+    def test_list_entries_make_no_difference(self):
+        self.run_tool("protect", self.write("raw", ODD_RAW), "img")
+        for entry in "520", "1040", "33800", "1560000000":  # up to 2048 entries a request, and one
+            self.run_tool("protect", "--force", "--entry", entry, "raw", "same")
+            self.assertEqual(pathlib.Path("same").read_bytes(), pathlib.Path("img").read_bytes(), entry)
+            self.run_tool("strip", "--force", "--entry", entry, "img", "back")
+            self.assertEqual(pathlib.Path("back").read_bytes(), ODD_RAW, entry)
+        faults = self.damaged()
+        self.assertEqual(self.verify("--all", "--entry", "1560", "--lba", "100", "img")["failed_blocks"], faults)
+
+    def is_image(self, *parts):
+        self.assertEqual(pathlib.Path("img").read_bytes(), b"".join(parts))
+
+    def test_inject_show_relabel(self):
+        for block, size in DATA_SIZE.items():
+            good = expected_image(RAW[: 10 * size], block, "t10", 0x1FFFFFFFE)
+            at = lambda index, byte: index * block + size + byte
+            base = ["--block", str(block), "--first-lba", "0x1fffffffe", self.write("img", good)]
+            image = good
+            for index, faults, edits in (
+                (1, ["--version", "0x1f"], [(at(1, 2), b"\x1f")]),
+                (3, ["--crc", "0x1234"], [(at(3, 0), b"\x34\x12")]),
+                (4, ["--lba", "0x1000000ff"], [(at(4, 4), b"\0\0\0\xff"), (at(5, 4), b"\0\0\1\0")]),
+                (7, ["--bst"], [(at(7, 3), b"\3"), (at(8, 3), b"\3")]),
+            ):
+                place = ["--at", f"{0x1FFFFFFFE + index},{len(edits)}"]
+                if image != good:
+                    refusal = self.run_tool("inject", *base, *place, *faults, status=1).stderr.decode()
+                    self.assertIn("block 1, LBA 8589934591: version error", refusal)
+                    self.is_image(image)
+                self.run_tool("inject", *base, *place, *faults, *(["--force"] if image != good else []))
+                image = edited(image, *edits)
+                self.is_image(image)
+            wrong = {1: "version", 3: "guard", 4: "LBA", 5: "LBA"}
+            self.assertEqual(self.verify("--all", *base)["failed_blocks"],
+                             [(index, 0x1FFFFFFFE + index, kind) for index, kind in wrong.items()])
+            lines = self.run_tool("show", *base, "--at", f"{0x1FFFFFFFE},10").stdout.decode().splitlines()
+            for index, line in zip(range(10), lines, strict=True):
+                guard, lba = good[at(index, 0) : at(index, 2)].hex(), index - 2 & 0xFFFFFFFF
+                found, found_lba = ("3412", lba) if index == 3 else (guard, {4: 255, 5: 256}.get(index, lba))
+                self.assertEqual(line, f"block {index}, LBA {0x1FFFFFFFE + index}: guard {found}" + (
+                    ", version 0x1f invalid" if index == 1 else f" (expected {guard}), version 0x13 t10") +
+                    f", flags {'0x03 bst' if index in (7, 8) else '0x02'} lba-valid, LBA {found_lba} (expected {lba})" +
+                    (f"; wrong: {wrong[index]}" if index in wrong else ""))
+            repair = ["--force", "--crc", "t10", "--lba", str(0x1FFFFFFFE)]
+            marks = [(at(7, 3), b"\3"), (at(8, 3), b"\3")]
+            self.run_tool("relabel", *base, *repair, "--bitmap", "3-4,1")
+            self.is_image(edited(good, (at(5, 4), b"\0\0\1\0"), *marks))
+            self.run_tool("relabel", *base, *repair)
+            self.run_tool("relabel", *base, "--lba", "77")
+            t10, crc32c = (edited(expected_image(RAW[: 10 * size], block, crc, 77), *marks) for crc in TUPLE_VERSION)
+            self.is_image(t10)
+            base[3] = "77"
+            self.run_tool("relabel", *base, "--version-only", "--crc", "crc32c", "--bitmap", "9")
+            self.is_image(edited(t10, (at(9, 2), b"\x29")))
+            self.run_tool("relabel", *base, "--force", "--crc", "crc32c")
+            self.is_image(crc32c)
+            bad = edited(crc32c, (at(2, -1), bytes([crc32c[at(2, -1)] ^ 1])))
+            self.write("img", bad)
+            for force in [], ["--force"]:
+                says = self.run_tool("convert", *base, *force, status=1).stderr.decode()
+                self.assertIn("block 2, LBA 79: guard error", says)
+                self.is_image(*([t10[: 2 * block], bad[2 * block : 3 * block], t10[3 * block :]] if force else [bad]))
+            self.write("img", crc32c)
+            self.run_tool("convert", *base)
+            self.is_image(t10)
+
+    def test_fields_go_on_from_request_to_request(self):
+        self.write("raw", ODD_RAW)
+        base0, base9, base5000 = (self.run_tool("protect", "--lba", lba, "raw", "-").stdout
+                                  for lba in ("0", "9", "5000"))
+        self.write("img", base0)
+        self.run_tool("relabel", "--lba", "5000", "img")
+        self.is_image(base5000)
+        self.run_tool("inject", "--first-lba", "5000", "--at", "5003,3000", "--lba", "12", "img")
+        self.is_image(base5000[: 3 * 520], base9[3 * 520 : 3003 * 520], base5000[3003 * 520 :])
+        self.write("img", base0)
+        self.run_tool("relabel", "--lba", "9", "--bitmap", "6199,2040-0x802,2050-2060", "img")
+        self.is_image(base0[: 2040 * 520], base9[2040 * 520 : 2061 * 520], base0[2061 * 520 : -520], base9[-520:])
+
+    def test_fold(self):
+        raw = RAW[: 24 * 512]
+        image = expected_image(raw, 520, "crc32c", 9)
+        for crc, lba in ("t10", None), ("crc32c", 0x1FFFFFFFF):
+            place = [] if lba is None else ["--lba", str(lba)]
+            large = self.run_tool("fold", "--first-lba", "9", "--crc", crc, *place, "-", "-", stdin=image).stdout
+            self.assertEqual(large, expected_image(raw, 4160, crc, lba))
+            self.verify("--block", "4160", *place, "-", stdin=large, status=0)
+        self.run_tool("protect", self.write("raw", RAW), "img")
+        self.run_tool("fold", "img", "large")
+        self.run_tool("protect", "--block", "4160", "--no-lba", "raw", "same")
+        self.assertEqual(pathlib.Path("large").read_bytes(), pathlib.Path("same").read_bytes())
+        self.damaged()
+        before = sorted(os.listdir("."))
+        says = self.run_tool("fold", "--all", "--first-lba", "100", "img", "new", status=1).stderr.decode()
+        self.assertEqual((len(says.splitlines()), sorted(os.listdir("."))), (6, before))
+
+    def test_standard_tuples(self):
+        image, lba = b"", 0xFFFFFFFE
+        for index in range(40):
+            data, tag = RAW[index * 512 : index * 512 + 512], (0xFFFF if index % 8 == 1 else index).to_bytes(2, "big")
+            image += data + crc16_t10(data).to_bytes(2, "big") + tag + (lba + index & 0xFFFFFFFF).to_bytes(4, "big")
+        args = ["--standard", "--lba", str(lba), "--entry", "1040", "-"]
+        self.assertEqual(self.verify(*args, stdin=image, status=0)["blocks_checked"], 40)
+        bad = edited(image, *((index * 520 + byte, b"\xA5") for index, byte in
+                              ((3, 7), (9, 512), (17, 519), (18, 513), (20, 512), (20, 516), (39, 517))))
+        faults = [(3, lba + 3, "guard"), (18, lba + 18, "guard"), (20, lba + 20, "LBA"), (39, lba + 39, "LBA")]
+        self.assertEqual(self.verify("--all", *args, stdin=bad)["failed_blocks"], faults)
+        self.assertEqual(self.verify(*args, stdin=bad)["failed_blocks"], faults[:1])
+        self.assertEqual(len(self.verify("--all", "--no-lba", *args, stdin=bad)["failed_blocks"]), 3)
+
+    def test_interrupt_in_place_ends_between_requests(self):
+        blocks = 2048 * 200
+        os.truncate(self.write("img", b""), blocks * 520)
+        image = os.open("img", os.O_RDONLY)
+        self.addCleanup(os.close, image)
+        command = [DIFCTL, "relabel", "--force", "--lba", "1", "img"]
+        with subprocess.Popen(command, stderr=subprocess.PIPE) as tool:
+            while os.pread(image, 1, 515) == b"\0":  # until the first request is written
+                pass
+            tool.send_signal(signal.SIGINT)
+            self.assertEqual(tool.wait(timeout=20), 2)
+            line = tool.stderr.read().decode()
+        said = f"difctl: interrupted by SIGINT; the blocks before block (\\d+) of {blocks} are done\n"
+        reached = int(re.fullmatch(said, line)[1])
+        self.assertEqual((reached % 2048, 0 < reached < blocks), (0, True))
+        for index in range(blocks):
+            lba = os.pread(image, 8, index * 520 + 512)
+            self.assertEqual(lba, b"\0\0\0\2" + (index + 1).to_bytes(4, "big") if index < reached else bytes(8), index)
 
     def test_memory_stays_below_64_mib(self):
         if SANITIZED:

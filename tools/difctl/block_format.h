@@ -2,9 +2,12 @@
 #ifndef DIFCTL_BLOCK_FORMAT_H
 #define DIFCTL_BLOCK_FORMAT_H
 
+#include "error.h"
+
 #include "dif/dif.h"
 
 #include <cstdint>
+#include <optional>
 #include <string_view>
 
 namespace difctl {
@@ -12,16 +15,23 @@ namespace difctl {
 struct BlockFormat {
     uint32_t type; /* DIF_DATA_* */
     DifTypeInfo geometry;
+    uint64_t entryBytes; /* of the lists over blocks: whole blocks */
 };
 
-inline constexpr BlockFormat kFormat520 = {DIF_DATA_520,
-                                           {.blockSize = 520, .dataSize = 512, .sectorShift = 0, .difOffset = 512}};
-inline constexpr BlockFormat kFormat4160 = {DIF_DATA_4160,
-                                            {.blockSize = 4160, .dataSize = 4096, .sectorShift = 3, .difOffset = 4096}};
+inline constexpr BlockFormat kFormat520 = {
+    DIF_DATA_520, {.blockSize = 520, .dataSize = 512, .sectorShift = 0, .difOffset = 512}, uint64_t{64} * 520};
+inline constexpr BlockFormat kFormat4160 = {
+    DIF_DATA_4160, {.blockSize = 4160, .dataSize = 4096, .sectorShift = 3, .difOffset = 4096}, uint64_t{16} * 4160};
 
-/* For the block sizes 520 and 4160. */
-inline const BlockFormat &formatOfBlockSize(uint32_t blockSize) {
-    return blockSize == kFormat4160.geometry.blockSize ? kFormat4160 : kFormat520;
+/* For the block sizes 520 and 4160, with list entries of another size if one is given. */
+inline BlockFormat formatOf(uint32_t blockSize, std::optional<uint64_t> entryBytes = {}) {
+    BlockFormat format = blockSize == kFormat4160.geometry.blockSize ? kFormat4160 : kFormat520;
+    format.entryBytes = entryBytes.value_or(format.entryBytes);
+    if (format.entryBytes == 0 || format.entryBytes % blockSize != 0) {
+        throw Error("--entry " + std::to_string(format.entryBytes) + ": a list entry holds whole blocks of " +
+                    std::to_string(blockSize) + " bytes, at least one");
+    }
+    return format;
 }
 
 /* The tuple version with the guard "t10" or "crc32c". */

@@ -2,9 +2,11 @@
 #ifndef DIFCTL_COMMANDS_H
 #define DIFCTL_COMMANDS_H
 
+#include "block_range.h"
 #include "request.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace difctl {
@@ -19,39 +21,81 @@ struct ProtectOptions {
     std::string source;
     std::string destination;
     uint32_t blockSize = 520;
+    std::optional<uint64_t> entryBytes;
     std::string crc = "t10";
     uint64_t lba = 0;
     bool noLba = false;
     bool force = false;
-    bool progress = true;
 };
 
-/* What verify and strip know about an image of protected blocks. */
-struct ProtectedImageOptions {
+/* What every other command knows about its image of protected blocks, and about its check of them. */
+struct ImageOptions {
     std::string image;
     uint32_t blockSize = 520;
-    std::string crc; /* empty: every tuple by its own version */
-    uint64_t lba = 0;
+    uint64_t imageLba = 0;
     bool noLba = false;
     bool all = false;
-    bool progress = true;
 };
 
-struct VerifyOptions : ProtectedImageOptions {
+/* What verify and strip know beyond that. */
+struct CheckedImageOptions : ImageOptions {
+    std::optional<uint64_t> entryBytes;
+    std::string crc; /* empty: every tuple by its own version */
+};
+
+struct VerifyOptions : CheckedImageOptions {
+    bool standard = false;
     bool report = false;
     bool json = false;
 };
 
-struct StripOptions : ProtectedImageOptions {
+struct StripOptions : CheckedImageOptions {
     std::string destination;
     bool force = false;
+};
+
+struct FoldOptions : ImageOptions {
+    std::string destination;
+    std::string crc = "t10";
+    std::optional<uint64_t> newLba;
+    bool force = false;
+};
+
+struct ShowOptions : ImageOptions {
+    std::string at;
+};
+
+/* What the commands that change an image where it is know beyond ImageOptions; all that convert knows. */
+struct InPlaceOptions : ImageOptions {
+    bool force = false;
+};
+
+struct InjectOptions : InPlaceOptions {
+    std::string at;
+    std::optional<uint64_t> version;
+    std::optional<uint64_t> guard;
+    std::optional<uint64_t> lba;
+    bool bst = false;
+};
+
+struct RelabelOptions : InPlaceOptions {
+    std::optional<uint64_t> newLba;
+    std::string crc;
+    bool versionOnly = false;
+    std::string bitmap;
 };
 
 int runProtect(const ProtectOptions &options);
 int runVerify(const VerifyOptions &options);
 int runStrip(const StripOptions &options);
+int runShow(const ShowOptions &options);
+int runInject(const InjectOptions &options);
+int runRelabel(const RelabelOptions &options);
+int runConvert(const InPlaceOptions &options);
+int runFold(const FoldOptions &options);
 
-CheckOptions checkOptionsOf(const ProtectedImageOptions &options);
+CheckOptions checkOptionsOf(const ImageOptions &options);
+CheckOptions checkOptionsOf(const CheckedImageOptions &options);
 
 } // namespace difctl
 

@@ -136,6 +136,21 @@ void Source::waitForData() const {
     }
 }
 
+void Source::skip(uint64_t units) {
+    const uint64_t bytes = units * unitBytes_;
+    if (bytes != 0 && ::lseek(file_.get(), static_cast<off_t>(bytes), SEEK_CUR) < 0) {
+        throw systemError(name_, "cannot go to offset " + std::to_string(bytes), errno);
+    }
+    offset_ += bytes;
+}
+
+uint64_t Source::unitNum() const {
+    if (!length_) {
+        throw Error(name_ + ": has no known length; this command needs an image in a file");
+    }
+    return *length_ / unitBytes_;
+}
+
 size_t Source::read(const Pieces &pieces) {
     size_t done = 0;
     while (done < pieces.bytes() && !ended_) {
@@ -250,6 +265,28 @@ void Destination::commit() {
 
 std::string Destination::leftoverNote() const {
     return toStandardOutput() && offset_ != 0 ? std::string("; ") + kNoWayBack : std::string();
+}
+
+InPlaceFile::InPlaceFile(const std::string &path) : name_(path) {
+    if (path == "-") {
+        throw Error(std::string(kStandardInput) + ": cannot be changed in place; name a file");
+    }
+    file_.set(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
+    if (file_.get() < 0) {
+        throw systemError(name_, "cannot open for writing", errno);
+    }
+}
+
+void InPlaceFile::write(uint64_t offset, const Pieces &pieces) {
+    if (::lseek(file_.get(), static_cast<off_t>(offset), SEEK_SET) < 0 || !writeAll(file_.get(), pieces, offset)) {
+        throw systemError(name_, "cannot write at offset " + std::to_string(offset), errno);
+    }
+}
+
+void InPlaceFile::sync() {
+    if (::fsync(file_.get()) != 0) {
+        throw systemError(name_, "cannot bring the changes to stable storage", errno);
+    }
 }
 
 void printResult(const std::string &text) {

@@ -40,6 +40,9 @@ public:
      * is tested at once where the length is known, else at the end. */
     Source(const std::string &path, size_t unitBytes);
 
+    /* Passes over the first `units` units; before the first read, and where the length is known. */
+    void skip(uint64_t units);
+
     /* Fills `pieces` and returns the number of bytes read: less than asked for only at the end, and always whole units. */
     size_t read(const Pieces &pieces);
 
@@ -50,6 +53,9 @@ public:
 
     /* The length in bytes; none for pipes and the like. */
     std::optional<uint64_t> length() const { return length_; }
+
+    /* The length in units; throws Error where it is not known. */
+    uint64_t unitNum() const;
 
 private:
     void requireUsableLength(uint64_t length) const;
@@ -96,6 +102,19 @@ private:
     bool committed_ = false;
     FileDescriptor file_;
     uint64_t offset_ = 0;
+};
+
+/* An image file to change where it is. Everything throws Error. */
+class InPlaceFile {
+public:
+    explicit InPlaceFile(const std::string &path);
+
+    void write(uint64_t offset, const Pieces &pieces);
+    void sync();
+
+private:
+    std::string name_;
+    FileDescriptor file_;
 };
 
 /* Writes `text` to standard output as a command's result. */

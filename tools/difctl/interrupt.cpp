@@ -2,6 +2,7 @@
 
 #include "progress.h"
 
+#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +16,7 @@ namespace difctl {
 namespace {
 
 struct Watch {
+    std::atomic<bool> ending{false};
     std::mutex mutex;
     Unfinished unfinished;
 };
@@ -26,13 +28,7 @@ Watch &watch() {
 }
 
 [[noreturn]] void endProcess(int signalNumber) {
-    /* Not unlocked again: no other thread may give the file its final name any more. */
-    watch().mutex.lock();
-    const Unfinished &unfinished = watch().unfinished;
-    if (!unfinished.path.empty()) {
-        ::unlink(unfinished.path.c_str());
-    }
-    printMessage(std::string("interrupted by SIG") + sigabbrev_np(signalNumber) + unfinished.note);
+    giveUp(std::string("interrupted by SIG") + sigabbrev_np(signalNumber));
     std::_Exit(2);
 }
 
@@ -60,8 +56,21 @@ void watchInterrupts() {
 }
 
 void holdingInterrupts(const std::function<void(Unfinished &)> &change) {
+    /* No changes one after the other may keep an interrupt from getting the mutex. */
+    watch().ending.wait(true);
     const std::lock_guard lock(watch().mutex);
     change(watch().unfinished);
+}
+
+void giveUp(const std::string &why) {
+    watch().ending = true;
+    /* Not unlocked again: no other thread may write in place or give the file its final name any more. */
+    watch().mutex.lock();
+    const Unfinished &unfinished = watch().unfinished;
+    if (!unfinished.path.empty()) {
+        ::unlink(unfinished.path.c_str());
+    }
+    printMessage(why + unfinished.note);
 }
 
 } // namespace difctl

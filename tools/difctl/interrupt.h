@@ -1,4 +1,7 @@
-/* What SIGINT, SIGTERM and SIGHUP do: remove the unfinished file, say so in one line and end with status 2. */
+/*
+ * What SIGINT, SIGTERM and SIGHUP do: remove the unfinished file or wait for the request that is being written in place,
+ * say in one line how things were left and end with status 2.
+ */
 #ifndef DIFCTL_INTERRUPT_H
 #define DIFCTL_INTERRUPT_H
 
@@ -19,6 +22,9 @@ struct Unfinished {
 /* Runs `change`, which updates what an interrupt has to undo together with the files themselves, with interrupts held
  * off. */
 void holdingInterrupts(const std::function<void(Unfinished &)> &change);
+
+/* Undoes what an interrupt would undo and says `why` in one line. The process must end: nothing is written any more. */
+void giveUp(const std::string &why);
 
 } // namespace difctl
 

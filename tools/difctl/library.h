@@ -12,7 +12,8 @@ namespace difctl {
 inline constexpr uint8_t kVerifyModule = DIF_MID_LUN;
 inline constexpr uint8_t kVerifyPoint = 1;
 
-/* Starts the library, and stops it at the end of the object's life. `verbose`: its warnings and notices are shown too. */
+/* Starts the library, and stops it at the end of the object's life. A failed assertion of it ends the process.
+ * `verbose`: its warnings and notices are shown too. */
 class Library {
 public:
     explicit Library(bool verbose);

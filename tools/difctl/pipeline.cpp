@@ -107,7 +107,7 @@ private:
 
     void read() {
         const Pipeline &pipeline = pipeline_;
-        uint64_t block = 0;
+        uint64_t block = pipeline.blocks.first;
         for (uint64_t number = 0;; ++number) {
             Slot &slot = slotOf(number);
             if (!await([&slot] { return slot.state == State::kFree; })) {
@@ -116,9 +116,9 @@ private:
             guarded(slot, [&](Request &request) {
                 request.firstBlock = block;
                 request.blockNum = 0;
-                const Pieces whole = (request.*pipeline.layout)(blocksPerRequest_);
-                const size_t bytes = source_.read(whole);
-                request.blockNum = static_cast<uint32_t>(bytes / (whole.bytes() / blocksPerRequest_));
+                const uint64_t blocks = std::min<uint64_t>(blocksPerRequest_, pipeline.blocks.end - block);
+                const size_t bytes = source_.read((request.*pipeline.layout)(static_cast<uint32_t>(blocks)));
+                request.blockNum = static_cast<uint32_t>(bytes / (request.*pipeline.layout)(1).bytes());
                 block += request.blockNum;
             });
             if (slot.error || slot.request.blockNum == 0) {
@@ -160,6 +160,7 @@ private:
 } // namespace
 
 void runPipeline(Source &source, const Pipeline &pipeline) {
+    source.skip(pipeline.blocks.first);
     const unsigned workerNum = std::max(std::thread::hardware_concurrency(), 1U);
     Ring ring(source, pipeline, workerNum);
     ring.start(workerNum);

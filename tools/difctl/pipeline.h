@@ -2,6 +2,7 @@
 #ifndef DIFCTL_PIPELINE_H
 #define DIFCTL_PIPELINE_H
 
+#include "block_range.h"
 #include "image_io.h"
 #include "request.h"
 
@@ -17,12 +18,14 @@ struct Pipeline {
     std::function<void(Request &)> process;
     /* Runs on the caller's thread, request by request in the image's order; answers whether to go on. */
     std::function<bool(Request &)> consume;
+    /* The blocks to run, of a source whose length is known if they are not all. */
+    BlockRange blocks = {};
 };
 
 /*
- * Runs `source` through the pipeline until its end or until `consume` answers false. The number of requests in memory is
- * bounded, whatever the image's size. A failure to read or to process is thrown here in its turn: after the requests
- * before it have been consumed, so that the same image fails the same way every time.
+ * Runs `source` through the pipeline until its end, the end of the blocks asked for, or until `consume` answers false.
+ * The number of requests in memory is bounded, whatever the image's size. A failure to read or to process is thrown here
+ * in its turn: after the requests before it have been consumed, so that the same image fails the same way every time.
  */
 void runPipeline(Source &source, const Pipeline &pipeline);
 

@@ -20,6 +20,8 @@ constexpr const char *kEraseLine = "\r\x1b[K";
 constexpr const char *kWrapOff = "\x1b[?7l";
 constexpr const char *kWrapOn = "\x1b[?7h";
 
+bool progressAllowed = true;
+
 bool onTerminal() {
     return ::isatty(STDERR_FILENO) == 1;
 }
@@ -42,8 +44,12 @@ void printMessage(const std::string &text) {
     std::fprintf(stderr, "%sdifctl: %s\n", onTerminal() ? kEraseLine : "", text.c_str());
 }
 
-Progress::Progress(std::optional<uint64_t> totalBytes, bool wanted)
-    : totalBytes_(totalBytes), active_(wanted && onTerminal()), nextDraw_(start_ + kFirstDraw) {}
+void allowProgress(bool allowed) {
+    progressAllowed = allowed;
+}
+
+Progress::Progress(std::optional<uint64_t> totalBytes)
+    : totalBytes_(totalBytes), active_(progressAllowed && onTerminal()), nextDraw_(start_ + kFirstDraw) {}
 
 Progress::~Progress() {
     clear();

@@ -12,10 +12,13 @@ namespace difctl {
 /* Writes "difctl: TEXT" as one line, over a progress bar if one is there. */
 void printMessage(const std::string &text);
 
+/* Whether bars are drawn at all: yes by default. Call it before any work. */
+void allowProgress(bool allowed);
+
 /* A bar with share, rate and remaining time; without a known total, amount and rate. Silent off a terminal. */
 class Progress {
 public:
-    Progress(std::optional<uint64_t> totalBytes, bool wanted);
+    explicit Progress(std::optional<uint64_t> totalBytes);
     ~Progress();
     Progress(const Progress &) = delete;
     Progress &operator=(const Progress &) = delete;

@@ -6,12 +6,12 @@
 namespace difctl {
 
 int runProtect(const ProtectOptions &options) {
-    const BlockFormat &format = formatOfBlockSize(options.blockSize);
+    const BlockFormat format = formatOf(options.blockSize, options.entryBytes);
     setSysDifCrcVersion(versionOfCrcName(options.crc));
     const uint32_t insertFlags = DIF_INSERT_CRC | (options.noLba ? 0 : DIF_INSERT_LBA);
     Source source(options.source, format.geometry.dataSize);
     Destination destination(options.destination, options.force);
-    Progress progress(source.length(), options.progress);
+    Progress progress(source.length());
     const auto process = [&](Request &request) { protectRequest(request, insertFlags, options.lba); };
     const auto consume = [&](Request &request) {
         destination.write(request.wholeBlocks(request.blockNum));

@@ -1,5 +1,7 @@
 #include "report.h"
 
+#include "number.h"
+
 #include <numeric>
 
 #include <nlohmann/json.hpp>
@@ -40,13 +42,7 @@ const char *kindName(FaultKind kind) {
 }
 
 std::string tupleText(const Fault &fault) {
-    constexpr const char *kDigits = "0123456789abcdef";
-    std::string text;
-    for (const uint8_t byte : fault.tuple) {
-        text += kDigits[byte >> 4];
-        text += kDigits[byte & 0xF];
-    }
-    return text;
+    return hexText(fault.tuple.data(), fault.tuple.size());
 }
 
 /* A file name may be any bytes; JSON text may not. */
@@ -81,9 +77,12 @@ uint32_t Findings::report() const {
     return answer;
 }
 
+std::string placeText(uint64_t block, uint64_t lba) {
+    return "block " + std::to_string(block) + ", LBA " + std::to_string(lba);
+}
+
 std::string faultText(const Fault &fault) {
-    return "block " + std::to_string(fault.block) + ", LBA " + std::to_string(fault.lba) + ": " + kindName(fault.kind) +
-           " error, tuple " + tupleText(fault);
+    return placeText(fault.block, fault.lba) + ": " + kindName(fault.kind) + " error, tuple " + tupleText(fault);
 }
 
 std::string totalsText(const Findings &findings) {

@@ -37,6 +37,9 @@ private:
     uint32_t inEvery_ = UINT32_MAX;
 };
 
+/* "block BLOCK, LBA LBA", as every line about a block begins. */
+std::string placeText(uint64_t block, uint64_t lba);
+
 /* For people: a line a failed block, a line a report bit, a line of totals. Without the line feed. */
 std::string faultText(const Fault &fault);
 std::string totalsText(const Findings &findings);

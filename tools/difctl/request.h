@@ -1,11 +1,12 @@
 /*
  * A request: a run of consecutive blocks of an image in memory. Everything that is done to blocks through the library
- * is done here, one request a call; calls on different requests may run at once.
+ * is done here, one list a request; calls on different requests may run at once.
  */
 #ifndef DIFCTL_REQUEST_H
 #define DIFCTL_REQUEST_H
 
 #include "block_format.h"
+#include "block_range.h"
 #include "image_io.h"
 
 #include <array>
@@ -34,10 +35,13 @@ struct Request {
     uint64_t firstBlock = 0;
     uint32_t blockNum = 0;
 
-    std::vector<Fault> faults; /* written by checkRequest, as is the result word */
+    std::vector<Fault> faults; /* written by the checks, as is the result word */
     uint32_t checkResult = 0;
+    bool changed = false; /* written by what changes tuples: whether it may have */
 
     uint32_t sectorNum() const { return blockNum << format->geometry.sectorShift; }
+    uint8_t *block(uint32_t index) const { return buf + size_t{index} * format->geometry.blockSize; }
+    uint8_t *tuple(uint32_t index) const { return block(index) + format->geometry.difOffset; }
 
     /* Of the first `blocks` blocks: all bytes, or the data without the fields. */
     Pieces wholeBlocks(uint32_t blocks) const;
@@ -52,11 +56,36 @@ struct CheckOptions {
     bool compareLbas = true;
     bool allBlocks = false; /* name every failed block, not only the first one of a request */
     bool report = false;
+    bool convertToT10 = false;              /* rewrite passing tuples with the guard crc32c */
     std::optional<uint8_t> requiredVersion; /* a tuple of another version is a version fault */
 };
 
 /* Checks the blocks at the tool's verify point. */
 void checkRequest(Request &request, const CheckOptions &options);
+
+/* Checks the blocks as plain T10 protection information, without version and flags. Of the options, `imageLba`,
+ * `compareLbas` and `allBlocks` count. */
+void checkStandardRequest(Request &request, const CheckOptions &options);
+
+/* Writes the faults of `faults` into the blocks; its LBA is that of the image's block `firstBlock`. */
+void injectRequest(Request &request, const DifInjectParam &faults, uint64_t firstBlock);
+
+struct ReplaceOptions {
+    uint32_t flags = 0; /* DIF_REPLACE_* */
+    uint64_t imageLba = 0;
+    std::optional<BlockSet> blocks; /* none: all */
+};
+
+/* Rewrites fields of the blocks' tuples. */
+void replaceRequest(Request &request, const ReplaceOptions &options);
+
+/* How many 520-byte blocks one of 4160 bytes is made of, in as many bytes. */
+inline constexpr uint32_t kFoldedBlocks = 8;
+static_assert(kFoldedBlocks * kFormat520.geometry.blockSize == kFormat4160.geometry.blockSize);
+
+/* Turns each kFoldedBlocks blocks of 520 bytes into one of 4160 bytes in the same place. These carry no LBAs unless
+ * `imageLba` is that of the image's first one. */
+void foldRequest(Request &request, std::optional<uint64_t> imageLba);
 
 } // namespace difctl
 

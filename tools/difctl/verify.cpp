@@ -5,28 +5,19 @@
 
 namespace difctl {
 
-CheckOptions checkOptionsOf(const ProtectedImageOptions &options) {
-    CheckOptions check;
-    check.imageLba = options.lba;
-    check.compareLbas = !options.noLba;
-    check.allBlocks = options.all;
-    if (!options.crc.empty()) {
-        check.requiredVersion = versionOfCrcName(options.crc);
-    }
-    return check;
-}
-
 int runVerify(const VerifyOptions &options) {
-    const BlockFormat &format = formatOfBlockSize(options.blockSize);
+    const BlockFormat format = formatOf(options.blockSize, options.entryBytes);
     CheckOptions check = checkOptionsOf(options);
     check.report = options.report;
     Source source(options.image, format.geometry.blockSize);
-    Progress progress(source.length(), options.progress);
+    Progress progress(source.length());
     Findings findings(options.all);
     const std::string prefix = source.name() + ": ";
-    std::string text = options.json ? jsonBegin(source.name(), options.blockSize, options.lba) : "";
+    std::string text = options.json ? jsonBegin(source.name(), options.blockSize, options.imageLba) : "";
 
-    const auto process = [&](Request &request) { checkRequest(request, check); };
+    const auto process = [&](Request &request) {
+        options.standard ? checkStandardRequest(request, check) : checkRequest(request, check);
+    };
     const auto consume = [&](Request &request) {
         bool first = findings.failed() == 0;
         findings.add(request);

@@ -1,0 +1,37 @@
+/* Numbers as people write them and bytes as they read them. */
+#ifndef DIFCTL_NUMBER_H
+#define DIFCTL_NUMBER_H
+
+#include <charconv>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace difctl {
+
+/* Decimal, or hexadecimal after 0x, without a sign; none for anything else and for a number above `max`. */
+inline std::optional<uint64_t> parseNumber(std::string_view text, uint64_t max = UINT64_MAX) {
+    const bool hexadecimal = text.starts_with("0x");
+    text.remove_prefix(hexadecimal ? 2 : 0);
+    const char *end = text.data() + text.size();
+    uint64_t value = 0;
+    const auto [rest, error] = std::from_chars(text.data(), end, value, hexadecimal ? 16 : 10);
+    return error == std::errc() && rest == end && value <= max ? std::optional(value) : std::nullopt;
+}
+
+/* Two digits a byte, in the order of the bytes. */
+inline std::string hexText(const uint8_t *bytes, size_t size) {
+    constexpr const char *kDigits = "0123456789abcdef";
+    std::string text;
+    for (size_t i = 0; i < size; ++i) {
+        text += kDigits[bytes[i] >> 4];
+        text += kDigits[bytes[i] & 0xF];
+    }
+    return text;
+}
+
+} // namespace difctl
+
+#endif
