@@ -112,12 +112,17 @@ void addVerify(CLI::App &command, VerifyOptions &options) {
                   "in every block; a block with application tag 0xffff passes")
         ->excludes(report)
         ->excludes(command.get_option("--crc"));
+    command.add_flag("--stats", options.stats, "Print the counters of the run's verify point at the end")
+        ->excludes(command.get_option("--json"));
+    command.add_option("--metrics", options.metrics,
+                       "Write switch, levels and counters to this file at the end, in the Prometheus text format");
     command.footer(std::string(kExitStatusText) + R"(
 Examples:
   difctl verify disk.dif
   difctl verify --all --report --block 4160 --lba 2048 part.dif
   difctl verify --json --all --crc crc32c disk.dif | jq '.failed_blocks[].lba'
   difctl verify --standard --all drive.pi
+  difctl verify --metrics /var/lib/prometheus/node-exporter/disk.prom disk.dif
   ssh host 'cat disk.dif' | difctl verify -
 )");
 }
@@ -216,6 +221,47 @@ Examples:
 )");
 }
 
+void addShell(CLI::App &command, ShellOptions &options) {
+    command.add_flag("--cli", options.cli, "The commands of the CLI instead of those of the diagnose shell");
+    command.footer(
+        R"(Runs operator commands in a process of its own, line by line from standard input; 'help' lists them, 'exit' or the
+end of the input leaves. At a terminal there are line editing, history and completion by the tab key.
+Exit status: 0 every command of a script was done, 2 one could not be.
+
+Examples:
+  difctl shell
+  echo 'dif showverifylevel' | difctl shell --cli
+)");
+}
+
+void addAttach(CLI::App &command, AttachOptions &options) {
+    command.add_option("SOCKET", options.socket, "Control socket of the process")->required();
+    command.add_option("COMMAND", options.words, "Operator command and its words; 'help' lists the commands")
+        ->required();
+    command.add_flag("--cli", options.cli, "The commands of the CLI instead of those of the diagnose shell");
+    command.footer(
+        R"(Runs one operator command in a live process, whose data path goes on meanwhile, and prints its output.
+Exit status: 0 the command was done, 2 it could not be.
+
+Examples:
+  difctl attach /run/store/dif.sock dif showverifyresult
+  difctl attach /run/store/dif.sock metrics
+)");
+}
+
+void addSelftest(CLI::App &command, SelftestOptions &options) {
+    addNumber(command, "--times", options.times, "How often")->capture_default_str();
+    addNumber(command, "--len", options.len, "Over how many bytes, below 2^32")->capture_default_str();
+    command.footer(
+        R"(Compares the chosen CRC16 engine, the hardware engine and the table over generated data, and tells how fast each is.
+Exit status: 0 they agree, 1 they do not or the test could not run.
+
+Examples:
+  difctl selftest
+  difctl selftest --times 100000 --len 512
+)");
+}
+
 /* A subcommand with options of its own, which live as long as the command that `line` gets if it is the one. */
 template <typename Options>
 void addCommand(CLI::App &app, CommandLine &line, const char *name, const char *text,
@@ -257,10 +303,14 @@ Examples:
                addConvert, runConvert);
     addCommand(app, line, "fold", "Verify an image of 520-byte blocks and write it out in blocks of 4160 bytes",
                addFold, runFold);
+    addCommand(app, line, "shell", "Run operator commands in this process", addShell, runShell);
+    addCommand(app, line, "attach", "Run an operator command in a live process", addAttach, runAttach);
+    addCommand(app, line, "selftest", "Compare and time the CRC16 engines", addSelftest, runSelftest);
     try {
         app.parse(argc, argv);
         if (!line.command) {
-            throw CLI::RequiredError("a command: protect, verify, strip, show, inject, relabel, convert or fold");
+            throw CLI::RequiredError("a command: protect, verify, strip, show, inject, relabel, convert, fold, "
+                                     "shell, attach or selftest");
         }
     } catch (const CLI::ParseError &error) {
         line.command = nullptr;

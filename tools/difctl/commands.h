@@ -4,10 +4,12 @@
 
 #include "block_range.h"
 #include "request.h"
+#include "selftest.h"
 
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace difctl {
 
@@ -47,6 +49,8 @@ struct VerifyOptions : CheckedImageOptions {
     bool standard = false;
     bool report = false;
     bool json = false;
+    bool stats = false;
+    std::string metrics; /* file to write; empty: none */
 };
 
 struct StripOptions : CheckedImageOptions {
@@ -85,6 +89,21 @@ struct RelabelOptions : InPlaceOptions {
     std::string bitmap;
 };
 
+struct ShellOptions {
+    bool cli = false;
+};
+
+struct AttachOptions {
+    std::string socket;
+    bool cli = false;
+    std::vector<std::string> words;
+};
+
+struct SelftestOptions {
+    uint64_t times = kSelftestTimes;
+    uint64_t len = kSelftestLen;
+};
+
 int runProtect(const ProtectOptions &options);
 int runVerify(const VerifyOptions &options);
 int runStrip(const StripOptions &options);
@@ -93,6 +112,9 @@ int runInject(const InjectOptions &options);
 int runRelabel(const RelabelOptions &options);
 int runConvert(const InPlaceOptions &options);
 int runFold(const FoldOptions &options);
+int runShell(const ShellOptions &options);
+int runAttach(const AttachOptions &options);
+int runSelftest(const SelftestOptions &options);
 
 CheckOptions checkOptionsOf(const ImageOptions &options);
 CheckOptions checkOptionsOf(const CheckedImageOptions &options);

@@ -1,9 +1,30 @@
 #include "commands.h"
+#include "error.h"
 #include "pipeline.h"
 #include "progress.h"
 #include "report.h"
 
+#include "dif_host.h"
+
 namespace difctl {
+
+namespace {
+
+/* The whole file or nothing of it, as who collects it expects. */
+void writeMetrics(const std::string &path) {
+    std::string text;
+    const auto collect = [](void *context, const char *piece, size_t size) {
+        static_cast<std::string *>(context)->append(piece, size);
+    };
+    if (const int error = difHostRenderMetrics(collect, &text); error != 0) {
+        throw systemError(path, "cannot render the metrics", error);
+    }
+    Destination file(path, true);
+    file.write({reinterpret_cast<uint8_t *>(text.data()), text.size(), text.size(), 1});
+    file.commit();
+}
+
+} // namespace
 
 int runVerify(const VerifyOptions &options) {
     const BlockFormat format = formatOf(options.blockSize, options.entryBytes);
@@ -41,6 +62,12 @@ int runVerify(const VerifyOptions &options) {
         text = (options.report ? reportText(findings) : "") + prefix + totalsText(findings) + "\n";
     }
     printResult(text);
+    if (options.stats) {
+        difHostRunCommand(DIF_HOST_DIAGNOSE, "dif showverifyresult", nullptr, nullptr);
+    }
+    if (!options.metrics.empty()) {
+        writeMetrics(options.metrics);
+    }
     return findings.failed() == 0 ? kAllWell : kFaultsFound;
 }
 
