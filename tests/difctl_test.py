@@ -384,6 +384,26 @@ class DifctlTest(unittest.TestCase):
             lba = os.pread(image, 8, index * 520 + 512)
             self.assertEqual(lba, b"\0\0\0\2" + (index + 1).to_bytes(4, "big") if index < reached else bytes(8), index)
 
+    def test_operator_commands(self):
+        shell = self.run_tool("shell", stdin=b"dif showdifswitch\n\nnonsense\nhelp dif\nexit\nmetrics\n", status=2)
+        out = shell.stdout.decode()
+        for part in "dif switch status: on\n", "unknown command 'nonsense'", "SYNOPSIS\n        dif showverifylevel":
+            self.assertIn(part, out)
+        self.assertNotIn("dif_switch", out)  # exit left the commands behind it alone
+        self.run_tool("shell", "--cli", stdin=b"dif showverifylevel\n")
+        self.run_tool("shell", "--cli", stdin=b"dif showdifswitch\n", status=2)
+        self.assertIn(b"Test PASS", self.run_tool("selftest", "--times", "3", "--len", "513").stdout)
+        self.run_tool("selftest", "--len", "0", status=1)
+        self.refused("attach", "nowhere.sock", "metrics", says=["nowhere.sock", "No such file"])
+        self.damaged()
+        stats = self.run_tool("verify", "--all", "--lba", "100", "--stats", "--metrics", "m.prom", "img", status=1).stdout
+        counters = re.search(rb"DIFCTL_IMAGE_VERIFY +0 +(\d+) +(\d+) +(\d+)\n", stats).groups()
+        metrics = pathlib.Path("m.prom").read_bytes()
+        for kind, count in zip((b"lba", b"crc", b"version"), counters):
+            self.assertIn(b'kind="%s_error"} %s\n' % (kind, count), metrics.replace(b'mid="2"', b""))
+            self.assertGreater(int(count), 0)
+        self.refused("verify", "--metrics", "no/where", "img", "--lba", "100", says=["no/where"])
+
     def test_memory_stays_below_64_mib(self):
         if SANITIZED:
             self.skipTest("a sanitizer needs memory of its own")
