@@ -86,9 +86,9 @@ int difHostRenderMetrics(DifHostPrint print, void *context);
 /*
  * Serves the commands on the Unix stream socket `path`, mode 0600, to processes of this process's effective user and of
  * root, on a thread of its own. The name of a server that is gone is taken over. Clients are dropped that take over five
- * seconds to send their line or to read the answer; they cannot make the process wait. Returns 0 or an errno value: EADDRINUSE if a server is alive
- * there or this process has a control socket already, ENOTSOCK if `path` is something else, which is left alone,
- * ENAMETOOLONG, EINVAL for null, ETIMEDOUT if others hold a lock on the directory of `path`.
+ * seconds to send their line or to read the answer; they cannot make the process wait. Returns 0 or an errno value:
+ * EADDRINUSE if a server is alive there or this process has a control socket already, ENOTSOCK if `path` is something
+ * else, which is left alone, ENAMETOOLONG, EINVAL for null, ETIMEDOUT if others hold a lock on the directory of `path`.
  */
 int difHostOpenControlSocket(const char *path);
 
