@@ -6,22 +6,21 @@
 
 #include "dif_host.h"
 
+#include <optional>
+
 namespace difctl {
 
 namespace {
 
-/* The whole file or nothing of it, as who collects it expects. */
-void writeMetrics(const std::string &path) {
+std::string renderedMetrics() {
     std::string text;
     const auto collect = [](void *context, const char *piece, size_t size) {
         static_cast<std::string *>(context)->append(piece, size);
     };
     if (const int error = difHostRenderMetrics(collect, &text); error != 0) {
-        throw systemError(path, "cannot render the metrics", error);
+        throw systemError("metrics", "cannot be rendered", error);
     }
-    Destination file(path, true);
-    file.write({reinterpret_cast<uint8_t *>(text.data()), text.size(), text.size(), 1});
-    file.commit();
+    return text;
 }
 
 } // namespace
@@ -31,6 +30,11 @@ int runVerify(const VerifyOptions &options) {
     CheckOptions check = checkOptionsOf(options);
     check.report = options.report;
     Source source(options.image, format.geometry.blockSize);
+    /* Whole or not there, as who collects it expects. */
+    std::optional<Destination> metrics;
+    if (!options.metrics.empty()) {
+        metrics.emplace(options.metrics, true);
+    }
     Progress progress(source.length());
     Findings findings(options.all);
     const std::string prefix = source.name() + ": ";
@@ -65,8 +69,10 @@ int runVerify(const VerifyOptions &options) {
     if (options.stats) {
         difHostRunCommand(DIF_HOST_DIAGNOSE, "dif showverifyresult", nullptr, nullptr);
     }
-    if (!options.metrics.empty()) {
-        writeMetrics(options.metrics);
+    if (metrics) {
+        std::string rendered = renderedMetrics();
+        metrics->write({reinterpret_cast<uint8_t *>(rendered.data()), rendered.size(), rendered.size(), 1});
+        metrics->commit();
     }
     return findings.failed() == 0 ? kAllWell : kFaultsFound;
 }

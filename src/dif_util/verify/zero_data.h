@@ -5,19 +5,12 @@
 #include <cstdint>
 #include <cstring>
 
-/* Looks at 64-bit words in order, eight at a time, and stops at the first eight that are not all zero. */
+/* Looks at the first 64-bit word, which settles it for most data, then compares every byte with the one a word before. */
 inline bool isAllZero(const uint8_t *data, uint32_t size) {
-    const uint8_t *const end = data + size;
-    uint64_t words[8];
-    for (; end - data >= static_cast<std::ptrdiff_t>(sizeof words); data += sizeof words) {
-        std::memcpy(words, data, sizeof words);
-        uint64_t any = 0;
-        for (const uint64_t word : words) {
-            any |= word;
-        }
-        if (any != 0) {
-            return false;
-        }
+    uint64_t word;
+    if (size < sizeof word) {
+        return std::all_of(data, data + size, [](uint8_t byte) { return byte == 0; });
     }
-    return std::all_of(data, end, [](uint8_t byte) { return byte == 0; });
+    std::memcpy(&word, data, sizeof word);
+    return word == 0 && std::memcmp(data, data + sizeof word, size - sizeof word) == 0;
 }
