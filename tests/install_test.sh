@@ -18,16 +18,7 @@ read -ra flags <<<"$(pkg-config --cflags --libs dif_host dif)"
 cc -std=c11 -Wall -Wextra -Wpedantic -Werror first.c "${flags[@]}" -o with_pkgconfig
 expectReadmeOutput pkg-config env LD_LIBRARY_PATH="$(pkg-config --variable=libdir dif)" ./with_pkgconfig
 
-cat >CMakeLists.txt <<'END'
-cmake_minimum_required(VERSION 3.25)
-project(consumer C)
-find_package(dif 1.0 REQUIRED)
-add_executable(with_cmake first.c)
-target_link_libraries(with_cmake PRIVATE dif::dif_host dif::dif)
-END
-cmake -G Ninja -S . -B consumer -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
-cmake --build consumer >/dev/null
-expectReadmeOutput find_package consumer/with_cmake
+expectCmakeConsumer "$prefix"
 
 head -c 65536 /dev/urandom >disk.img
 "$prefix"/bin/difctl protect disk.img disk.dif

@@ -47,16 +47,7 @@ expectReadmeOutput "plain cc" ./first
 read -ra flags <<<"$(PKG_CONFIG_PATH=$libdir/pkgconfig pkg-config --cflags --libs dif_host dif)"
 "${compile[@]}" first.c "${flags[@]}" -o first_pkgconfig
 expectReadmeOutput pkg-config ./first_pkgconfig
-cat >CMakeLists.txt <<'END'
-cmake_minimum_required(VERSION 3.25)
-project(first C)
-find_package(dif 1.0 REQUIRED)
-add_executable(first_cmake first.c)
-target_link_libraries(first_cmake PRIVATE dif::dif_host dif::dif)
-END
-cmake -G Ninja -S . -B consumer -DCMAKE_PREFIX_PATH="$work/root/usr" >/dev/null
-cmake --build consumer >/dev/null
-expectReadmeOutput find_package consumer/first_cmake
+expectCmakeConsumer "$work/root/usr"
 find root/usr/include -name '*.h' -printf '%P\n' | while read -r header; do
     "${compile[@]}" -fsyntax-only -I root/usr/include -x c - <<<"#include <$header>
 extern int notEmpty;"
