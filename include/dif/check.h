@@ -47,7 +47,7 @@ DIF_API uint32_t checkDifInBlocks(uint8_t *data, uint32_t blockNum, const DifTyp
 /* Sets DIF_RESULT_VERSION_ZERO if `ctrlFlag` asks for it and the tuple's version is 0x00 or 0xFF. */
 DIF_API void checkDifVerZero(uint32_t ctrlFlag, const DifTuple *difPtr, uint32_t *checkResult);
 
-/* True if all `size` bytes are zero; reads 64 bits at a time and stops at the first that are not. */
+/* True if all `size` bytes are zero. Ends at the first 64-bit word that is not: a page behind it is not touched. */
 DIF_API bool noDifBlockAllZero(const uint8_t *data, uint32_t size);
 
 /* True if the data of every block is zero; DIF areas are not looked at. */
