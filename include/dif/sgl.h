@@ -6,7 +6,9 @@
  *
  * Malformed lists are logged with a dump of the chain. Most operations then assert; if the host lets them go on, they
  * stay inside the entries whatever those say, and end where the chain does. The *WithErrorReturn and *WithStdT10 checks
- * return DIF_ERR_SGL instead.
+ * return DIF_ERR_SGL instead. Two faults are not looked for: an entry of the range with a null `buf` is read through, and
+ * a chain that leads back into itself is followed for as long as the range needs blocks, without end if its entries have
+ * none to give.
  */
 #ifndef DIF_SGL_H
 #define DIF_SGL_H

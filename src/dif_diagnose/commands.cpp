@@ -19,6 +19,11 @@ int32_t refuse() {
     return DBG_ShowUsageAndErrMsg(nullptr);
 }
 
+/* A word that is not there is none. */
+bool isWord(const char *word, const char *expected) {
+    return word != nullptr && std::strcmp(word, expected) == 0;
+}
+
 /* The sub-commands take no arguments. */
 bool isBare(int32_t argc) {
     return argc == 2;
@@ -28,9 +33,9 @@ int32_t dispatch(std::span<const DifCmdEntry> entries, int32_t argc, char **argv
     if (argv == nullptr) {
         return DBG_ShowUsageAndErrMsg("Error: cmd input is null.");
     }
-    if (argc > 1 && std::strcmp(argv[0], kCommandWord) == 0) {
+    if (argc > 1 && isWord(argv[0], kCommandWord)) {
         for (const DifCmdEntry &entry : entries) {
-            if (std::strcmp(argv[1], entry.name) == 0) {
+            if (isWord(argv[1], entry.name)) {
                 return entry.handler(argc, argv);
             }
         }
