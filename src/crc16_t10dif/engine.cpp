@@ -2,19 +2,12 @@
 #include "crc16_t10dif/engine.h"
 
 #include "dif/crc16.h"
-#include "dif/types.h"
+#include "log.h"
 #include "platform/crc16_t10dif.h"
-#include "platform/hostlog.h"
 
 #include <cpuid.h>
 
 constinit std::atomic<Crc16Engine> crc16Engine{nullptr};
-
-namespace {
-
-constexpr uint32_t kNotice = 5;
-
-} // namespace
 
 uint32_t _cpu_has_sse3_clmul(void) { // NOLINT(bugprone-reserved-identifier)
     uint32_t eax = 0;
@@ -31,11 +24,10 @@ void setCrc16Func(void) {
 
 void initCrc16T10Func(void) {
     if (_cpu_has_sse3_clmul() != 0) {
-        hostlog(DIF_MODULE_ID, kNotice, DIF_SOURCE_MODULE, __LINE__, __func__, 0,
-                "Use Intel CPU hardware for crc16T10");
+        DIF_LOG_WITH_ID(kLogNotice, kNoLogId, "Use Intel CPU hardware for crc16T10");
         setCrc16Func();
     } else {
-        hostlog(DIF_MODULE_ID, kNotice, DIF_SOURCE_MODULE, __LINE__, __func__, 0, "Use software for crc16T10");
+        DIF_LOG_WITH_ID(kLogNotice, kNoLogId, "Use software for crc16T10");
         crc16Engine.store(calcT10DifCrcByTable, std::memory_order_relaxed);
     }
 }

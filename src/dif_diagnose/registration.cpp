@@ -1,17 +1,7 @@
 /* Registration of the "dif" commands with the host. */
 #include "dif/diagnose.h"
-#include "dif/types.h"
+#include "log.h"
 #include "platform/dbg_cmd.h"
-#include "platform/hostlog.h"
-
-/* A plain message. */
-#define DIF_LOG(level, text) hostlog(DIF_MODULE_ID, (level), DIF_SOURCE_MODULE, __LINE__, __func__, kLogId, text)
-
-namespace {
-
-enum : uint32_t { kLogError = 3, kLogNotice = 5, kLogId = 4660 };
-
-} // namespace
 
 void initDifDiagnoseModule(void) {
     const DbgCmdReg diagnose = {"dif", "diagnose function of dif", diagnoseDoDifCmd, diagnoseDoDifHelp};

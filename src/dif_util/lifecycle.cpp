@@ -2,9 +2,10 @@
 #include "dif/crc16.h"
 #include "dif/diagnose.h"
 #include "dif/runtime.h"
-#include "dif_util/core/log.h"
 #include "dif_util/core/settings.h"
 #include "dif_util/verify/verify_point_registry.h"
+#include "log.h"
+#include "platform/osal.h"
 
 uint32_t difModuleInit(void) {
     osal_pid_set_name(DIF_MODULE_ID, "DIF");

@@ -3,6 +3,7 @@
 
 #include "dif_util/core/arguments.h"
 #include "dif_util/core/geometry.h"
+#include "dif_util/core/limited_log.h"
 #include "dif_util/core/restore.h"
 #include "dif_util/core/scoped_flag.h"
 #include "dif_util/core/tuple.h"

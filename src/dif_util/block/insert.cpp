@@ -12,7 +12,7 @@
 namespace {
 
 /* Fixed sizes, so that the compiler stores words; an area of any other size is left alone. */
-inline void clearDifArea(uint8_t *block, const DifTypeInfo &info) {
+DIF_INSERT_HELPER void clearDifArea(uint8_t *block, const DifTypeInfo &info) {
     const uint32_t size = info.blockSize - info.dataSize;
     if (size == 8) {
         std::memset(block + info.dataSize, 0, 8);

@@ -11,7 +11,8 @@
 
 namespace {
 
-inline void replaceDifInOneBlock(const uint8_t *data, uint32_t dataSize, DifTuple *tuple, const DifOpParam &param) {
+DIF_INSERT_HELPER void replaceDifInOneBlock(const uint8_t *data, uint32_t dataSize, DifTuple *tuple,
+                                            const DifOpParam &param) {
     const uint32_t ctrlFlag = param.ctrlFlag;
     if ((ctrlFlag & DIF_REPLACE_CRC) != 0) {
         writeSystemGuard(tuple, data, dataSize, param.type);
@@ -36,7 +37,7 @@ inline void replaceDifInOneBlock(const uint8_t *data, uint32_t dataSize, DifTupl
     }
 }
 
-inline bool isBlockChosen(const uint32_t *bitmap, uint32_t block) {
+DIF_INSERT_HELPER bool isBlockChosen(const uint32_t *bitmap, uint32_t block) {
     return bitmap == nullptr || (bitmap[block / 32] >> (block % 32) & 1) != 0;
 }
 

@@ -7,6 +7,7 @@
 #include "dif_util/core/geometry.h"
 #include "dif_util/core/settings.h"
 #include "dif_util/core/tuple.h"
+#include "platform/osal.h"
 
 namespace {
 
@@ -42,7 +43,8 @@ void trans2LSectorDif(const uint8_t *buf, uint32_t sectorNum, DifTuple *dif) {
         return;
     }
     const uint8_t version = sysDifCrcVersion.load(std::memory_order_relaxed);
-    std::memset(tupleBytes(dif), 0, sizeof *dif);
     setTupleVersion(dif, version);
+    setTupleApp(dif, 0);
+    setTupleLba(dif, 0);
     setTupleGuard(dif, version == DIF_VERSION_T10 ? t10GuardOfAll(buf, sectorNum) : crc32cGuardOfAll(buf, sectorNum));
 }

@@ -4,6 +4,7 @@
 #include "dif/block.h"
 #include "dif_util/core/arguments.h"
 #include "dif_util/core/geometry.h"
+#include "dif_util/core/limited_log.h"
 
 /* The end of a message about a tuple, and its arguments. */
 #define DIF_TUPLE_FORMAT "dif:0x%02x 0x%02x 0x%02x 0x%02x 0x%02x 0x%02x 0x%02x 0x%02x"

@@ -1,6 +1,7 @@
 #include "dif_util/core/assertion.h"
 
 #include "dif/runtime.h"
+#include "log.h"
 #include "platform/intf_lookup.h"
 
 #include <atomic>
@@ -26,12 +27,16 @@ AssertionService assertionService() {
 
 } // namespace
 
-void askHostWhetherToStop(const LogSite &site, const char *expression) {
-    const AssertionService mustStop = assertionService();
-    if (mustStop == nullptr || mustStop(expression, 0, 0, DIF_MODULE_ID, site.func, site.line) == 0) {
-        return;
+bool assertionFailed(AssertionSite &site, const char *func, uint32_t value) {
+    if (!site.limiter.admit({func, site.line}, kLogError)) {
+        return false;
     }
-    hostlog_standard(DIF_MODULE_ID, kLogAssert, site.func, site.line, kNoLogId, "Assert fail: (%s)", "0");
-    std::raise(SIGILL);
-    std::exit(-1); // NOLINT(concurrency-mt-unsafe): nothing of this process goes on
+    hostlog(DIF_MODULE_ID, kLogAssert, DIF_SOURCE_MODULE, site.line, func, kNoLogId, site.text, value);
+    const AssertionService mustStop = assertionService();
+    if (mustStop != nullptr && mustStop(site.expression, 0, 0, DIF_MODULE_ID, func, site.line) != 0) {
+        hostlog_standard(DIF_MODULE_ID, kLogAssert, func, site.line, kNoLogId, "Assert fail: (%s)", "0");
+        std::raise(SIGILL);
+        std::exit(-1); // NOLINT(concurrency-mt-unsafe): nothing of this process goes on
+    }
+    return false;
 }

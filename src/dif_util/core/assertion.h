@@ -1,27 +1,37 @@
 /* Assertions: logged, then handed to the host, which decides whether the process stops. */
 #pragma once
 
-#include "dif_util/core/log.h"
+#include "dif_util/core/limiter.h"
+
+#include <cstdint>
+
+/* One assertion in the source. */
+struct AssertionSite {
+    const char *text;       /* for the log; may show one number with %u */
+    const char *expression; /* for the host's assertion service; may be null */
+    int32_t line;
+    AssertionLimiter limiter{};
+};
 
 /*
- * DIF_ASSERT_FAILED(expression, format, ...) reports a failed assertion, at most once in 150000 ticks a site: writes the
- * message, hands `expression` (a text, may be null) to the host's assertion service and stops the process if that says
- * so. Evaluates to false, the answer of a condition that does not hold.
+ * Reports that what `site` asserts does not hold, at most once in 150000 ticks: writes the text, with `value` for its %u,
+ * on behalf of the function `func`, asks the host, and stops the process if that says so. Otherwise returns false.
  */
-#define DIF_ASSERT_FAILED(expression, ...) DIF_ASSERT_FAILED_IN(__func__, expression, __VA_ARGS__)
+[[gnu::cold, gnu::noinline]] bool assertionFailed(AssertionSite &site, const char *func, uint32_t value = 0);
 
-/* The same on behalf of the function named `function`. */
-#define DIF_ASSERT_FAILED_IN(function, expression, ...)                                                                \
-    (DIF_LIMITED(function, AssertLimiter, kLogError,                                                                   \
-                 hostlog(DIF_MODULE_ID, kLogAssert, site.file, site.line, site.func, kNoLogId, __VA_ARGS__);           \
-                 askHostWhetherToStop(site, expression)),                                                              \
-     false)
+/* The site of this line. */
+#define DIF_ASSERTION_SITE(text, expression)                                                                           \
+    __extension__({                                                                                                    \
+        static constinit AssertionSite assertionSite{(text), (expression), __LINE__};                                  \
+        &assertionSite;                                                                                                \
+    })
 
 /* True if `condition` holds; otherwise a failed assertion with the text for the log and the one for the host. */
-#define DIF_ASSERT_AS(condition, text, expression) ((condition) || DIF_ASSERT_FAILED(expression, text))
+#define DIF_ASSERT_AS(condition, text, expression)                                                                     \
+    ((condition) || assertionFailed(*DIF_ASSERTION_SITE(text, expression), __func__))
 
 /* The same with the condition as written for both texts. */
 #define DIF_ASSERT(condition) DIF_ASSERT_AS(condition, #condition, #condition)
 
-/* Asks the host's assertion service about a fired assertion, and stops the process if it answers yes. */
-void askHostWhetherToStop(const LogSite &site, const char *expression);
+/* The unconditional assertion. */
+#define DIF_ASSERT_NEVER() static_cast<void>(DIF_ASSERT_AS(false, "0", "0"))

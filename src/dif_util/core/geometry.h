@@ -4,7 +4,7 @@
 #include "dif/types.h"
 
 /* Indexed by data type. */
-constexpr DifTypeInfo kTypeInfo[DIF_DATA_BUTT] = {
+inline constexpr DifTypeInfo kTypeInfo[DIF_DATA_BUTT] = {
     {520, 512, 0, 512},    /* DIF_DATA_520 */
     {520, 512, 0, 512},    /* DIF_DATA_520_ZERO */
     {4160, 4096, 3, 4096}, /* DIF_DATA_4160 */

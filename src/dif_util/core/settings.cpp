@@ -2,8 +2,8 @@
 
 #include "dif/runtime.h"
 #include "dif/types.h"
-#include "dif_util/core/log.h"
 #include "dif_util/core/section.h"
+#include "log.h"
 
 constinit std::atomic<uint8_t> sysDifCrcVersion{0};
 

@@ -55,6 +55,10 @@ inline void setTupleVersion(DifTuple *tuple, uint8_t version) {
     tupleBytes(tuple)[offsetof(DifTuple, version)] = version;
 }
 
+inline void setTupleApp(DifTuple *tuple, uint8_t app) {
+    tupleBytes(tuple)[offsetof(DifTuple, app)] = app;
+}
+
 inline void setTupleAppFlag(DifTuple *tuple, uint8_t flag) {
     tupleBytes(tuple)[offsetof(DifTuple, app)] |= flag;
 }

@@ -1,6 +1,7 @@
 #include "dif_util/sgl/chain_dump.h"
 
-#include "dif_util/core/log.h"
+#include "dif_util/core/limiter.h"
+#include "log.h"
 
 namespace {
 
@@ -12,7 +13,7 @@ constexpr unsigned long long wide(uint64_t value) {
 
 void difPrintSglDetail(const SglRange &range) {
     static constinit FaultLimiter limiter;
-    if (!limiter.admit({DIF_SOURCE_MODULE, __func__, __LINE__}, kLogWarning)) {
+    if (!limiter.admit({__func__, __LINE__}, kLogWarning)) {
         return;
     }
     const Sgl *const root = range.root;

@@ -3,7 +3,9 @@
 #include "dif/runtime.h"
 #include "dif/sgl.h"
 #include "dif_util/core/arguments.h"
+#include "dif_util/core/limited_log.h"
 #include "dif_util/core/section.h"
+#include "dif_util/sgl/chain_dump.h"
 #include "dif_util/sgl/position.h"
 #include "dif_util/sgl/run_walk.h"
 #include "dif_util/sgl/trim.h"
@@ -44,10 +46,12 @@ DIF_CHECK_TEXT uint32_t checkDifInSgl(const Sgl *sgl, uint32_t offsetByte, uint3
     const SglRange range{sgl, offsetByte, sectorNum, info.blockSize};
     const SglPosition start = getStartSglByOffset(range);
     CheckCall call{*param};
-    walkRuns<FaultsAssert>(__func__, range, start, info, blockNum, [&](uint8_t *data, uint32_t n, uint32_t startBlock) {
-        call.run(data, n, info, startBlock);
-        return !call.isDone();
-    });
+    static constinit ChainAssertions assertions;
+    walkRuns({__func__, &assertions}, range, start, info, blockNum,
+             [&](uint8_t *data, uint32_t n, uint32_t startBlock) {
+                 call.run(data, n, info, startBlock);
+                 return !call.isDone();
+             });
     return call.finish();
 }
 
@@ -78,7 +82,7 @@ uint32_t checkDifInSglWithErrorReturn(const Sgl *sgl, uint32_t offsetByte, uint3
     const uint32_t blockNum = sectorNum >> info.sectorShift;
     const SglRange range{sgl, offsetByte, sectorNum, info.blockSize};
     if (blockNum == 0) {
-        DIF_LOG_NO_BLOCKS(sectorNum, param->type, info);
+        DIF_LOG(kLogError, DIF_NO_BLOCKS_FORMAT, sectorNum, param->type, info.blockSize);
         difPrintSglDetail(range);
         return DIF_ERR_SGL;
     }
@@ -88,10 +92,10 @@ uint32_t checkDifInSglWithErrorReturn(const Sgl *sgl, uint32_t offsetByte, uint3
         return positioned;
     }
     CheckCall call{*param};
-    const uint32_t walked = walkRuns<FaultsReturn>(__func__, range, start, info, blockNum,
-                                                   [&](uint8_t *data, uint32_t n, uint32_t startBlock) {
-                                                       call.run(data, n, info, startBlock);
-                                                       return !call.isDone();
-                                                   });
+    const uint32_t walked = walkRuns({__func__, nullptr}, range, start, info, blockNum,
+                                     [&](uint8_t *data, uint32_t n, uint32_t startBlock) {
+                                         call.run(data, n, info, startBlock);
+                                         return !call.isDone();
+                                     });
     return walked == DIF_OK ? call.finish() : walked;
 }

@@ -13,14 +13,15 @@ bool isDifEvictableInSgl(const Sgl *sgl, uint32_t offsetByte, uint32_t sectorNum
     if (!DIF_ASSERT_NOT_NULL(sgl)) {
         return false;
     }
-    static_cast<void>(DIF_ASSERT_SECTORS(sectorNum));
+    DIF_ASSERT_SECTORS(sectorNum);
     const DifTypeInfo &info = kTypeInfo[DIF_DATA_520];
     const SglRange range{sgl, offsetByte, sectorNum, info.blockSize};
     bool isEvictable = true;
-    const uint32_t walked = walkRuns<FaultsAssert>(__func__, range, getStartSglByOffset(range), info, sectorNum,
-                                                   [&](const uint8_t *data, uint32_t n, uint32_t) {
-                                                       isEvictable = n == 0 || isDifEvictable(data, n);
-                                                       return isEvictable;
-                                                   });
+    static constinit ChainAssertions assertions;
+    const uint32_t walked = walkRuns({__func__, &assertions}, range, getStartSglByOffset(range), info, sectorNum,
+                                     [&](const uint8_t *data, uint32_t n, uint32_t) {
+                                         isEvictable = n == 0 || isDifEvictable(data, n);
+                                         return isEvictable;
+                                     });
     return walked == DIF_OK && isEvictable;
 }

@@ -13,14 +13,15 @@ bool noDifZeroDataCheckInSgl(const Sgl *sgl, uint32_t offsetByte, uint32_t secto
     }
     const DifTypeInfo &info = kTypeInfo[param->type];
     const uint32_t blockNum = sectorNum >> info.sectorShift;
-    DIF_ASSERT_ANY_BLOCKS(blockNum);
+    static_cast<void>(DIF_ASSERT(blockNum != 0));
     const SglRange range{sgl, offsetByte, sectorNum, info.blockSize};
     bool isZero = true;
-    const uint32_t walked = walkRuns<FaultsAssert>(__func__, range, getStartSglByOffset(range), info, blockNum,
-                                                   [&](const uint8_t *data, uint32_t n, uint32_t) {
-                                                       isZero = noDifZeroDataCheckInBlocks(data, n, &info);
-                                                       return isZero;
-                                                   });
+    static constinit ChainAssertions assertions;
+    const uint32_t walked = walkRuns({__func__, &assertions}, range, getStartSglByOffset(range), info, blockNum,
+                                     [&](const uint8_t *data, uint32_t n, uint32_t) {
+                                         isZero = noDifZeroDataCheckInBlocks(data, n, &info);
+                                         return isZero;
+                                     });
     return walked == DIF_OK && isZero;
 }
 

@@ -20,6 +20,7 @@ struct SglPosition {
     uint32_t startIndex = 0;
 
     const SglEntry &entry() const { return node->entries[entryIndex]; }
+    uint32_t bytesLeft() const { return entry().bytes - startIndex; }
 };
 
 /*

@@ -3,6 +3,8 @@
 #include "dif/runtime.h"
 #include "dif/sgl.h"
 #include "dif_util/core/arguments.h"
+#include "dif_util/core/limited_log.h"
+#include "dif_util/sgl/chain_dump.h"
 #include "dif_util/sgl/position.h"
 #include "dif_util/sgl/run_walk.h"
 
@@ -36,12 +38,12 @@ uint32_t checkDifInSglWithStdT10(const Sgl *sgl, uint32_t offsetByte, uint32_t s
         *param->checkResult = 0;
     }
     uint32_t ret = DIF_OK;
-    const uint32_t walked = walkRuns<FaultsReturn>(
-        __func__, range, start, info, blockNum, [&](uint8_t *data, uint32_t n, uint32_t startBlock) {
-            for (uint32_t k = 0; k < n && ret == DIF_OK; ++k, data += info.blockSize) {
-                ret = checkDifIntegrityWithStdT10({data, &info, startBlock + k}, *param);
-            }
-            return ret == DIF_OK;
-        });
+    const uint32_t walked = walkRuns({__func__, nullptr}, range, start, info, blockNum,
+                                     [&](uint8_t *data, uint32_t n, uint32_t startBlock) {
+                                         for (uint32_t k = 0; k < n && ret == DIF_OK; ++k, data += info.blockSize) {
+                                             ret = checkDifIntegrityWithStdT10({data, &info, startBlock + k}, *param);
+                                         }
+                                         return ret == DIF_OK;
+                                     });
     return walked == DIF_OK ? ret : walked;
 }

@@ -11,11 +11,12 @@ void trimDataInSgl(const Sgl *sgl, uint32_t offsetByte, uint32_t sectorNum, cons
     }
     const DifTypeInfo &info = kTypeInfo[param->type];
     const uint32_t blockNum = sectorNum >> info.sectorShift;
-    DIF_ASSERT_ANY_BLOCKS(blockNum);
+    static_cast<void>(DIF_ASSERT(blockNum != 0));
     const SglRange range{sgl, offsetByte, sectorNum, info.blockSize};
-    walkRuns<FaultsAssert>(__func__, range, getStartSglByOffset(range), info, blockNum,
-                           [&](uint8_t *data, uint32_t n, uint32_t) {
-                               trimBlocks(data, n, info);
-                               return true;
-                           });
+    static constinit ChainAssertions assertions;
+    walkRuns({__func__, &assertions}, range, getStartSglByOffset(range), info, blockNum,
+             [&](uint8_t *data, uint32_t n, uint32_t) {
+                 trimBlocks(data, n, info);
+                 return true;
+             });
 }

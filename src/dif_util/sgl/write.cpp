@@ -21,11 +21,12 @@ void insertDifInSgl(const Sgl *sgl, uint32_t offsetByte, uint32_t sectorNum, Dif
     DIF_ASSERT_BLOCKS(blockNum, sectorNum, param->type, info);
     const Restore lba{param->lba};
     const SglRange range{sgl, offsetByte, sectorNum, info.blockSize};
-    walkRuns<FaultsAssert>(__func__, range, getStartSglByOffset(range), info, blockNum,
-                           [&](uint8_t *data, uint32_t n, uint32_t) {
-                               insertDifInBlocks(data, n, &info, param);
-                               return true;
-                           });
+    static constinit ChainAssertions assertions;
+    walkRuns({__func__, &assertions}, range, getStartSglByOffset(range), info, blockNum,
+             [&](uint8_t *data, uint32_t n, uint32_t) {
+                 insertDifInBlocks(data, n, &info, param);
+                 return true;
+             });
 }
 
 DIF_INSERT_TEXT void replaceDifInSgl(const Sgl *sgl, uint32_t offsetByte, uint32_t sectorNum, DifOpParam *param) {
@@ -40,11 +41,12 @@ DIF_INSERT_TEXT void replaceDifInSgl(const Sgl *sgl, uint32_t offsetByte, uint32
     DIF_ASSERT_BLOCKS(blockNum, sectorNum, param->type, info);
     const Restore lba{param->lba};
     const SglRange range{sgl, offsetByte, sectorNum, info.blockSize};
-    walkRuns<FaultsAssert>(__func__, range, getStartSglByOffset(range), info, blockNum,
-                           [&](uint8_t *data, uint32_t n, uint32_t startBlock) {
-                               replaceDifInBlocks(data, n, &info, param, startBlock);
-                               return true;
-                           });
+    static constinit ChainAssertions assertions;
+    walkRuns({__func__, &assertions}, range, getStartSglByOffset(range), info, blockNum,
+             [&](uint8_t *data, uint32_t n, uint32_t startBlock) {
+                 replaceDifInBlocks(data, n, &info, param, startBlock);
+                 return true;
+             });
 }
 
 void injectDifInSgl(const Sgl *sgl, uint32_t offsetByte, uint32_t sectorNum, DifInjectParam *param) {
@@ -57,9 +59,10 @@ void injectDifInSgl(const Sgl *sgl, uint32_t offsetByte, uint32_t sectorNum, Dif
     const ScopedFlag logFirst{param->ctrlFlag, DIF_CHECK_LOG_FIRST};
     const Restore lba{param->lba};
     const SglRange range{sgl, offsetByte, sectorNum, info.blockSize};
-    walkRuns<FaultsAssert>(__func__, range, getStartSglByOffset(range), info, blockNum,
-                           [&](uint8_t *data, uint32_t n, uint32_t startBlock) {
-                               injectDifInBlocks(data, n, &info, param, startBlock);
-                               return true;
-                           });
+    static constinit ChainAssertions assertions;
+    walkRuns({__func__, &assertions}, range, getStartSglByOffset(range), info, blockNum,
+             [&](uint8_t *data, uint32_t n, uint32_t startBlock) {
+                 injectDifInBlocks(data, n, &info, param, startBlock);
+                 return true;
+             });
 }

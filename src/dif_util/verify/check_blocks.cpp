@@ -4,6 +4,7 @@
 #include "crc16_t10dif/guard.h"
 #include "dif_util/core/section.h"
 #include "dif_util/core/tuple.h"
+#include "dif_util/verify/check_messages.h"
 #include "dif_util/verify/check_report.h"
 #include "dif_util/verify/trim.h"
 #include "dif_util/verify/verify_level.h"
@@ -14,34 +15,21 @@ namespace {
 
 /* The two level-gated checks of a call. */
 struct LevelGates {
-    explicit LevelGates(const DifCheckParam &param)
-        : lba{(param.ctrlFlag & DIF_CHECK_LBA) != 0, param.lbaLevel, param.mid, param.subPid},
-          crc{(param.ctrlFlag & DIF_CHECK_CRC) != 0, param.crcLevel, param.mid, param.subPid} {}
     LevelGate lba;
     LevelGate crc;
 };
 
-/* Whether a failure is the first of its call, which is logged in detail. There is one such claim a call, used up whether
- * or not the message then passes its limiter. */
-inline bool claimDetailedLog(DifCheckParam &param) {
-    const bool first = (param.ctrlFlag & DIF_CHECK_LOG_FIRST) != 0;
-    param.ctrlFlag &= ~DIF_CHECK_LOG_FIRST;
-    return first;
+DIF_CHECK_HELPER LevelGates levelGatesOf(const DifCheckParam &param) {
+    return {levelGateOf((param.ctrlFlag & DIF_CHECK_LBA) != 0, param.lbaLevel, param.mid, param.subPid),
+            levelGateOf((param.ctrlFlag & DIF_CHECK_CRC) != 0, param.crcLevel, param.mid, param.subPid)};
 }
 
 DIF_CHECK_HELPER bool isDifLbaCorrect(const CheckedBlock &block, DifCheckParam &param) {
-    const uint32_t expected = static_cast<uint32_t>(param.lba);
-    const uint32_t actual = tupleLba(block.tuple());
-    if (!hasValidLba(block.tuple()) || actual == expected) [[likely]] {
+    const DifTuple *const tuple = block.tuple();
+    if (!hasValidLba(tuple) || tupleLba(tuple) == static_cast<uint32_t>(param.lba)) [[likely]] {
         return true;
     }
-    if (claimDetailedLog(param)) {
-        DIF_WARN_BLOCK(block,
-                       "DIF_WARNING_CHECK_DIF: LBA error: expected(%u), actual(%u), block(%u), difPtr(%p), type(%u), "
-                       "ctrlFlag(0x%x), mid(%u), lbaLevel(%u).",
-                       expected, actual, block.index, static_cast<const void *>(block.tuple()), param.type,
-                       param.ctrlFlag, param.mid, param.lbaLevel);
-    }
+    warnOfLba(block, param);
     return false;
 }
 
@@ -51,27 +39,28 @@ DIF_CHECK_HELPER bool isDifCrcCorrect(const CheckedBlock &block, DifCheckParam &
         return true;
     }
     const uint16_t expected = crcGuard(version, block.data, block.dataSize(), false);
-    const uint16_t actual = tupleGuard(block.tuple());
-    if (actual == expected) [[likely]] {
+    if (tupleGuard(block.tuple()) == expected) [[likely]] {
         return true;
     }
-    if (!claimDetailedLog(param)) {
-        return false;
-    }
-    if (tupleVersion(block.tuple()) == DIF_VERSION_CRC32C) {
-        DIF_WARN_BLOCK(block,
-                       "DIF_WARNING_CHECK_DIF: CRC error: expected(0x%x), actual(0x%x), ver(CRC32C),block(%u), "
-                       "difPtr(%p), type(%u), ctrlFlag(0x%x), mid(%u), subPid(%u), crcLevel(%u).",
-                       expected, actual, block.index, static_cast<const void *>(block.tuple()), param.type,
-                       param.ctrlFlag, param.mid, param.subPid, param.crcLevel);
-    } else {
-        DIF_WARN_BLOCK(block,
-                       "DIF_WARNING_CHECK_DIF: CRC error:expected(0x%x), actual(0x%x), ver(T10),block(%u), "
-                       "difPtr(%p), type(%u), ctrlFlag(0x%x), mid(%u), subPid(%u), crcLevel(%u).",
-                       expected, actual, block.index, static_cast<const void *>(block.tuple()), param.type,
-                       param.ctrlFlag, param.mid, param.subPid, param.crcLevel);
-    }
+    warnOfCrc(block, param, expected);
     return false;
+}
+
+/* The integrity step of a tuple that is exempt or of no known version. */
+DIF_CHECK_TEXT uint32_t checkUnknownVersion(const CheckedBlock &block, const LevelGates &gates, DifCheckParam &param) {
+    if ((param.ctrlFlag & DIF_CHECK_TRIM_ZERO) == 0 && isExempt(block.tuple())) {
+        noteExemptFromIntegrity(block, param);
+        return 0;
+    }
+    if (gates.lba.isOn()) {
+        warnOfVersionInLbaCheck(block, param);
+        return DIF_RESULT_VERSION_ERROR;
+    }
+    if (gates.crc.isOn()) {
+        warnOfVersionInCrcCheck(block, param);
+        return DIF_RESULT_VERSION_ERROR;
+    }
+    return 0;
 }
 
 /*
@@ -82,35 +71,7 @@ DIF_CHECK_HELPER uint32_t tryCheckDifIntegrity(const CheckedBlock &block, const 
                                                DifCheckParam &param) {
     const uint8_t version = tupleVersion(block.tuple());
     if (!isKnownVersion(version)) [[unlikely]] {
-        if ((param.ctrlFlag & DIF_CHECK_TRIM_ZERO) == 0 && isExempt(block.tuple())) {
-            DIF_LOG_LIMITED(ExemptNoteLimiter, kLogInfo,
-                            "DIF_INTEGRITY_CHECK_INFO: version(0xFF), app(0xFF), difPtr(%p), type(%u),ctrlFlag(0x%x), "
-                            "mid(%u), subPid(%u), crcLevel(%u), lbaLevel(%u).",
-                            static_cast<const void *>(block.tuple()), param.type, param.ctrlFlag, param.mid,
-                            param.subPid, param.crcLevel, param.lbaLevel);
-            return 0;
-        }
-        if (gates.lba.isOn()) {
-            if (claimDetailedLog(param)) {
-                DIF_WARN_BLOCK(block,
-                               "DIF_WARNING_CHECK_DIF: VERSION error: version(0x%x), block(%u),difPtr(%p), type(%u), "
-                               "ctrlFlag(0x%x), mid(%u), subPid(%u), lbaLevel(%u).",
-                               version, block.index, static_cast<const void *>(block.tuple()), param.type,
-                               param.ctrlFlag, param.mid, param.subPid, param.lbaLevel);
-            }
-            return DIF_RESULT_VERSION_ERROR;
-        }
-        if (gates.crc.isOn()) {
-            if (claimDetailedLog(param)) {
-                DIF_WARN_BLOCK(block,
-                               "DIF_WARNING_CHECK_DIF: VERSION error: version(0x%x), block(%u),difPtr(%p), type(%u), "
-                               "ctrlFlag(0x%x), mid(%u), subPid(%u), crcLevel(%u).",
-                               version, block.index, static_cast<const void *>(block.tuple()), param.type,
-                               param.ctrlFlag, param.mid, param.subPid, param.crcLevel);
-            }
-            return DIF_RESULT_VERSION_ERROR;
-        }
-        return 0;
+        return checkUnknownVersion(block, gates, param);
     }
     if (gates.lba.isOn() && !isDifLbaCorrect(block, param)) [[unlikely]] {
         return DIF_RESULT_LBA_ERROR;
@@ -118,7 +79,7 @@ DIF_CHECK_HELPER uint32_t tryCheckDifIntegrity(const CheckedBlock &block, const 
     if (gates.crc.isOn() && !isDifCrcCorrect(block, param)) [[unlikely]] {
         return DIF_RESULT_CRC_ERROR;
     }
-    if ((param.ctrlFlag & DIF_CHECK_CONVERT_T10) != 0 && tupleVersion(block.tuple()) == DIF_VERSION_CRC32C) {
+    if ((param.ctrlFlag & DIF_CHECK_CONVERT_T10) != 0 && version == DIF_VERSION_CRC32C) {
         setTupleGuard(block.tuple(), crcGuardT10(block.data, block.dataSize(), false));
         setTupleVersion(block.tuple(), DIF_VERSION_T10);
     }
@@ -126,7 +87,8 @@ DIF_CHECK_HELPER uint32_t tryCheckDifIntegrity(const CheckedBlock &block, const 
 }
 
 /* Marks a failed block in the caller's outputs. Calls may share one bitmap. */
-void recordFailedBlock(const DifCheckParam &param, uint32_t index, uint32_t sectorShift, uint32_t error) {
+DIF_CHECK_TEXT void recordFailedBlock(const DifCheckParam &param, uint32_t index, uint32_t sectorShift,
+                                      uint32_t error) {
     if (param.errBlockIndex != nullptr && *param.errBlockIndex == DIF_ERR_BLOCK_NONE) {
         *param.errBlockIndex = index << sectorShift;
     }
@@ -143,28 +105,25 @@ DIF_CHECK_TEXT void initDifCheckResults(DifCheckParam *param, uint8_t *resultSet
     if (param->errBlockIndex != nullptr) {
         *param->errBlockIndex = DIF_ERR_BLOCK_NONE;
     }
-    uint32_t result = 0;
-    if ((asked & DIF_CHECK_ALL_LBA_VALID) != 0) {
-        result |= DIF_RESULT_ALL_LBA_VALID;
-    }
-    if ((asked & DIF_CHECK_ZERO_DATA) != 0) {
-        result |= DIF_RESULT_ALL_ZERO;
-    }
+    *param->checkResult = ((asked & DIF_CHECK_ALL_LBA_VALID) != 0 ? DIF_RESULT_ALL_LBA_VALID : 0) |
+                          ((asked & DIF_CHECK_ZERO_DATA) != 0 ? DIF_RESULT_ALL_ZERO : 0);
     *resultSettled = (asked & DIF_CHECK_REPORT_MASK) == 0 ? 1 : 0;
-    const LevelGates gates{*param};
+    const LevelGates gates = levelGatesOf(*param);
     const bool integrityOn = gates.lba.isOn() || gates.crc.isOn() || (asked & DIF_CHECK_CONVERT_T10) != 0;
-    if (integrityOn && (asked & DIF_CHECK_ALL_BLOCKS) != 0) {
-        result |= DIF_RESULT_NONE_PASSED;
-    }
     *integrityDone = integrityOn ? 0 : 1;
-    *param->checkResult = result;
+    if (integrityOn && (asked & DIF_CHECK_ALL_BLOCKS) != 0) {
+        *param->checkResult |= DIF_RESULT_NONE_PASSED;
+    }
 }
 
 // NOLINTNEXTLINE(readability-non-const-parameter): the trim and the conversion write into the tuples of `data`
 DIF_CHECK_TEXT uint32_t checkDifInBlocks(uint8_t *data, uint32_t blockNum, const DifTypeInfo *typeInfo,
                                          DifCheckParam *param, uint32_t startBlock, uint8_t *resultSettled,
                                          uint8_t *integrityDone) {
-    const LevelGates gates{*param};
+    if (blockNum == 0) {
+        return DIF_OK;
+    }
+    const LevelGates gates = levelGatesOf(*param);
     uint8_t settled = *resultSettled;
     bool done = *integrityDone != 0;
     uint32_t ret = DIF_OK;

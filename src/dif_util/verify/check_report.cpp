@@ -4,13 +4,14 @@
 #include "dif/check.h"
 #include "dif_util/core/section.h"
 #include "dif_util/core/tuple.h"
+#include "dif_util/verify/check_messages.h"
 #include "dif_util/verify/verify_level.h"
 #include "dif_util/verify/zero_data.h"
 
 namespace {
 
 /* Data all zero, and a guard that says so where the version has one. */
-inline bool isZeroDataBlock(const CheckedBlock &block) {
+DIF_CHECK_HELPER bool isZeroDataBlock(const CheckedBlock &block) {
     const uint16_t guard = tupleGuard(block.tuple());
     switch (tupleVersion(block.tuple())) {
     case DIF_VERSION_T10:
@@ -29,7 +30,7 @@ inline bool isZeroDataBlock(const CheckedBlock &block) {
     return isAllZero(block.data, block.dataSize());
 }
 
-inline bool isBstReported(const DifCheckParam &param) {
+DIF_CHECK_HELPER bool isBstReported(const DifCheckParam &param) {
     return (param.ctrlFlag & DIF_CHECK_BST) != 0 && verifyLevelOf(param.mid) != DIF_VERIFY_LEVEL_INVALID;
 }
 
@@ -37,7 +38,7 @@ inline bool isBstReported(const DifCheckParam &param) {
  * Each report bit asked for has one answer that further blocks cannot change: a bit that tells of some block, once set; a
  * bit that tells of all blocks, once cleared.
  */
-inline bool isSettled(uint32_t asked, uint32_t result) {
+DIF_CHECK_HELPER bool isSettled(uint32_t asked, uint32_t result) {
     struct Question {
         uint32_t ask;
         uint32_t answer;
@@ -75,9 +76,7 @@ DIF_CHECK_TEXT void tryCheckDifAppAndSetResult(CheckedBlock block, const DifChec
     checkDifVerZero(asked, tuple, &result);
     if (isExempt(tuple)) {
         result &= ~(DIF_RESULT_ALL_LBA_VALID | DIF_RESULT_ALL_ZERO);
-        DIF_LOG_LIMITED(ExemptNoteLimiter, kLogInfo,
-                        "DIF_APP_CHECK_INFO: version(0xFF), app(0xFF),difPtr(%p), type(%u), ctrlFlag(0x%x), mid(%u).",
-                        static_cast<const void *>(tuple), param.type, asked, param.mid);
+        noteExemptFromReport(block, param);
         return;
     }
     const uint8_t version = tupleVersion(tuple);
@@ -88,10 +87,7 @@ DIF_CHECK_TEXT void tryCheckDifAppAndSetResult(CheckedBlock block, const DifChec
         result |= DIF_RESULT_UNKNOWN_VERSION;
     }
     if (isBstReported(param) && hasBst(tuple)) {
-        DIF_WARN_BLOCK(block,
-                       "DIF_WARNING_CHECK_DIF: HAVE BST error: version(0x%x),difPtr(%p), type(%u), ctrlFlag(0x%x), "
-                       "mid(%u), subPid(%u).",
-                       version, static_cast<const void *>(tuple), param.type, asked, param.mid, param.subPid);
+        warnOfBst(block, param);
         result |= DIF_RESULT_HAVE_BST;
     }
     if ((asked & DIF_CHECK_ALL_LBA_VALID) != 0 && !hasValidLba(tuple)) {

@@ -1,8 +1,9 @@
 #include "dif_util/verify/failed_block.h"
 
 #include "dif_util/core/tuple.h"
+#include "log.h"
 
-void logFailedBlock(const LogSite &site, const CheckedBlock &block) {
+void dumpFailedBlock(LogSite site, const CheckedBlock &block) {
     const uint8_t *const head = block.data;
     const uint8_t *const tail = block.data + block.dataSize() - 8;
     const uint8_t *const dif = tupleBytes(block.tuple());

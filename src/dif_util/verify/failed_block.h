@@ -1,7 +1,7 @@
 /* The warning about a failed block: one line that says what failed, one that dumps the block. */
 #pragma once
 
-#include "dif_util/core/log.h"
+#include "dif_util/core/limited_log.h"
 #include "dif_util/core/tuple.h"
 
 #include <cstdint>
@@ -17,10 +17,15 @@ struct CheckedBlock {
 };
 
 /* Writes the first and last data bytes of the block and its tuple. */
-void logFailedBlock(const LogSite &site, const CheckedBlock &block);
+void dumpFailedBlock(LogSite site, const CheckedBlock &block);
 
-/* DIF_WARN_BLOCK(block, format, ...): warning and dump, both behind the one limiter of the site. */
-#define DIF_WARN_BLOCK(block, ...)                                                                                     \
-    DIF_LIMITED(__func__, FaultLimiter, kLogWarning,                                                                   \
-                hostlog_standard(DIF_MODULE_ID, kLogWarning, site.func, site.line, kNoLogId, __VA_ARGS__);             \
-                logFailedBlock(site, block))
+/* DIF_WARN_BLOCK(function, block, format, ...): warning and dump, both behind the one limiter of the site. */
+#define DIF_WARN_BLOCK(function, block, ...)                                                                           \
+    do {                                                                                                               \
+        static constinit FaultLimiter limiter;                                                                         \
+        const LogSite site{(function), __LINE__};                                                                      \
+        if (limiter.admit(site, kLogWarning)) {                                                                        \
+            hostlog_standard(DIF_MODULE_ID, kLogWarning, site.func, site.line, kNoLogId, __VA_ARGS__);                 \
+            dumpFailedBlock(site, (block));                                                                            \
+        }                                                                                                              \
+    } while (0)

@@ -23,12 +23,13 @@ bool noDifZeroDataCheck(const uint8_t *buf, uint32_t sectorNum, const DifCheckPa
     if (!DIF_ASSERT_NOT_NULL(buf)) {
         return false;
     }
-    if (!DIF_ASSERT_CHECK_TYPE(param) && param->type >= DIF_DATA_BUTT) {
-        return false;
+    static_cast<void>(DIF_ASSERT_CHECK_TYPE(param));
+    if (param->type >= DIF_DATA_BUTT) {
+        return false; /* no type's geometry */
     }
     const DifTypeInfo &info = kTypeInfo[param->type];
     const uint32_t blockNum = sectorNum >> info.sectorShift;
-    DIF_ASSERT_ANY_BLOCKS(blockNum);
+    static_cast<void>(DIF_ASSERT(blockNum != 0));
     return noDifZeroDataCheckInBlocks(buf, blockNum, &info);
 }
 

@@ -1,7 +1,9 @@
 #include "dif_util/verify/std_t10.h"
 
 #include "crc16_t10dif/guard.h"
+#include "dif_util/core/limited_log.h"
 #include "dif_util/core/tuple.h"
+#include "log.h"
 
 namespace {
 
@@ -27,7 +29,7 @@ uint32_t checkDifIntegrityWithStdT10(const CheckedBlock &block, const DifCheckPa
         const uint32_t expected = static_cast<uint32_t>(param.lba) + block.index;
         const uint32_t actual = tupleLba(block.tuple());
         if (actual != expected) {
-            DIF_WARN_BLOCK(block,
+            DIF_WARN_BLOCK(__func__, block,
                            "DIF_WARNING_CHECK_DIF_WITH_STD_T10: LBA error: expected(%u), actual(%u),block(%u), "
                            "difPtr(%p), type(%u), ctrlFlag(0x%x).",
                            expected, actual, block.index, difPtr, param.type, param.ctrlFlag);
@@ -38,7 +40,7 @@ uint32_t checkDifIntegrityWithStdT10(const CheckedBlock &block, const DifCheckPa
         const uint16_t expected = crcGuardT10(block.data, block.dataSize(), false);
         const uint16_t actual = tupleGuard(block.tuple());
         if (actual != expected) {
-            DIF_WARN_BLOCK(block,
+            DIF_WARN_BLOCK(__func__, block,
                            "DIF_WARNING_CHECK_DIF_WITH_STD_T10: CRC error: expected(0x%x), actual(0x%x),block(%u), "
                            "difPtr(%p), type(%u), ctrlFlag(0x%x).",
                            expected, actual, block.index, difPtr, param.type, param.ctrlFlag);

@@ -2,6 +2,7 @@
 
 #include "dif_util/core/assertion.h"
 #include "dif_util/core/section.h"
+#include "log.h"
 
 constinit std::atomic<uint8_t> g_difVerifyLevel[DIF_MID_BUTT]{};
 
@@ -13,14 +14,15 @@ constexpr const char *const g_levelDescription[DIF_VERIFY_LEVEL_BUTT + 1] = {
 }
 
 DIF_CHECK_TEXT bool isVerifyPointOn(uint8_t level, uint8_t mid, uint8_t subPid) {
-    if (mid >= DIF_MID_BUTT) {
-        return DIF_ASSERT_FAILED(nullptr, "Dif error: mid is invalid(%u).", mid);
-    }
-    if (subPid >= DIF_VERIFY_POINT_MAX) {
-        return DIF_ASSERT_FAILED(nullptr, "Dif error: subPid is invalid(%u).", subPid);
-    }
-    if (level == DIF_VERIFY_LEVEL_INVALID || level >= DIF_VERIFY_LEVEL_BUTT) {
-        return DIF_ASSERT_FAILED(nullptr, "Dif error: level is invalid(%u).", level);
+    switch (invalidLevelArgument(level, mid, subPid)) {
+    case LevelArgument::kMid:
+        return assertionFailed(*DIF_ASSERTION_SITE("Dif error: mid is invalid(%u).", nullptr), __func__, mid);
+    case LevelArgument::kSubPid:
+        return assertionFailed(*DIF_ASSERTION_SITE("Dif error: subPid is invalid(%u).", nullptr), __func__, subPid);
+    case LevelArgument::kLevel:
+        return assertionFailed(*DIF_ASSERTION_SITE("Dif error: level is invalid(%u).", nullptr), __func__, level);
+    case LevelArgument::kNone:
+        break;
     }
     return level <= verifyLevelOf(mid);
 }

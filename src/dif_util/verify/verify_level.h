@@ -2,6 +2,7 @@
 #pragma once
 
 #include "dif/verify_point.h"
+#include "dif_util/core/section.h"
 
 #include <atomic>
 #include <cstdint>
@@ -10,9 +11,23 @@
 extern std::atomic<uint8_t> g_difVerifyLevel[DIF_MID_BUTT];
 
 /* The level of a module; for a `mid` without one, the level at which nothing is checked. */
-inline uint8_t verifyLevelOf(uint32_t mid) {
+DIF_CHECK_HELPER uint8_t verifyLevelOf(uint32_t mid) {
     return mid < DIF_MID_BUTT ? g_difVerifyLevel[mid].load(std::memory_order_relaxed)
                               : uint8_t{DIF_VERIFY_LEVEL_INVALID};
+}
+
+/* Which argument of a level question, if any, is out of range. */
+enum class LevelArgument : uint8_t { kNone, kMid, kSubPid, kLevel };
+
+DIF_CHECK_HELPER LevelArgument invalidLevelArgument(uint8_t level, uint8_t mid, uint8_t subPid) {
+    if (mid >= DIF_MID_BUTT) {
+        return LevelArgument::kMid;
+    }
+    if (subPid >= DIF_VERIFY_POINT_MAX) {
+        return LevelArgument::kSubPid;
+    }
+    return level == DIF_VERIFY_LEVEL_INVALID || level >= DIF_VERIFY_LEVEL_BUTT ? LevelArgument::kLevel
+                                                                               : LevelArgument::kNone;
 }
 
 /*
@@ -25,27 +40,23 @@ extern "C" bool isVerifyPointOn(uint8_t level, uint8_t mid, uint8_t subPid);
  * One check's question to isVerifyPointOn, asked again for every block, because a level may change during a call. What
  * cannot change is looked at once: with arguments in range, a question costs one table read and one comparison.
  */
-class LevelGate {
-public:
-    /* `asked`: whether the caller wants the check at all. */
-    LevelGate(bool asked, uint8_t level, uint8_t mid, uint8_t subPid)
-        : level_{level}, mid_{mid}, subPid_{subPid}, isRefused_{asked && (mid >= DIF_MID_BUTT ||
-                                                                          subPid >= DIF_VERIFY_POINT_MAX ||
-                                                                          level == DIF_VERIFY_LEVEL_INVALID ||
-                                                                          level >= DIF_VERIFY_LEVEL_BUTT)},
-          current_{asked && !isRefused_ ? &g_difVerifyLevel[mid] : nullptr} {}
+struct LevelGate {
+    const std::atomic<uint8_t> *current; /* the module's level; null if the check is not made, or asserts */
+    bool asserts;
+    uint8_t level;
+    uint8_t mid;
+    uint8_t subPid;
 
-    bool isOn() const {
-        if (current_ != nullptr) [[likely]] {
-            return level_ <= current_->load(std::memory_order_relaxed);
+    DIF_CHECK_HELPER bool isOn() const {
+        if (current != nullptr) [[likely]] {
+            return level <= current->load(std::memory_order_relaxed);
         }
-        return isRefused_ && isVerifyPointOn(level_, mid_, subPid_);
+        return asserts && isVerifyPointOn(level, mid, subPid);
     }
-
-private:
-    uint8_t level_;
-    uint8_t mid_;
-    uint8_t subPid_;
-    bool isRefused_;
-    const std::atomic<uint8_t> *current_;
 };
+
+/* `asked`: whether the caller wants the check at all. */
+DIF_CHECK_HELPER LevelGate levelGateOf(bool asked, uint8_t level, uint8_t mid, uint8_t subPid) {
+    const bool isValid = invalidLevelArgument(level, mid, subPid) == LevelArgument::kNone;
+    return {asked && isValid ? &g_difVerifyLevel[mid] : nullptr, asked && !isValid, level, mid, subPid};
+}

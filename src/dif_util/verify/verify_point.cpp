@@ -1,8 +1,8 @@
 /* Module names, and the registry of each module's verify points. */
 #include "dif/verify_point.h"
 
-#include "dif_util/core/log.h"
 #include "dif_util/verify/verify_point_registry.h"
+#include "log.h"
 #include "platform/secure_string.h"
 
 #include <atomic>
