@@ -19,3 +19,26 @@ constexpr bool isZeroDataType(uint32_t type) {
 constexpr bool isCheckType(uint32_t type) {
     return (type & ~uint32_t{DIF_DATA_4160}) == 0;
 }
+
+constexpr bool isSameGeometry(const DifTypeInfo &a, const DifTypeInfo &b) {
+    return a.blockSize == b.blockSize && a.dataSize == b.dataSize && a.sectorShift == b.sectorShift &&
+           a.difOffset == b.difOffset;
+}
+
+/*
+ * Runs `loop(info)`, which is inlined once for each geometry that a data type has, with sizes that are constants then, and
+ * once for any other.
+ */
+template <typename Loop>
+[[gnu::always_inline]] inline auto runForGeometry(const DifTypeInfo &info, Loop loop) {
+    if (isSameGeometry(info, kTypeInfo[DIF_DATA_520])) {
+        return loop(kTypeInfo[DIF_DATA_520]);
+    }
+    if (isSameGeometry(info, kTypeInfo[DIF_DATA_4160])) {
+        return loop(kTypeInfo[DIF_DATA_4160]);
+    }
+    return loop(info);
+}
+
+/* Makes a lambda part of the function that calls it. */
+#define DIF_INLINE __attribute__((always_inline))

@@ -41,7 +41,7 @@ uint32_t checkDifInSglWithStdT10(const Sgl *sgl, uint32_t offsetByte, uint32_t s
     const uint32_t walked = walkRuns({__func__, nullptr}, range, start, info, blockNum,
                                      [&](uint8_t *data, uint32_t n, uint32_t startBlock) {
                                          for (uint32_t k = 0; k < n && ret == DIF_OK; ++k, data += info.blockSize) {
-                                             ret = checkDifIntegrityWithStdT10({data, &info, startBlock + k}, *param);
+                                             ret = checkDifIntegrityWithStdT10({data, startBlock + k}, info, *param);
                                          }
                                          return ret == DIF_OK;
                                      });

@@ -1,63 +1,81 @@
 /* The block-run engine of every check, and its integrity step: is this block's tuple right? */
-#include "dif/check.h"
+#include "dif_util/verify/check_blocks.h"
 
 #include "crc16_t10dif/guard.h"
+#include "dif/check.h"
+#include "dif_util/core/geometry.h"
 #include "dif_util/core/section.h"
 #include "dif_util/core/tuple.h"
 #include "dif_util/verify/check_messages.h"
 #include "dif_util/verify/check_report.h"
 #include "dif_util/verify/trim.h"
-#include "dif_util/verify/verify_level.h"
 
 #include <atomic>
 
 namespace {
 
-/* The two level-gated checks of a call. */
-struct LevelGates {
-    LevelGate lba;
-    LevelGate crc;
-};
-
-DIF_CHECK_HELPER LevelGates levelGatesOf(const DifCheckParam &param) {
-    return {levelGateOf((param.ctrlFlag & DIF_CHECK_LBA) != 0, param.lbaLevel, param.mid, param.subPid),
-            levelGateOf((param.ctrlFlag & DIF_CHECK_CRC) != 0, param.crcLevel, param.mid, param.subPid)};
+DIF_CHECK_HELPER CheckProgress progressOf(const DifCheckParam &param, bool resultSettled, bool integrityDone) {
+    CheckProgress progress{&g_difVerifyLevel[param.mid % DIF_MID_BUTT],
+                           CheckProgress::kNever,
+                           CheckProgress::kNever,
+                           resultSettled,
+                           integrityDone,
+                           false};
+    const auto ask = [&](uint32_t flag, uint8_t level, uint16_t &asked) {
+        if ((param.ctrlFlag & flag) != 0) {
+            asked = level;
+            progress.levelsAssert |= invalidLevelArgument(level, param.mid, param.subPid) != LevelArgument::kNone;
+        }
+    };
+    ask(DIF_CHECK_LBA, param.lbaLevel, progress.lbaLevel);
+    ask(DIF_CHECK_CRC, param.crcLevel, progress.crcLevel);
+    return progress;
 }
 
-DIF_CHECK_HELPER bool isDifLbaCorrect(const CheckedBlock &block, DifCheckParam &param) {
-    const DifTuple *const tuple = block.tuple();
+/* Whether the check with that flag and level is made now. */
+template <bool kPlain>
+DIF_CHECK_HELPER bool isOn(const CheckProgress &progress, const DifCheckParam &param, uint16_t level) {
+    if (!kPlain && progress.levelsAssert) {
+        return level != CheckProgress::kNever && isVerifyPointOn(static_cast<uint8_t>(level), param.mid, param.subPid);
+    }
+    return level <= progress.moduleLevel->load(std::memory_order_relaxed);
+}
+
+DIF_CHECK_HELPER bool isDifLbaCorrect(CheckedBlock block, const DifTypeInfo &info, const DifTuple *tuple,
+                                      DifCheckParam &param) {
     if (!hasValidLba(tuple) || tupleLba(tuple) == static_cast<uint32_t>(param.lba)) [[likely]] {
         return true;
     }
-    warnOfLba(block, param);
+    warnOfLba(block, info, param);
     return false;
 }
 
-DIF_CHECK_HELPER bool isDifCrcCorrect(const CheckedBlock &block, DifCheckParam &param) {
-    const uint8_t version = tupleVersion(block.tuple());
+DIF_CHECK_HELPER bool isDifCrcCorrect(CheckedBlock block, const DifTypeInfo &info, const DifTuple *tuple,
+                                      uint8_t version, DifCheckParam &param) {
     if (version == DIF_VERSION_NO_CRC) {
         return true;
     }
-    const uint16_t expected = crcGuard(version, block.data, block.dataSize(), false);
-    if (tupleGuard(block.tuple()) == expected) [[likely]] {
+    const uint16_t expected = crcGuard(version, block.data, info.dataSize, false);
+    if (tupleGuard(tuple) == expected) [[likely]] {
         return true;
     }
-    warnOfCrc(block, param, expected);
+    warnOfCrc(block, info, param, expected);
     return false;
 }
 
 /* The integrity step of a tuple that is exempt or of no known version. */
-DIF_CHECK_TEXT uint32_t checkUnknownVersion(const CheckedBlock &block, const LevelGates &gates, DifCheckParam &param) {
-    if ((param.ctrlFlag & DIF_CHECK_TRIM_ZERO) == 0 && isExempt(block.tuple())) {
-        noteExemptFromIntegrity(block, param);
+DIF_CHECK_TEXT uint32_t checkUnknownVersion(CheckedBlock block, const DifTypeInfo &info, const CheckProgress &progress,
+                                            DifCheckParam &param) {
+    if ((param.ctrlFlag & DIF_CHECK_TRIM_ZERO) == 0 && isExempt(block.tuple(info))) {
+        noteExemptFromIntegrity(block, info, param);
         return 0;
     }
-    if (gates.lba.isOn()) {
-        warnOfVersionInLbaCheck(block, param);
+    if (isOn<false>(progress, param, progress.lbaLevel)) {
+        warnOfVersionInLbaCheck(block, info, param);
         return DIF_RESULT_VERSION_ERROR;
     }
-    if (gates.crc.isOn()) {
-        warnOfVersionInCrcCheck(block, param);
+    if (isOn<false>(progress, param, progress.crcLevel)) {
+        warnOfVersionInCrcCheck(block, info, param);
         return DIF_RESULT_VERSION_ERROR;
     }
     return 0;
@@ -65,23 +83,25 @@ DIF_CHECK_TEXT uint32_t checkUnknownVersion(const CheckedBlock &block, const Lev
 
 /*
  * The integrity step: the result bit of the first comparison that the block fails, or 0 if it passes. A passing CRC32C
- * tuple is converted if the caller asks for it.
+ * tuple is converted if the caller asks for it. `kPlain`: that, and levels that assert, are ruled out.
  */
-DIF_CHECK_HELPER uint32_t tryCheckDifIntegrity(const CheckedBlock &block, const LevelGates &gates,
-                                               DifCheckParam &param) {
-    const uint8_t version = tupleVersion(block.tuple());
+template <bool kPlain>
+DIF_CHECK_HELPER uint32_t tryCheckDifIntegrity(CheckedBlock block, const DifTypeInfo &info, DifTuple *tuple,
+                                               const CheckProgress &progress, DifCheckParam &param) {
+    const uint8_t version = tupleVersion(tuple);
     if (!isKnownVersion(version)) [[unlikely]] {
-        return checkUnknownVersion(block, gates, param);
+        return checkUnknownVersion(block, info, progress, param);
     }
-    if (gates.lba.isOn() && !isDifLbaCorrect(block, param)) [[unlikely]] {
+    if (isOn<kPlain>(progress, param, progress.lbaLevel) && !isDifLbaCorrect(block, info, tuple, param)) [[unlikely]] {
         return DIF_RESULT_LBA_ERROR;
     }
-    if (gates.crc.isOn() && !isDifCrcCorrect(block, param)) [[unlikely]] {
+    if (isOn<kPlain>(progress, param, progress.crcLevel) && !isDifCrcCorrect(block, info, tuple, version, param))
+        [[unlikely]] {
         return DIF_RESULT_CRC_ERROR;
     }
-    if ((param.ctrlFlag & DIF_CHECK_CONVERT_T10) != 0 && version == DIF_VERSION_CRC32C) {
-        setTupleGuard(block.tuple(), crcGuardT10(block.data, block.dataSize(), false));
-        setTupleVersion(block.tuple(), DIF_VERSION_T10);
+    if (!kPlain && (param.ctrlFlag & DIF_CHECK_CONVERT_T10) != 0 && version == DIF_VERSION_CRC32C) {
+        setTupleGuard(tuple, crcGuardT10(block.data, info.dataSize, false));
+        setTupleVersion(tuple, DIF_VERSION_T10);
     }
     return 0;
 }
@@ -98,22 +118,96 @@ DIF_CHECK_TEXT void recordFailedBlock(const DifCheckParam &param, uint32_t index
     *param.checkResult |= error;
 }
 
+/* A run that only the integrity step has to look at, without trim, conversion and levels that assert. */
+DIF_CHECK_HELPER uint32_t walkPlainBlocks(uint8_t *data, uint32_t blockNum, const DifTypeInfo &info,
+                                          DifCheckParam &param, uint32_t startBlock, CheckProgress &progress) {
+    uint32_t ret = DIF_OK;
+    for (uint32_t left = blockNum; left != 0; --left, data += info.blockSize) {
+        DifTuple *const tuple = tupleOf(data, info);
+        __builtin_prefetch(tupleBytes(tuple) + info.blockSize);
+        const uint32_t index = startBlock + blockNum - left;
+        const uint32_t error = tryCheckDifIntegrity<true>({data, index}, info, tuple, progress, param);
+        const bool allBlocks = (param.ctrlFlag & DIF_CHECK_ALL_BLOCKS) != 0;
+        if (error != 0) [[unlikely]] {
+            recordFailedBlock(param, index, info.sectorShift, error);
+            ret = DIF_ERR_CHECK;
+            if (!allBlocks) {
+                progress.integrityDone = true;
+                break;
+            }
+        } else if (allBlocks) {
+            *param.checkResult &= ~DIF_RESULT_NONE_PASSED;
+        }
+        ++param.lba;
+    }
+    return ret;
+}
+
 } // namespace
 
+DIF_CHECK_TEXT CheckProgress startCheck(DifCheckParam &param) {
+    const uint32_t asked = param.ctrlFlag;
+    if (param.errBlockIndex != nullptr) {
+        *param.errBlockIndex = DIF_ERR_BLOCK_NONE;
+    }
+    *param.checkResult = ((asked & DIF_CHECK_ALL_LBA_VALID) != 0 ? DIF_RESULT_ALL_LBA_VALID : 0) |
+                         ((asked & DIF_CHECK_ZERO_DATA) != 0 ? DIF_RESULT_ALL_ZERO : 0);
+    CheckProgress progress = progressOf(param, (asked & DIF_CHECK_REPORT_MASK) == 0, true);
+    if (isOn<false>(progress, param, progress.lbaLevel) || isOn<false>(progress, param, progress.crcLevel) ||
+        (asked & DIF_CHECK_CONVERT_T10) != 0) {
+        progress.integrityDone = false;
+        if ((asked & DIF_CHECK_ALL_BLOCKS) != 0) {
+            *param.checkResult |= DIF_RESULT_NONE_PASSED;
+        }
+    }
+    return progress;
+}
+
+DIF_CHECK_TEXT uint32_t checkAnyRun(uint8_t *data, uint32_t blockNum, const DifTypeInfo &info, DifCheckParam &param,
+                                    uint32_t startBlock, CheckProgress &progress) {
+    bool &settled = progress.resultSettled;
+    bool &done = progress.integrityDone;
+    uint32_t ret = DIF_OK;
+    for (uint32_t index = startBlock; index != startBlock + blockNum; ++index, data += info.blockSize) {
+        const CheckedBlock block{data, index};
+        DifTuple *const tuple = tupleOf(data, info);
+        __builtin_prefetch(tupleBytes(tuple) + info.blockSize);
+        if ((param.ctrlFlag & DIF_CHECK_TRIM_ZERO) != 0) {
+            trimBlock(data, info.dataSize, tuple);
+        }
+        if (!settled) {
+            tryCheckDifAppAndSetResult(block, info, param, settled);
+        }
+        if (!done) {
+            const uint32_t error = tryCheckDifIntegrity<false>(block, info, tuple, progress, param);
+            const bool allBlocks = (param.ctrlFlag & DIF_CHECK_ALL_BLOCKS) != 0;
+            if (error != 0) [[unlikely]] {
+                recordFailedBlock(param, index, info.sectorShift, error);
+                ret = DIF_ERR_CHECK;
+                done = !allBlocks;
+            } else if (allBlocks) {
+                *param.checkResult &= ~DIF_RESULT_NONE_PASSED;
+            }
+        }
+        if (done && settled) {
+            break;
+        }
+        ++param.lba;
+    }
+    return ret;
+}
+
+DIF_CHECK_TEXT uint32_t checkPlainRun(uint8_t *data, uint32_t blockNum, const DifTypeInfo &typeInfo,
+                                      DifCheckParam &param, uint32_t startBlock, CheckProgress &progress) {
+    return runForGeometry(typeInfo, [&](const DifTypeInfo &info) DIF_INLINE {
+        return walkPlainBlocks(data, blockNum, info, param, startBlock, progress);
+    });
+}
+
 DIF_CHECK_TEXT void initDifCheckResults(DifCheckParam *param, uint8_t *resultSettled, uint8_t *integrityDone) {
-    const uint32_t asked = param->ctrlFlag;
-    if (param->errBlockIndex != nullptr) {
-        *param->errBlockIndex = DIF_ERR_BLOCK_NONE;
-    }
-    *param->checkResult = ((asked & DIF_CHECK_ALL_LBA_VALID) != 0 ? DIF_RESULT_ALL_LBA_VALID : 0) |
-                          ((asked & DIF_CHECK_ZERO_DATA) != 0 ? DIF_RESULT_ALL_ZERO : 0);
-    *resultSettled = (asked & DIF_CHECK_REPORT_MASK) == 0 ? 1 : 0;
-    const LevelGates gates = levelGatesOf(*param);
-    const bool integrityOn = gates.lba.isOn() || gates.crc.isOn() || (asked & DIF_CHECK_CONVERT_T10) != 0;
-    *integrityDone = integrityOn ? 0 : 1;
-    if (integrityOn && (asked & DIF_CHECK_ALL_BLOCKS) != 0) {
-        *param->checkResult |= DIF_RESULT_NONE_PASSED;
-    }
+    const CheckProgress progress = startCheck(*param);
+    *resultSettled = progress.resultSettled ? 1 : 0;
+    *integrityDone = progress.integrityDone ? 1 : 0;
 }
 
 // NOLINTNEXTLINE(readability-non-const-parameter): the trim and the conversion write into the tuples of `data`
@@ -123,37 +217,9 @@ DIF_CHECK_TEXT uint32_t checkDifInBlocks(uint8_t *data, uint32_t blockNum, const
     if (blockNum == 0) {
         return DIF_OK;
     }
-    const LevelGates gates = levelGatesOf(*param);
-    uint8_t settled = *resultSettled;
-    bool done = *integrityDone != 0;
-    uint32_t ret = DIF_OK;
-    for (uint32_t index = startBlock; index != startBlock + blockNum; ++index) {
-        const CheckedBlock block{data, typeInfo, index};
-        __builtin_prefetch(tupleBytes(block.tuple()) + typeInfo->blockSize);
-        if ((param->ctrlFlag & DIF_CHECK_TRIM_ZERO) != 0) {
-            trimBlock(block.data, block.dataSize(), block.tuple());
-        }
-        if (settled == 0) {
-            tryCheckDifAppAndSetResult(block, *param, settled);
-        }
-        if (!done) {
-            const uint32_t error = tryCheckDifIntegrity(block, gates, *param);
-            const bool allBlocks = (param->ctrlFlag & DIF_CHECK_ALL_BLOCKS) != 0;
-            if (error != 0) [[unlikely]] {
-                recordFailedBlock(*param, index, typeInfo->sectorShift, error);
-                ret = DIF_ERR_CHECK;
-                done = !allBlocks;
-            } else if (allBlocks) {
-                *param->checkResult &= ~DIF_RESULT_NONE_PASSED;
-            }
-        }
-        if (done && settled != 0) {
-            break;
-        }
-        ++param->lba;
-        data += typeInfo->blockSize;
-    }
-    *resultSettled = settled;
-    *integrityDone = done ? 1 : 0;
+    CheckProgress progress = progressOf(*param, *resultSettled != 0, *integrityDone != 0);
+    const uint32_t ret = checkRun(data, blockNum, *typeInfo, *param, startBlock, progress);
+    *resultSettled = progress.resultSettled ? 1 : 0;
+    *integrityDone = progress.integrityDone ? 1 : 0;
     return ret;
 }

@@ -1,29 +1,8 @@
 #include "dif_util/verify/check_call.h"
 
-#include "dif/check.h"
 #include "dif/verify_point.h"
-#include "dif_util/core/section.h"
 
-DIF_CHECK_TEXT CheckCall::CheckCall(DifCheckParam &param)
-    : param_{param}, lba_{param.lba}, checkResult_{param.checkResult}, logFirst_{param.ctrlFlag, DIF_CHECK_LOG_FIRST} {
-    if (param_.checkResult == nullptr) {
-        param_.checkResult = &ownResult_;
-    }
-    initDifCheckResults(&param_, &resultSettled_, &integrityDone_);
-    integrityOn_ = integrityDone_ == 0;
-}
-
-DIF_CHECK_TEXT void CheckCall::run(uint8_t *data, uint32_t blockNum, const DifTypeInfo &info, uint32_t startBlock) {
-    const uint32_t ret = checkDifInBlocks(data, blockNum, &info, &param_, startBlock, &resultSettled_, &integrityDone_);
-    if (ret != DIF_OK) {
-        ret_ = ret;
-    }
-}
-
-DIF_CHECK_TEXT uint32_t CheckCall::finish() {
-    if (!integrityOn_ || ret_ == DIF_OK) {
-        return ret_;
-    }
+void countFailures(const DifCheckParam &param) {
     struct Count {
         uint32_t resultBit;
         int32_t kind;
@@ -33,11 +12,10 @@ DIF_CHECK_TEXT uint32_t CheckCall::finish() {
         {DIF_RESULT_LBA_ERROR, DIF_STAT_LBA_ERROR},
         {DIF_RESULT_CRC_ERROR, DIF_STAT_CRC_ERROR},
     };
-    const uint8_t point = static_cast<uint8_t>(param_.subPid - 1);
+    const uint8_t point = static_cast<uint8_t>(param.subPid - 1);
     for (const Count &count : kCounts) {
-        if ((*param_.checkResult & count.resultBit) != 0) {
-            difVerifyStatisticAdd(param_.mid, point, count.kind);
+        if ((*param.checkResult & count.resultBit) != 0) {
+            difVerifyStatisticAdd(param.mid, point, count.kind);
         }
     }
-    return ret_;
 }

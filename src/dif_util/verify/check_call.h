@@ -4,8 +4,12 @@
 #include "dif/types.h"
 #include "dif_util/core/restore.h"
 #include "dif_util/core/scoped_flag.h"
+#include "dif_util/verify/check_blocks.h"
 
 #include <cstdint>
+
+/* Counts the failure kinds in the result word at the caller's verify point, once each. */
+[[gnu::cold]] void countFailures(const DifCheckParam &param);
 
 /*
  * Prepares the record when it is made: a result word of the call's own if the caller has none, the claim to one detailed
@@ -13,16 +17,32 @@
  */
 class CheckCall {
 public:
-    explicit CheckCall(DifCheckParam &param);
+    [[gnu::always_inline]] explicit CheckCall(DifCheckParam &param)
+        : param_{param}, lba_{param.lba}, checkResult_{param.checkResult}, logFirst_{param.ctrlFlag,
+                                                                                     DIF_CHECK_LOG_FIRST} {
+        if (param.checkResult == nullptr) {
+            param.checkResult = &ownResult_;
+        }
+        progress_ = startCheck(param);
+        integrityOn_ = !progress_.integrityDone;
+    }
 
     /* Checks a run of blocks, the first of which has index `startBlock` in the range; runs come in order. */
-    void run(uint8_t *data, uint32_t blockNum, const DifTypeInfo &info, uint32_t startBlock);
+    [[gnu::always_inline]] void run(uint8_t *data, uint32_t blockNum, const DifTypeInfo &info, uint32_t startBlock) {
+        const uint32_t ret = checkRun(data, blockNum, info, param_, startBlock, progress_);
+        ret_ = ret != DIF_OK ? ret : ret_;
+    }
 
     /* Whether the rest of the range has nothing left to tell. */
-    bool isDone() const { return resultSettled_ != 0 && integrityDone_ != 0; }
+    bool isDone() const { return progress_.resultSettled && progress_.integrityDone; }
 
-    /* Counts the failure kinds found at the caller's verify point, once each. Returns the result of the call. */
-    uint32_t finish();
+    /* Counts what was found. Returns the result of the call. */
+    [[gnu::always_inline]] uint32_t finish() const {
+        if (integrityOn_ && ret_ != DIF_OK) [[unlikely]] {
+            countFailures(param_);
+        }
+        return ret_;
+    }
 
 private:
     DifCheckParam &param_;
@@ -30,8 +50,7 @@ private:
     const Restore<uint32_t *> checkResult_;
     const ScopedFlag logFirst_;
     uint32_t ownResult_ = 0;
-    uint8_t resultSettled_ = 0;
-    uint8_t integrityDone_ = 0;
-    bool integrityOn_ = false;
+    CheckProgress progress_;
+    bool integrityOn_;
     uint32_t ret_ = DIF_OK;
 };

@@ -10,8 +10,8 @@ constexpr const char *kIntegrityStep = "tryCheckDifIntegrity";
 constexpr const char *kLbaComparison = "isDifLbaCorrect";
 constexpr const char *kCrcComparison = "isDifCrcCorrect";
 
-const void *address(const CheckedBlock &block) {
-    return block.tuple();
+const void *address(CheckedBlock block, const DifTypeInfo &info) {
+    return block.tuple(info);
 }
 
 bool claimDetailedLog(DifCheckParam &param) {
@@ -22,73 +22,74 @@ bool claimDetailedLog(DifCheckParam &param) {
 
 } // namespace
 
-void noteExemptFromReport(const CheckedBlock &block, const DifCheckParam &param) {
+void noteExemptFromReport(CheckedBlock block, const DifTypeInfo &info, const DifCheckParam &param) {
     DIF_LOG_LIMITED_IN(kReportStep, ExemptNoteLimiter, kLogInfo,
                        "DIF_APP_CHECK_INFO: version(0xFF), app(0xFF),difPtr(%p), type(%u), ctrlFlag(0x%x), mid(%u).",
-                       address(block), param.type, param.ctrlFlag, param.mid);
+                       address(block, info), param.type, param.ctrlFlag, param.mid);
 }
 
-void noteExemptFromIntegrity(const CheckedBlock &block, const DifCheckParam &param) {
+void noteExemptFromIntegrity(CheckedBlock block, const DifTypeInfo &info, const DifCheckParam &param) {
     DIF_LOG_LIMITED_IN(kIntegrityStep, ExemptNoteLimiter, kLogInfo,
                        "DIF_INTEGRITY_CHECK_INFO: version(0xFF), app(0xFF), difPtr(%p), type(%u),ctrlFlag(0x%x), "
                        "mid(%u), subPid(%u), crcLevel(%u), lbaLevel(%u).",
-                       address(block), param.type, param.ctrlFlag, param.mid, param.subPid, param.crcLevel,
+                       address(block, info), param.type, param.ctrlFlag, param.mid, param.subPid, param.crcLevel,
                        param.lbaLevel);
 }
 
-void warnOfBst(const CheckedBlock &block, const DifCheckParam &param) {
-    DIF_WARN_BLOCK(kReportStep, block,
+void warnOfBst(CheckedBlock block, const DifTypeInfo &info, const DifCheckParam &param) {
+    DIF_WARN_BLOCK(kReportStep, block, info,
                    "DIF_WARNING_CHECK_DIF: HAVE BST error: version(0x%x),difPtr(%p), type(%u), ctrlFlag(0x%x), "
                    "mid(%u), subPid(%u).",
-                   tupleVersion(block.tuple()), address(block), param.type, param.ctrlFlag, param.mid, param.subPid);
+                   tupleVersion(block.tuple(info)), address(block, info), param.type, param.ctrlFlag, param.mid,
+                   param.subPid);
 }
 
-void warnOfVersionInLbaCheck(const CheckedBlock &block, DifCheckParam &param) {
+void warnOfVersionInLbaCheck(CheckedBlock block, const DifTypeInfo &info, DifCheckParam &param) {
     if (claimDetailedLog(param)) {
-        DIF_WARN_BLOCK(kIntegrityStep, block,
+        DIF_WARN_BLOCK(kIntegrityStep, block, info,
                        "DIF_WARNING_CHECK_DIF: VERSION error: version(0x%x), block(%u),difPtr(%p), type(%u), "
                        "ctrlFlag(0x%x), mid(%u), subPid(%u), lbaLevel(%u).",
-                       tupleVersion(block.tuple()), block.index, address(block), param.type, param.ctrlFlag, param.mid,
-                       param.subPid, param.lbaLevel);
+                       tupleVersion(block.tuple(info)), block.index, address(block, info), param.type, param.ctrlFlag,
+                       param.mid, param.subPid, param.lbaLevel);
     }
 }
 
-void warnOfVersionInCrcCheck(const CheckedBlock &block, DifCheckParam &param) {
+void warnOfVersionInCrcCheck(CheckedBlock block, const DifTypeInfo &info, DifCheckParam &param) {
     if (claimDetailedLog(param)) {
-        DIF_WARN_BLOCK(kIntegrityStep, block,
+        DIF_WARN_BLOCK(kIntegrityStep, block, info,
                        "DIF_WARNING_CHECK_DIF: VERSION error: version(0x%x), block(%u),difPtr(%p), type(%u), "
                        "ctrlFlag(0x%x), mid(%u), subPid(%u), crcLevel(%u).",
-                       tupleVersion(block.tuple()), block.index, address(block), param.type, param.ctrlFlag, param.mid,
-                       param.subPid, param.crcLevel);
+                       tupleVersion(block.tuple(info)), block.index, address(block, info), param.type, param.ctrlFlag,
+                       param.mid, param.subPid, param.crcLevel);
     }
 }
 
-void warnOfLba(const CheckedBlock &block, DifCheckParam &param) {
+void warnOfLba(CheckedBlock block, const DifTypeInfo &info, DifCheckParam &param) {
     if (claimDetailedLog(param)) {
-        DIF_WARN_BLOCK(kLbaComparison, block,
+        DIF_WARN_BLOCK(kLbaComparison, block, info,
                        "DIF_WARNING_CHECK_DIF: LBA error: expected(%u), actual(%u), block(%u), difPtr(%p), type(%u), "
                        "ctrlFlag(0x%x), mid(%u), lbaLevel(%u).",
-                       static_cast<uint32_t>(param.lba), tupleLba(block.tuple()), block.index, address(block),
+                       static_cast<uint32_t>(param.lba), tupleLba(block.tuple(info)), block.index, address(block, info),
                        param.type, param.ctrlFlag, param.mid, param.lbaLevel);
     }
 }
 
-void warnOfCrc(const CheckedBlock &block, DifCheckParam &param, uint16_t expected) {
+void warnOfCrc(CheckedBlock block, const DifTypeInfo &info, DifCheckParam &param, uint16_t expected) {
     if (!claimDetailedLog(param)) {
         return;
     }
-    const uint16_t actual = tupleGuard(block.tuple());
-    if (tupleVersion(block.tuple()) == DIF_VERSION_CRC32C) {
-        DIF_WARN_BLOCK(kCrcComparison, block,
+    const uint16_t actual = tupleGuard(block.tuple(info));
+    if (tupleVersion(block.tuple(info)) == DIF_VERSION_CRC32C) {
+        DIF_WARN_BLOCK(kCrcComparison, block, info,
                        "DIF_WARNING_CHECK_DIF: CRC error: expected(0x%x), actual(0x%x), ver(CRC32C),block(%u), "
                        "difPtr(%p), type(%u), ctrlFlag(0x%x), mid(%u), subPid(%u), crcLevel(%u).",
-                       expected, actual, block.index, address(block), param.type, param.ctrlFlag, param.mid,
+                       expected, actual, block.index, address(block, info), param.type, param.ctrlFlag, param.mid,
                        param.subPid, param.crcLevel);
     } else {
-        DIF_WARN_BLOCK(kCrcComparison, block,
+        DIF_WARN_BLOCK(kCrcComparison, block, info,
                        "DIF_WARNING_CHECK_DIF: CRC error:expected(0x%x), actual(0x%x), ver(T10),block(%u), "
                        "difPtr(%p), type(%u), ctrlFlag(0x%x), mid(%u), subPid(%u), crcLevel(%u).",
-                       expected, actual, block.index, address(block), param.type, param.ctrlFlag, param.mid,
+                       expected, actual, block.index, address(block, info), param.type, param.ctrlFlag, param.mid,
                        param.subPid, param.crcLevel);
     }
 }

@@ -11,23 +11,23 @@
 namespace {
 
 /* Data all zero, and a guard that says so where the version has one. */
-DIF_CHECK_HELPER bool isZeroDataBlock(const CheckedBlock &block) {
-    const uint16_t guard = tupleGuard(block.tuple());
-    switch (tupleVersion(block.tuple())) {
+DIF_CHECK_HELPER bool isZeroDataBlock(CheckedBlock block, const DifTypeInfo &info) {
+    const uint16_t guard = tupleGuard(block.tuple(info));
+    switch (tupleVersion(block.tuple(info))) {
     case DIF_VERSION_T10:
         if (guard != kZeroGuardT10) {
             return false;
         }
         break;
     case DIF_VERSION_CRC32C:
-        if (guard != (block.dataSize() == 512 ? kZeroGuardCrc32c512 : kZeroGuardCrc32c4096)) {
+        if (guard != (info.dataSize == 512 ? kZeroGuardCrc32c512 : kZeroGuardCrc32c4096)) {
             return false;
         }
         break;
     default:
         break;
     }
-    return isAllZero(block.data, block.dataSize());
+    return isAllZero(block.data, info.dataSize);
 }
 
 DIF_CHECK_HELPER bool isBstReported(const DifCheckParam &param) {
@@ -69,14 +69,15 @@ DIF_CHECK_TEXT void checkDifVerZero(uint32_t ctrlFlag, const DifTuple *difPtr, u
     }
 }
 
-DIF_CHECK_TEXT void tryCheckDifAppAndSetResult(CheckedBlock block, const DifCheckParam &param, uint8_t &resultSettled) {
-    const DifTuple *const tuple = block.tuple();
+DIF_CHECK_TEXT void tryCheckDifAppAndSetResult(CheckedBlock block, const DifTypeInfo &info, const DifCheckParam &param,
+                                               bool &resultSettled) {
+    const DifTuple *const tuple = block.tuple(info);
     const uint32_t asked = param.ctrlFlag;
     uint32_t &result = *param.checkResult;
     checkDifVerZero(asked, tuple, &result);
     if (isExempt(tuple)) {
         result &= ~(DIF_RESULT_ALL_LBA_VALID | DIF_RESULT_ALL_ZERO);
-        noteExemptFromReport(block, param);
+        noteExemptFromReport(block, info, param);
         return;
     }
     const uint8_t version = tupleVersion(tuple);
@@ -87,14 +88,14 @@ DIF_CHECK_TEXT void tryCheckDifAppAndSetResult(CheckedBlock block, const DifChec
         result |= DIF_RESULT_UNKNOWN_VERSION;
     }
     if (isBstReported(param) && hasBst(tuple)) {
-        warnOfBst(block, param);
+        warnOfBst(block, info, param);
         result |= DIF_RESULT_HAVE_BST;
     }
     if ((asked & DIF_CHECK_ALL_LBA_VALID) != 0 && !hasValidLba(tuple)) {
         result &= ~DIF_RESULT_ALL_LBA_VALID;
     }
-    if ((asked & DIF_CHECK_ZERO_DATA) != 0 && !isZeroDataBlock(block)) {
+    if ((asked & DIF_CHECK_ZERO_DATA) != 0 && !isZeroDataBlock(block, info)) {
         result &= ~DIF_RESULT_ALL_ZERO;
     }
-    resultSettled = isSettled(asked, result) ? 1 : 0;
+    resultSettled = isSettled(asked, result);
 }

@@ -4,4 +4,5 @@
 #include "dif_util/verify/failed_block.h"
 
 /* Takes one block into the result word, and tells by `resultSettled` whether there is anything left to learn. */
-void tryCheckDifAppAndSetResult(CheckedBlock block, const DifCheckParam &param, uint8_t &resultSettled);
+void tryCheckDifAppAndSetResult(CheckedBlock block, const DifTypeInfo &info, const DifCheckParam &param,
+                                bool &resultSettled);

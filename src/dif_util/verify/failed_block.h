@@ -6,26 +6,24 @@
 
 #include <cstdint>
 
-/* One block as the checks see it. */
+/* One block as the checks see it. Small enough to go by registers: its geometry goes beside it. */
 struct CheckedBlock {
     uint8_t *data;
-    const DifTypeInfo *info;
     uint32_t index; /* in the whole check call */
 
-    uint32_t dataSize() const { return info->dataSize; }
-    DifTuple *tuple() const { return tupleOf(data, *info); }
+    DifTuple *tuple(const DifTypeInfo &info) const { return tupleOf(data, info); }
 };
 
 /* Writes the first and last data bytes of the block and its tuple. */
-void dumpFailedBlock(LogSite site, const CheckedBlock &block);
+void dumpFailedBlock(LogSite site, CheckedBlock block, const DifTypeInfo &info);
 
-/* DIF_WARN_BLOCK(function, block, format, ...): warning and dump, both behind the one limiter of the site. */
-#define DIF_WARN_BLOCK(function, block, ...)                                                                           \
+/* DIF_WARN_BLOCK(function, block, info, format, ...): warning and dump, both behind the one limiter of the site. */
+#define DIF_WARN_BLOCK(function, block, info, ...)                                                                     \
     do {                                                                                                               \
         static constinit FaultLimiter limiter;                                                                         \
         const LogSite site{(function), __LINE__};                                                                      \
         if (limiter.admit(site, kLogWarning)) {                                                                        \
             hostlog_standard(DIF_MODULE_ID, kLogWarning, site.func, site.line, kNoLogId, __VA_ARGS__);                 \
-            dumpFailedBlock(site, (block));                                                                            \
+            dumpFailedBlock(site, (block), (info));                                                                    \
         }                                                                                                              \
     } while (0)

@@ -5,4 +5,4 @@
 
 /* DIF_OK if the block passes or is exempt; DIF_ERR_CHECK, with the error bit added to the result word if there is one. The
  * block's index counts from the first block of the range, whose LBA is that of `param`. */
-uint32_t checkDifIntegrityWithStdT10(const CheckedBlock &block, const DifCheckParam &param);
+uint32_t checkDifIntegrityWithStdT10(CheckedBlock block, const DifTypeInfo &info, const DifCheckParam &param);

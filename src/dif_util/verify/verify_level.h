@@ -35,28 +35,3 @@ DIF_CHECK_HELPER LevelArgument invalidLevelArgument(uint8_t level, uint8_t mid, 
  * answers false if not.
  */
 extern "C" bool isVerifyPointOn(uint8_t level, uint8_t mid, uint8_t subPid);
-
-/*
- * One check's question to isVerifyPointOn, asked again for every block, because a level may change during a call. What
- * cannot change is looked at once: with arguments in range, a question costs one table read and one comparison.
- */
-struct LevelGate {
-    const std::atomic<uint8_t> *current; /* the module's level; null if the check is not made, or asserts */
-    bool asserts;
-    uint8_t level;
-    uint8_t mid;
-    uint8_t subPid;
-
-    DIF_CHECK_HELPER bool isOn() const {
-        if (current != nullptr) [[likely]] {
-            return level <= current->load(std::memory_order_relaxed);
-        }
-        return asserts && isVerifyPointOn(level, mid, subPid);
-    }
-};
-
-/* `asked`: whether the caller wants the check at all. */
-DIF_CHECK_HELPER LevelGate levelGateOf(bool asked, uint8_t level, uint8_t mid, uint8_t subPid) {
-    const bool isValid = invalidLevelArgument(level, mid, subPid) == LevelArgument::kNone;
-    return {asked && isValid ? &g_difVerifyLevel[mid] : nullptr, asked && !isValid, level, mid, subPid};
-}
