@@ -1,15 +1,15 @@
 /* Whether blocks may be evicted: not while one carries the BST mark. */
 #include "dif/block.h"
 
-#include "dif/runtime.h"
 #include "dif_util/core/arguments.h"
 #include "dif_util/core/geometry.h"
 #include "dif_util/core/limited_log.h"
+#include "dif_util/core/settings.h"
 #include "dif_util/core/tuple.h"
 
 bool isDifEvictable(const uint8_t *buf, uint32_t sectorNum) {
     constexpr const DifTypeInfo &info = kTypeInfo[DIF_DATA_520];
-    if (getDifOn() == 0 || !DIF_ASSERT_NOT_NULL(buf)) {
+    if (!isDifOn() || !DIF_ASSERT_NOT_NULL(buf)) {
         return true;
     }
     DIF_ASSERT_SECTORS(sectorNum);

@@ -1,12 +1,12 @@
 /* Insertion: a fresh tuple behind the data of every block. */
 #include "dif/block.h"
 
-#include "dif/runtime.h"
 #include "dif_util/block/system_guard.h"
 #include "dif_util/core/arguments.h"
 #include "dif_util/core/geometry.h"
 #include "dif_util/core/restore.h"
 #include "dif_util/core/section.h"
+#include "dif_util/core/settings.h"
 #include "dif_util/core/tuple.h"
 
 namespace {
@@ -54,7 +54,7 @@ DIF_INSERT_TEXT void insertDifInBlocks(uint8_t *buf, uint32_t blockNum, const Di
 }
 
 DIF_INSERT_TEXT void insertDif(uint8_t *buf, uint32_t sectorNum, DifOpParam *param) {
-    if (getDifOn() == 0) {
+    if (!isDifOn()) {
         return;
     }
     if (!DIF_ASSERT_NOT_NULL(buf) || !DIF_ASSERT_NOT_NULL(param) || !DIF_ASSERT_OP_TYPE(param)) {

@@ -1,12 +1,12 @@
 /* Replacement: chosen fields of the tuples that are there. */
 #include "dif/block.h"
 
-#include "dif/runtime.h"
 #include "dif_util/block/system_guard.h"
 #include "dif_util/core/arguments.h"
 #include "dif_util/core/geometry.h"
 #include "dif_util/core/restore.h"
 #include "dif_util/core/section.h"
+#include "dif_util/core/settings.h"
 #include "dif_util/core/tuple.h"
 
 namespace {
@@ -57,7 +57,7 @@ DIF_INSERT_TEXT void replaceDifInBlocks(uint8_t *buf, uint32_t blockNum, const D
 }
 
 void replaceDif(uint8_t *buf, uint32_t sectorNum, DifOpParam *param) {
-    if (getDifOn() == 0) {
+    if (!isDifOn()) {
         return;
     }
     if (!DIF_ASSERT_NOT_NULL(param) || !DIF_ASSERT_NOT_NULL(buf) || !DIF_ASSERT_OP_TYPE(param)) {

@@ -2,7 +2,6 @@
 #include "dif/block.h"
 
 #include "dif/crc16.h"
-#include "dif/runtime.h"
 #include "dif_util/core/arguments.h"
 #include "dif_util/core/geometry.h"
 #include "dif_util/core/settings.h"
@@ -32,7 +31,7 @@ uint16_t crc32cGuardOfAll(const uint8_t *block, uint32_t blockNum) {
 } // namespace
 
 void trans2LSectorDif(const uint8_t *buf, uint32_t sectorNum, DifTuple *dif) {
-    if (getDifOn() == 0) {
+    if (!isDifOn()) {
         return;
     }
     if (!DIF_ASSERT_NOT_NULL(buf)) {

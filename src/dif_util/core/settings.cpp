@@ -5,6 +5,7 @@
 #include "dif_util/core/section.h"
 #include "log.h"
 
+constinit std::atomic<uint8_t> difSwitch{0};
 constinit std::atomic<uint8_t> sysDifCrcVersion{0};
 
 namespace {
@@ -12,7 +13,6 @@ namespace {
 constexpr std::memory_order kRelaxed = std::memory_order_relaxed;
 constexpr uint32_t kRepairTypeLimit = 3;
 
-constinit std::atomic<uint8_t> difSwitch{0};
 constinit std::atomic<uint8_t> difRepairType{0};
 
 const char *switchName(uint8_t on) {

@@ -5,8 +5,14 @@
 #include <atomic>
 #include <cstdint>
 
-/* The system CRC version; 0 before difModuleInit. */
+/* The DIF switch and the system CRC version; 0 before difModuleInit. */
+extern std::atomic<uint8_t> difSwitch;
 extern std::atomic<uint8_t> sysDifCrcVersion;
+
+/* What getDifOn tells others. */
+inline bool isDifOn() {
+    return difSwitch.load(std::memory_order_relaxed) != 0;
+}
 
 /* The defaults that difModuleInit sets: CRC version 0x13, repair type 0, DIF on. Logs nothing. */
 void resetSettings();

@@ -1,15 +1,16 @@
 /* The check over lists, asserting and returning errors. */
 #include "dif/check.h"
-#include "dif/runtime.h"
 #include "dif/sgl.h"
 #include "dif_util/core/arguments.h"
 #include "dif_util/core/limited_log.h"
 #include "dif_util/core/section.h"
+#include "dif_util/core/settings.h"
 #include "dif_util/sgl/chain_dump.h"
 #include "dif_util/sgl/position.h"
 #include "dif_util/sgl/run_walk.h"
 #include "dif_util/sgl/trim.h"
 #include "dif_util/verify/check_call.h"
+#include "dif_util/verify/check_identity.h"
 
 uint32_t checkDifInSglInputCheck(const Sgl *sgl, const DifCheckParam *param, const char *funcName) {
     if (sgl == nullptr || param == nullptr) {
@@ -26,7 +27,7 @@ uint32_t checkDifInSglInputCheck(const Sgl *sgl, const DifCheckParam *param, con
 
 DIF_CHECK_TEXT uint32_t checkDifInSgl(const Sgl *sgl, uint32_t offsetByte, uint32_t sectorNum, DifCheckParam *param,
                                       const char *funcName, int32_t line) {
-    if (getDifOn() == 0) {
+    if (!isDifOn()) {
         noDifSetCheckResultInSgl(sgl, offsetByte, sectorNum, param);
         return DIF_OK;
     }
@@ -37,7 +38,7 @@ DIF_CHECK_TEXT uint32_t checkDifInSgl(const Sgl *sgl, uint32_t offsetByte, uint3
         trimDataInSgl(sgl, offsetByte, sectorNum, param);
         return DIF_OK;
     }
-    if (checkDifParamCheck(param, funcName, line) != DIF_OK) {
+    if (checkIdentity(*param, funcName, line) != DIF_OK) {
         DIF_ASSERT_NEVER();
     }
     const DifTypeInfo &info = kTypeInfo[param->type];
@@ -45,7 +46,8 @@ DIF_CHECK_TEXT uint32_t checkDifInSgl(const Sgl *sgl, uint32_t offsetByte, uint3
     DIF_ASSERT_BLOCKS(blockNum, sectorNum, param->type, info);
     const SglRange range{sgl, offsetByte, sectorNum, info.blockSize};
     const SglPosition start = getStartSglByOffset(range);
-    CheckCall call{*param};
+    CheckProgress progress;
+    CheckCall call{*param, progress};
     static constinit ChainAssertions assertions;
     walkRuns({__func__, &assertions}, range, start, info, blockNum,
              [&](uint8_t *data, uint32_t n, uint32_t startBlock) {
@@ -70,12 +72,12 @@ uint32_t checkDifInSglWithErrRetInputCheck(const Sgl *sgl, const DifCheckParam *
 
 uint32_t checkDifInSglWithErrorReturn(const Sgl *sgl, uint32_t offsetByte, uint32_t sectorNum, DifCheckParam *param,
                                       const char *funcName, int32_t line) {
-    if (getDifOn() == 0) {
+    if (!isDifOn()) {
         noDifSetCheckResultInSgl(sgl, offsetByte, sectorNum, param);
         return DIF_OK;
     }
     if (checkDifInSglWithErrRetInputCheck(sgl, param, funcName) != DIF_OK ||
-        checkDifParamCheck(param, funcName, line) != DIF_OK) {
+        checkIdentity(*param, funcName, line) != DIF_OK) {
         return DIF_ERR_SGL;
     }
     const DifTypeInfo &info = kTypeInfo[param->type];
@@ -91,7 +93,8 @@ uint32_t checkDifInSglWithErrorReturn(const Sgl *sgl, uint32_t offsetByte, uint3
     if (positioned != DIF_OK) {
         return positioned;
     }
-    CheckCall call{*param};
+    CheckProgress progress;
+    CheckCall call{*param, progress};
     const uint32_t walked = walkRuns({__func__, nullptr}, range, start, info, blockNum,
                                      [&](uint8_t *data, uint32_t n, uint32_t startBlock) {
                                          call.run(data, n, info, startBlock);

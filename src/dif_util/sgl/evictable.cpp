@@ -1,13 +1,13 @@
 /* Evictability of a list of 520-byte blocks. */
 #include "dif/block.h"
-#include "dif/runtime.h"
 #include "dif/sgl.h"
 #include "dif_util/core/arguments.h"
+#include "dif_util/core/settings.h"
 #include "dif_util/sgl/position.h"
 #include "dif_util/sgl/run_walk.h"
 
 bool isDifEvictableInSgl(const Sgl *sgl, uint32_t offsetByte, uint32_t sectorNum) {
-    if (getDifOn() == 0) {
+    if (!isDifOn()) {
         return true;
     }
     if (!DIF_ASSERT_NOT_NULL(sgl)) {

@@ -1,15 +1,15 @@
 /* The check of plain T10 tuples over a list. */
 #include "dif_util/verify/std_t10.h"
-#include "dif/runtime.h"
 #include "dif/sgl.h"
 #include "dif_util/core/arguments.h"
 #include "dif_util/core/limited_log.h"
+#include "dif_util/core/settings.h"
 #include "dif_util/sgl/chain_dump.h"
 #include "dif_util/sgl/position.h"
 #include "dif_util/sgl/run_walk.h"
 
 uint32_t checkDifInSglWithStdT10(const Sgl *sgl, uint32_t offsetByte, uint32_t sectorNum, const DifCheckParam *param) {
-    if (getDifOn() == 0) {
+    if (!isDifOn()) {
         return DIF_OK;
     }
     if (sgl == nullptr || param == nullptr) {

@@ -1,16 +1,16 @@
 /* Insertion, replacement and injection over lists. */
 #include "dif/block.h"
-#include "dif/runtime.h"
 #include "dif/sgl.h"
 #include "dif_util/core/arguments.h"
 #include "dif_util/core/restore.h"
 #include "dif_util/core/scoped_flag.h"
 #include "dif_util/core/section.h"
+#include "dif_util/core/settings.h"
 #include "dif_util/sgl/position.h"
 #include "dif_util/sgl/run_walk.h"
 
 void insertDifInSgl(const Sgl *sgl, uint32_t offsetByte, uint32_t sectorNum, DifOpParam *param) {
-    if (getDifOn() == 0) {
+    if (!isDifOn()) {
         return;
     }
     if (!DIF_ASSERT_NOT_NULL(sgl) || !DIF_ASSERT_NOT_NULL(param) || !DIF_ASSERT_OP_TYPE(param)) {
@@ -30,7 +30,7 @@ void insertDifInSgl(const Sgl *sgl, uint32_t offsetByte, uint32_t sectorNum, Dif
 }
 
 DIF_INSERT_TEXT void replaceDifInSgl(const Sgl *sgl, uint32_t offsetByte, uint32_t sectorNum, DifOpParam *param) {
-    if (getDifOn() == 0) {
+    if (!isDifOn()) {
         return;
     }
     if (!DIF_ASSERT_NOT_NULL(param) || !DIF_ASSERT_NOT_NULL(sgl) || !DIF_ASSERT_OP_TYPE(param)) {

@@ -14,33 +14,6 @@
 
 namespace {
 
-DIF_CHECK_HELPER CheckProgress progressOf(const DifCheckParam &param, bool resultSettled, bool integrityDone) {
-    CheckProgress progress{&g_difVerifyLevel[param.mid % DIF_MID_BUTT],
-                           CheckProgress::kNever,
-                           CheckProgress::kNever,
-                           resultSettled,
-                           integrityDone,
-                           false};
-    const auto ask = [&](uint32_t flag, uint8_t level, uint16_t &asked) {
-        if ((param.ctrlFlag & flag) != 0) {
-            asked = level;
-            progress.levelsAssert |= invalidLevelArgument(level, param.mid, param.subPid) != LevelArgument::kNone;
-        }
-    };
-    ask(DIF_CHECK_LBA, param.lbaLevel, progress.lbaLevel);
-    ask(DIF_CHECK_CRC, param.crcLevel, progress.crcLevel);
-    return progress;
-}
-
-/* Whether the check with that flag and level is made now. */
-template <bool kPlain>
-DIF_CHECK_HELPER bool isOn(const CheckProgress &progress, const DifCheckParam &param, uint16_t level) {
-    if (!kPlain && progress.levelsAssert) {
-        return level != CheckProgress::kNever && isVerifyPointOn(static_cast<uint8_t>(level), param.mid, param.subPid);
-    }
-    return level <= progress.moduleLevel->load(std::memory_order_relaxed);
-}
-
 DIF_CHECK_HELPER bool isDifLbaCorrect(CheckedBlock block, const DifTypeInfo &info, const DifTuple *tuple,
                                       DifCheckParam &param) {
     if (!hasValidLba(tuple) || tupleLba(tuple) == static_cast<uint32_t>(param.lba)) [[likely]] {
@@ -145,24 +118,6 @@ DIF_CHECK_HELPER uint32_t walkPlainBlocks(uint8_t *data, uint32_t blockNum, cons
 
 } // namespace
 
-DIF_CHECK_TEXT CheckProgress startCheck(DifCheckParam &param) {
-    const uint32_t asked = param.ctrlFlag;
-    if (param.errBlockIndex != nullptr) {
-        *param.errBlockIndex = DIF_ERR_BLOCK_NONE;
-    }
-    *param.checkResult = ((asked & DIF_CHECK_ALL_LBA_VALID) != 0 ? DIF_RESULT_ALL_LBA_VALID : 0) |
-                         ((asked & DIF_CHECK_ZERO_DATA) != 0 ? DIF_RESULT_ALL_ZERO : 0);
-    CheckProgress progress = progressOf(param, (asked & DIF_CHECK_REPORT_MASK) == 0, true);
-    if (isOn<false>(progress, param, progress.lbaLevel) || isOn<false>(progress, param, progress.crcLevel) ||
-        (asked & DIF_CHECK_CONVERT_T10) != 0) {
-        progress.integrityDone = false;
-        if ((asked & DIF_CHECK_ALL_BLOCKS) != 0) {
-            *param.checkResult |= DIF_RESULT_NONE_PASSED;
-        }
-    }
-    return progress;
-}
-
 DIF_CHECK_TEXT uint32_t checkAnyRun(uint8_t *data, uint32_t blockNum, const DifTypeInfo &info, DifCheckParam &param,
                                     uint32_t startBlock, CheckProgress &progress) {
     bool &settled = progress.resultSettled;
@@ -205,7 +160,8 @@ DIF_CHECK_TEXT uint32_t checkPlainRun(uint8_t *data, uint32_t blockNum, const Di
 }
 
 DIF_CHECK_TEXT void initDifCheckResults(DifCheckParam *param, uint8_t *resultSettled, uint8_t *integrityDone) {
-    const CheckProgress progress = startCheck(*param);
+    CheckProgress progress;
+    startCheck(*param, progress);
     *resultSettled = progress.resultSettled ? 1 : 0;
     *integrityDone = progress.integrityDone ? 1 : 0;
 }
@@ -217,7 +173,10 @@ DIF_CHECK_TEXT uint32_t checkDifInBlocks(uint8_t *data, uint32_t blockNum, const
     if (blockNum == 0) {
         return DIF_OK;
     }
-    CheckProgress progress = progressOf(*param, *resultSettled != 0, *integrityDone != 0);
+    CheckProgress progress;
+    progress.resultSettled = *resultSettled != 0;
+    progress.integrityDone = *integrityDone != 0;
+    askLevels(*param, progress);
     const uint32_t ret = checkRun(data, blockNum, *typeInfo, *param, startBlock, progress);
     *resultSettled = progress.resultSettled ? 1 : 0;
     *integrityDone = progress.integrityDone ? 1 : 0;

@@ -14,17 +14,18 @@
 /*
  * Prepares the record when it is made: a result word of the call's own if the caller has none, the claim to one detailed
  * message, the outputs. Puts it back when it goes: `lba` and `checkResult` as they were, DIF_CHECK_LOG_FIRST clear.
+ * What the runs work with lies in `progress`, apart, so that all else stays in registers.
  */
 class CheckCall {
 public:
-    [[gnu::always_inline]] explicit CheckCall(DifCheckParam &param)
-        : param_{param}, lba_{param.lba}, checkResult_{param.checkResult}, logFirst_{param.ctrlFlag,
-                                                                                     DIF_CHECK_LOG_FIRST} {
+    [[gnu::always_inline]] CheckCall(DifCheckParam &param, CheckProgress &progress)
+        : param_{param}, progress_{progress}, lba_{param.lba},
+          checkResult_{param.checkResult}, logFirst_{param.ctrlFlag, DIF_CHECK_LOG_FIRST} {
         if (param.checkResult == nullptr) {
-            param.checkResult = &ownResult_;
+            param.checkResult = &progress.ownResult;
         }
-        progress_ = startCheck(param);
-        integrityOn_ = !progress_.integrityDone;
+        startCheck(param, progress);
+        integrityOn_ = !progress.integrityDone;
     }
 
     /* Checks a run of blocks, the first of which has index `startBlock` in the range; runs come in order. */
@@ -34,7 +35,7 @@ public:
     }
 
     /* Whether the rest of the range has nothing left to tell. */
-    bool isDone() const { return progress_.resultSettled && progress_.integrityDone; }
+    [[gnu::always_inline]] bool isDone() const { return progress_.resultSettled && progress_.integrityDone; }
 
     /* Counts what was found. Returns the result of the call. */
     [[gnu::always_inline]] uint32_t finish() const {
@@ -46,11 +47,10 @@ public:
 
 private:
     DifCheckParam &param_;
+    CheckProgress &progress_;
     const Restore<uint64_t> lba_;
     const Restore<uint32_t *> checkResult_;
     const ScopedFlag logFirst_;
-    uint32_t ownResult_ = 0;
-    CheckProgress progress_;
     bool integrityOn_;
     uint32_t ret_ = DIF_OK;
 };

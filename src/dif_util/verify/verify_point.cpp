@@ -52,13 +52,6 @@ void initAllModVerifyPointMsg() {
     difRegistVerifyPoint(DIF_MID_DEBUG, &own, 1, __func__, __LINE__);
 }
 
-uint32_t verifyPointNumOf(uint32_t mid) {
-    if (mid >= DIF_MID_BUTT) {
-        return 0;
-    }
-    return std::atomic_ref{g_verifyPointMsg[mid].verifyPointNum}.load(std::memory_order_relaxed);
-}
-
 uint32_t difRegistVerifyPoint(uint32_t mid, const VerifyPointDesc *verifyPointPtr, uint32_t num, const char *funcName,
                               int32_t line) {
     if (mid >= DIF_MID_BUTT) {
