@@ -12,17 +12,25 @@
 #include "dif_util/verify/check_call.h"
 #include "dif_util/verify/check_identity.h"
 
+namespace {
+
+DIF_CHECK_HELPER bool isUsable(const Sgl *sgl, const DifCheckParam *param) {
+    return sgl != nullptr && param != nullptr && isCheckType(param->type);
+}
+
+} // namespace
+
 uint32_t checkDifInSglInputCheck(const Sgl *sgl, const DifCheckParam *param, const char *funcName) {
+    if (isUsable(sgl, param)) {
+        return DIF_OK;
+    }
     if (sgl == nullptr || param == nullptr) {
         DIF_LOG_LIMITED(InputErrorLimiter, kLogError, "Input err, sgl:%p, param:%p, func: %s.",
                         static_cast<const void *>(sgl), static_cast<const void *>(param), funcName);
-        return DIF_FAIL;
-    }
-    if (!isCheckType(param->type)) {
+    } else {
         DIF_LOG_LIMITED(InputErrorLimiter, kLogError, "Dif type err, data type: %u, func: %s.", param->type, funcName);
-        return DIF_FAIL;
     }
-    return DIF_OK;
+    return DIF_FAIL;
 }
 
 DIF_CHECK_TEXT uint32_t checkDifInSgl(const Sgl *sgl, uint32_t offsetByte, uint32_t sectorNum, DifCheckParam *param,
@@ -31,7 +39,8 @@ DIF_CHECK_TEXT uint32_t checkDifInSgl(const Sgl *sgl, uint32_t offsetByte, uint3
         noDifSetCheckResultInSgl(sgl, offsetByte, sectorNum, param);
         return DIF_OK;
     }
-    if (checkDifInSglInputCheck(sgl, param, funcName) != DIF_OK) {
+    if (!isUsable(sgl, param)) {
+        checkDifInSglInputCheck(sgl, param, funcName);
         return DIF_ERR_CHECK;
     }
     if (param->ctrlFlag == DIF_CHECK_TRIM_ZERO) {
@@ -58,16 +67,16 @@ DIF_CHECK_TEXT uint32_t checkDifInSgl(const Sgl *sgl, uint32_t offsetByte, uint3
 }
 
 uint32_t checkDifInSglWithErrRetInputCheck(const Sgl *sgl, const DifCheckParam *param, const char *funcName) {
+    if (isUsable(sgl, param)) {
+        return DIF_OK;
+    }
     if (sgl == nullptr || param == nullptr) {
         DIF_LOG(kLogError, "DIF_ARG_ERROR: sgl(%p), param(%p), func(%s).", static_cast<const void *>(sgl),
                 static_cast<const void *>(param), funcName);
-        return DIF_FAIL;
-    }
-    if (!isCheckType(param->type)) {
+    } else {
         DIF_LOG(kLogError, "DIF_ARG_ERROR: type(%u), func(%s).", param->type, funcName);
-        return DIF_FAIL;
     }
-    return DIF_OK;
+    return DIF_FAIL;
 }
 
 uint32_t checkDifInSglWithErrorReturn(const Sgl *sgl, uint32_t offsetByte, uint32_t sectorNum, DifCheckParam *param,

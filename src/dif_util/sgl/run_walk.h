@@ -11,7 +11,8 @@
 
 /* Whether an entry's length, or the part of it behind a position, is whole blocks and not nothing. */
 [[gnu::always_inline]] inline bool isWholeBlocks(uint32_t bytes, uint32_t blockSize) {
-    return bytes != 0 && bytes % blockSize == 0;
+    /* Remainders by constants, of which the first is the other geometry's too: no division. */
+    return bytes != 0 && bytes % 520 == 0 && (blockSize == 520 || bytes % 4160 == 0);
 }
 
 /* Moves to the next entry of the chain. False if the operation must end, or there is no entry to go on with. */
