@@ -44,13 +44,14 @@ DIF_INSERT_TEXT void insertDifInOneBlock(const uint8_t *data, uint32_t dataSize,
 
 DIF_INSERT_TEXT void insertDifInBlocks(uint8_t *buf, uint32_t blockNum, const DifTypeInfo *typeInfo,
                                        DifOpParam *param) {
-    const DifTypeInfo &info = *typeInfo;
-    uint8_t *block = buf;
-    for (uint32_t k = 0; k < blockNum; ++k, block += info.blockSize) {
-        clearDifArea(block, info);
-        insertTuple(tupleOf(block, info), block, info.dataSize, *param);
-        ++param->lba;
-    }
+    runForGeometry(*typeInfo, [=](const DifTypeInfo &info) DIF_INLINE {
+        uint8_t *block = buf;
+        for (uint32_t left = blockNum; left != 0; --left, block += info.blockSize) {
+            clearDifArea(block, info);
+            insertTuple(tupleOf(block, info), block, info.dataSize, *param);
+            ++param->lba;
+        }
+    });
 }
 
 DIF_INSERT_TEXT void insertDif(uint8_t *buf, uint32_t sectorNum, DifOpParam *param) {

@@ -45,15 +45,16 @@ DIF_INSERT_HELPER bool isBlockChosen(const uint32_t *bitmap, uint32_t block) {
 
 DIF_INSERT_TEXT void replaceDifInBlocks(uint8_t *buf, uint32_t blockNum, const DifTypeInfo *typeInfo, DifOpParam *param,
                                         uint32_t startBlock) {
-    const DifTypeInfo &info = *typeInfo;
-    const uint32_t *bitmap = param->blockBitmap;
-    uint8_t *block = buf;
-    for (uint32_t k = 0; k < blockNum; ++k, block += info.blockSize) {
-        if (isBlockChosen(bitmap, startBlock + k)) {
-            replaceDifInOneBlock(block, info.dataSize, tupleOf(block, info), *param);
+    const uint32_t *const bitmap = param->blockBitmap;
+    runForGeometry(*typeInfo, [=](const DifTypeInfo &info) DIF_INLINE {
+        uint8_t *block = buf;
+        for (uint32_t k = 0; k < blockNum; ++k, block += info.blockSize) {
+            if (isBlockChosen(bitmap, startBlock + k)) {
+                replaceDifInOneBlock(block, info.dataSize, tupleOf(block, info), *param);
+            }
+            ++param->lba;
         }
-        ++param->lba;
-    }
+    });
 }
 
 void replaceDif(uint8_t *buf, uint32_t sectorNum, DifOpParam *param) {
