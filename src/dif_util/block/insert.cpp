@@ -11,13 +11,19 @@
 
 namespace {
 
-/* Fixed sizes, so that the compiler stores words; an area of any other size is left alone. */
-DIF_INSERT_HELPER void clearDifArea(uint8_t *block, const DifTypeInfo &info) {
-    const uint32_t size = info.blockSize - info.dataSize;
-    if (size == 8) {
-        std::memset(block + info.dataSize, 0, 8);
-    } else if (size == 64) {
-        std::memset(block + info.dataSize, 0, 64);
+/* Writes what `ctrlFlag` makes of a cleared tuple, in whole words. */
+DIF_INSERT_HELPER void writeFreshTuple(DifTuple *tuple, const uint8_t *data, uint32_t dataSize,
+                                       const DifOpParam &param) {
+    const uint32_t flags = param.ctrlFlag;
+    if ((flags & DIF_INSERT_NO_CRC) != 0) {
+        setTuple(tuple, 0, DIF_VERSION_NO_CRC, 0, 0);
+        return;
+    }
+    const SystemGuard guard = (flags & DIF_INSERT_CRC) != 0 ? systemGuardOf(data, dataSize, param.type) : SystemGuard{};
+    if ((flags & DIF_INSERT_LBA) != 0) {
+        setTuple(tuple, guard.crc, guard.version, DIF_APP_LBA_VALID, param.lba);
+    } else {
+        setTuple(tuple, guard.crc, guard.version, 0, 0);
     }
 }
 
@@ -35,6 +41,27 @@ DIF_INSERT_HELPER void insertTuple(DifTuple *tuple, const uint8_t *data, uint32_
     }
 }
 
+/*
+ * Clears the DIF area of a block and writes its tuple. A small area is its tuple, written in one piece behind the data
+ * once the guard is known; a large one is cleared first, so that the processor fetches the next page's lines meanwhile. An
+ * area of any other size is not cleared.
+ */
+DIF_INSERT_HELPER void insertBlock(uint8_t *block, const DifTypeInfo &info, const DifOpParam &param) {
+    const uint32_t areaSize = info.blockSize - info.dataSize;
+    const bool isTupleFirst = info.difOffset == info.dataSize;
+    if (areaSize == 64) {
+        std::memset(block + info.dataSize, 0, 64);
+    }
+    if (isTupleFirst && (areaSize == 8 || areaSize == 64)) {
+        writeFreshTuple(tupleOf(block, info), block, info.dataSize, param);
+        return;
+    }
+    if (areaSize == 8) {
+        std::memset(block + info.dataSize, 0, 8);
+    }
+    insertTuple(tupleOf(block, info), block, info.dataSize, param);
+}
+
 } // namespace
 
 DIF_INSERT_TEXT void insertDifInOneBlock(const uint8_t *data, uint32_t dataSize, DifTuple *difPtr,
@@ -47,8 +74,7 @@ DIF_INSERT_TEXT void insertDifInBlocks(uint8_t *buf, uint32_t blockNum, const Di
     runForGeometry(*typeInfo, [=](const DifTypeInfo &info) DIF_INLINE {
         uint8_t *block = buf;
         for (uint32_t left = blockNum; left != 0; --left, block += info.blockSize) {
-            clearDifArea(block, info);
-            insertTuple(tupleOf(block, info), block, info.dataSize, *param);
+            insertBlock(block, info, *param);
             ++param->lba;
         }
     });

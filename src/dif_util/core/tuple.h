@@ -80,6 +80,13 @@ inline void setTupleValidLba(DifTuple *tuple, uint64_t lba) {
     setTupleLba(tuple, lba);
 }
 
+/* Writes all of a tuple, of `lba` the low 32 bits. */
+inline void setTuple(DifTuple *tuple, uint16_t guard, uint8_t version, uint8_t app, uint64_t lba) {
+    const uint32_t head = guard | uint32_t{version} << 16 | uint32_t{app} << 24;
+    std::memcpy(tuple, &head, sizeof head);
+    setTupleLba(tuple, lba);
+}
+
 inline bool hasBst(const DifTuple *tuple) {
     return (tupleApp(tuple) & DIF_APP_BST) != 0;
 }
