@@ -97,7 +97,6 @@ DIF_CHECK_HELPER uint32_t walkPlainBlocks(uint8_t *data, uint32_t blockNum, cons
     uint32_t ret = DIF_OK;
     for (uint32_t left = blockNum; left != 0; --left, data += info.blockSize) {
         DifTuple *const tuple = tupleOf(data, info);
-        __builtin_prefetch(tupleBytes(tuple) + info.blockSize);
         const uint32_t index = startBlock + blockNum - left;
         const uint32_t error = tryCheckDifIntegrity<true>({data, index}, info, tuple, progress, param);
         const bool allBlocks = (param.ctrlFlag & DIF_CHECK_ALL_BLOCKS) != 0;
@@ -126,7 +125,6 @@ DIF_CHECK_TEXT uint32_t checkAnyRun(uint8_t *data, uint32_t blockNum, const DifT
     for (uint32_t index = startBlock; index != startBlock + blockNum; ++index, data += info.blockSize) {
         const CheckedBlock block{data, index};
         DifTuple *const tuple = tupleOf(data, info);
-        __builtin_prefetch(tupleBytes(tuple) + info.blockSize);
         if ((param.ctrlFlag & DIF_CHECK_TRIM_ZERO) != 0) {
             trimBlock(data, info.dataSize, tuple);
         }
