@@ -3,6 +3,8 @@
 #include "platform/crc16_t10dif.h"
 #include "platform/osal.h"
 
+#include <benchmark/benchmark.h>
+
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -17,14 +19,14 @@ constexpr DifTypeInfo kLargeBlock{4160, 4096, 3, 4096};
 
 constexpr size_t kPageSize = 4096;
 
-// Page-aligned, so that every run of the program sees the same alignment of blocks to cache lines.
+/* Page-aligned, so that every run of the program sees the same alignment of blocks to cache lines. */
 uint8_t *sharedBuffer() {
     static std::vector<uint8_t> storage(kMaxDataBytes / 512 * 520 + kPageSize);
     const auto address = reinterpret_cast<uintptr_t>(storage.data());
     return storage.data() + (kPageSize - address % kPageSize);
 }
 
-} // namespace
+} /* namespace */
 
 Blocks::Blocks(uint32_t blockType, uint8_t crcVersion, size_t totalData)
     : type(blockType), version(crcVersion), dataBytes(totalData),
@@ -44,19 +46,35 @@ void Blocks::fill(Content content) const {
     }
 }
 
-uint32_t Blocks::runEngine() const {
+template <typename Behind>
+uint32_t Blocks::forEachCrc(Behind behind) const {
     uint32_t sum = 0;
     const uint8_t *end = block(count());
     if (version == DIF_VERSION_T10) {
-        for (const uint8_t *data = buf; data != end; data += shape.blockSize) {
+        for (uint8_t *data = buf; data != end; data += shape.blockSize) {
             sum ^= crc16_t10dif(0, data, shape.dataSize);
+            behind(data);
         }
     } else {
-        for (const uint8_t *data = buf; data != end; data += shape.blockSize) {
+        for (uint8_t *data = buf; data != end; data += shape.blockSize) {
             sum ^= osal_crc32c(data, shape.dataSize);
+            behind(data);
         }
     }
     return sum;
+}
+
+uint32_t Blocks::runEngine() const {
+    return forEachCrc([](const uint8_t *) {});
+}
+
+uint32_t Blocks::runStream() const {
+    return forEachCrc([this](uint8_t *data) {
+        uint64_t tuple;
+        std::memcpy(&tuple, data + shape.difOffset, sizeof tuple);
+        benchmark::DoNotOptimize(tuple);
+        std::memcpy(data + shape.difOffset, &tuple, sizeof tuple);
+    });
 }
 
 bool Blocks::areProtected() const {
@@ -84,4 +102,4 @@ bool Blocks::areProtected() const {
     return true;
 }
 
-} // namespace bench
+} /* namespace bench */

@@ -5,9 +5,9 @@
 namespace bench {
 namespace {
 
-constexpr size_t kEntriesPerNode = 64; // more than one node from small requests on, and nodes of over a kilobyte
+constexpr size_t kEntriesPerNode = 64; /* more than one node from small requests on, and nodes of over a kilobyte */
 
-} // namespace
+} /* namespace */
 
 Chain::Chain(const Blocks &blocks, size_t blocksPerEntry)
     : entryCount_((blocks.count() + blocksPerEntry - 1) / blocksPerEntry) {
@@ -32,4 +32,4 @@ Chain::Chain(const Blocks &blocks, size_t blocksPerEntry)
     }
 }
 
-} // namespace bench
+} /* namespace bench */

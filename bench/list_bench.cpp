@@ -13,10 +13,10 @@ namespace {
 uint8_t checkMid;
 uint8_t checkPoint;
 
-// Some of the blocks, in their own memory or through a list over it.
+/* Some of the blocks, in their own memory or through a list over it. */
 struct Request {
     const Blocks *blocks;
-    const Sgl *list; // null: the contiguous form
+    const Sgl *list; /* null: the contiguous form */
     uint32_t first;
     uint32_t sectors;
 
@@ -25,7 +25,7 @@ struct Request {
     uint64_t lba() const { return kFirstLba + first; }
 };
 
-// ---- Calls under measurement: each answers with its result code in the upper and its result word in the lower half ----
+/* ---- Calls under measurement: each answers with its result code in the upper and its result word in the lower half ---- */
 
 uint64_t insert(const Request &request) {
     DifOpParam param{request.blocks->type, DIF_INSERT_CRC | DIF_INSERT_LBA, request.lba(), nullptr};
@@ -107,11 +107,11 @@ uint64_t testEvictable(const Request &request) {
 struct ListOperation {
     const char *name;
     Content content;
-    bool isProtected; // the blocks have their tuples already
-    bool isForLarge;  // measured over 4160-byte blocks too
-    bool onlyLists;   // has no contiguous form; a list of one entry stands in for it
+    bool isProtected; /* the blocks have their tuples already */
+    bool isForLarge;  /* measured over 4160-byte blocks too */
+    bool onlyLists;   /* has no contiguous form; a list of one entry stands in for it */
     uint32_t
-        spoiled; // byte of a 520-byte block that the answer or the tuple depends on, if injection is not the operation
+        spoiled; /* byte of a 520-byte block that the answer or the tuple depends on, if injection is not the operation */
     uint64_t (*call)(const Request &);
 };
 
@@ -129,7 +129,7 @@ constexpr ListOperation kOperations[] = {
     {"list-evictable", Content::kRandom, true, false, false, kFlagByte, testEvictable},
 };
 
-// ---- Proof that both forms do the same work, and all of it --------------------------------------------------------------
+/* ---- Proof that both forms do the same work, and all of it -------------------------------------------------------------- */
 
 using DifAreas = std::vector<std::vector<uint8_t>>;
 
@@ -160,7 +160,7 @@ void makeReady(const ListOperation &operation, const Blocks &blocks) {
     }
 }
 
-// The effect on fresh blocks of which the request's last has bit 0 of one byte flipped, or not.
+/* The effect on fresh blocks of which the request's last has bit 0 of one byte flipped, or not. */
 Effect effectOf(const ListOperation &operation, const Request &request, uint8_t flip) {
     const Blocks &blocks = *request.blocks;
     makeReady(operation, blocks);
@@ -169,7 +169,7 @@ Effect effectOf(const ListOperation &operation, const Request &request, uint8_t 
     return {answer, difAreasOf(blocks)};
 }
 
-// Whether two requests have the same effect, which depends on the last block or changes its tuple.
+/* Whether two requests have the same effect, which depends on the last block or changes its tuple. */
 bool worksAlike(const ListOperation &operation, const Request &one, const Request &other) {
     makeReady(operation, *one.blocks);
     const DifAreas before = difAreasOf(*one.blocks);
@@ -180,7 +180,7 @@ bool worksAlike(const ListOperation &operation, const Request &one, const Reques
            (sound.answer != spoiled.answer || sound.difAreas[last] != before[last]);
 }
 
-// ---- Benchmarks ---------------------------------------------------------------------------------------------------------
+/* ---- Benchmarks --------------------------------------------------------------------------------------------------------- */
 
 struct NamedSize {
     const char *name;
@@ -189,7 +189,14 @@ struct NamedSize {
 constexpr NamedSize kRequests[] = {{"64KiB", size_t{64} << 10}, {"1MiB", size_t{1} << 20}};
 constexpr NamedSize kEntries[] = {{"4KiB", size_t{4} << 10}, {"64KiB", size_t{64} << 10}, {"1MiB", size_t{1} << 20}};
 
-constexpr size_t kLongChain = 10'000; // entries
+constexpr size_t kLongChain = 10'000; /* entries */
+
+constexpr const char *kBesideContiguous =
+    "Throughput over lists as a share of the contiguous form's, by the data in an entry (1.00: as fast),\n"
+    "and nanoseconds that a one-block entry adds; operation/block bytes/data of a call";
+constexpr const char *kBesideFirst =
+    "Speed at the last of 10000 entries as a share of that at the first, and nanoseconds that an entry adds which is\n"
+    "passed; operation/block bytes/entry";
 
 void registerOverEntries(const ListOperation &operation, const Blocks &blocks, const char *requestName,
                          const char *entryName, size_t blocksPerEntry) {
@@ -203,7 +210,7 @@ void registerOverEntries(const ListOperation &operation, const Blocks &blocks, c
             return;
         }
         runPaired(
-            state, "its contiguous form", blocks.dataBytes, [&] { return operation.call(contiguous); },
+            state, kBesideContiguous, blocks.dataBytes, [&] { return operation.call(contiguous); },
             [&] { return operation.call(list); });
         if (blocksPerEntry == 1) {
             state.counters["entry_ns"] = state.counters["excess_ns"] / static_cast<double>(chain.entryCount() - 1);
@@ -214,7 +221,7 @@ void registerOverEntries(const ListOperation &operation, const Blocks &blocks, c
     benchmark::RegisterBenchmark(name.c_str(), run)->UseManualTime();
 }
 
-// One block at the end of a long chain of one-block entries, beside the block at its start.
+/* One block at the end of a long chain of one-block entries, beside the block at its start. */
 void registerPositioning(const ListOperation &operation) {
     const Blocks blocks(DIF_DATA_520, DIF_VERSION_T10, kLongChain * 512);
     const auto run = [&operation, blocks](benchmark::State &state) {
@@ -227,13 +234,13 @@ void registerPositioning(const ListOperation &operation) {
             return;
         }
         runPaired(
-            state, "its first block", 512, [&] { return operation.call(first); }, [&] { return operation.call(last); });
+            state, kBesideFirst, 512, [&] { return operation.call(first); }, [&] { return operation.call(last); });
         state.counters["entry_ns"] = state.counters["excess_ns"] / (kLongChain - 1);
     };
     benchmark::RegisterBenchmark((std::string(operation.name) + "/520/1-block/10000th").c_str(), run)->UseManualTime();
 }
 
-} // namespace
+} /* namespace */
 
 void registerListBenchmarks(uint8_t mid, uint8_t subPid) {
     checkMid = mid;
@@ -259,4 +266,4 @@ void registerListBenchmarks(uint8_t mid, uint8_t subPid) {
     registerPositioning(kCheck);
 }
 
-} // namespace bench
+} /* namespace bench */

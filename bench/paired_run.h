@@ -1,4 +1,4 @@
-// Measures an operation against a yardstick on a machine whose speed wavers.
+/* Measures an operation against a yardstick on a machine whose speed wavers. */
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -10,7 +10,7 @@
 
 namespace bench {
 
-// Batches of about this length are long against the clock's cost and short against a time slice.
+/* Batches of about this length are long against the clock's cost and short against a time slice. */
 inline constexpr double kBatchSeconds = 20e-6;
 
 inline double quantile(std::vector<double> &values, double fraction) {
@@ -43,10 +43,10 @@ size_t callsInBatch(Call &&call) {
  * is an outlier that the median drops. A busy neighbour of the core slows the two by different factors, though: repeat
  * the benchmark and believe the fastest repetition. Counters: "ratio" (the median; above 1 the operation is the faster
  * one), its quartiles "low" and "high", the median throughputs "bytes" and "yardstick_bytes" a second, and "excess_ns",
- * the median of what a call takes longer than the yardstick. The label is the yardstick's name.
+ * the median of what a call takes longer than the yardstick. The label is the heading of the table that shows the run.
  */
 template <class Yardstick, class Operation>
-void runPaired(benchmark::State &state, const char *yardstickName, size_t bytesPerCall, Yardstick &&yardstick,
+void runPaired(benchmark::State &state, const char *heading, size_t bytesPerCall, Yardstick &&yardstick,
                Operation &&operation) {
     const size_t calls = callsInBatch(yardstick);
     std::vector<double> ratios;
@@ -74,7 +74,7 @@ void runPaired(benchmark::State &state, const char *yardstickName, size_t bytesP
     state.counters["bytes"] = batchBytes / quantile(times, 0.5);
     state.counters["yardstick_bytes"] = batchBytes / quantile(yardstickTimes, 0.5);
     state.counters["excess_ns"] = quantile(excesses, 0.5) / static_cast<double>(calls) * 1e9;
-    state.SetLabel(yardstickName);
+    state.SetLabel(heading);
 }
 
-} // namespace bench
+} /* namespace bench */

@@ -16,39 +16,55 @@ void addOnce(Names &names, const std::string &name) {
     }
 }
 
-// The ratios to one yardstick. The last column is of its own kind: what an entry of a list costs, where measured.
+constexpr const char *kEntryCost = "ns/entry";
+
+/*
+ * What was measured beside one yardstick: a row an operation, a column a size. The last column, where there is one, is of
+ * its own kind: what an entry of a list costs.
+ */
 struct Table {
     Names rows;
     Names columns;
-    std::map<std::pair<std::string, std::string>, double> ratios;
-    std::map<std::string, double> entryCosts; // by row, in nanoseconds
+    std::map<std::pair<std::string, std::string>, double> cells;
 
-    void print() const {
-        std::printf("%-32s", "");
-        for (const std::string &column : columns) {
-            std::printf(" %9s", column.c_str());
-        }
-        std::printf(entryCosts.empty() ? "\n" : " %9s\n", "ns/entry");
+    void add(const std::string &row, const std::string &column, double value) {
+        addOnce(rows, row);
+        addOnce(columns, column);
+        cells[{row, column}] = value;
+    }
+
+    void print() {
+        std::stable_partition(columns.begin(), columns.end(), [](const std::string &c) { return c != kEntryCost; });
+        size_t width = 0;
         for (const std::string &row : rows) {
-            std::printf("%-32s", row.c_str());
-            for (const std::string &column : columns) {
-                const auto cell = ratios.find({row, column});
-                if (cell == ratios.end()) {
-                    std::printf(" %9s", "-");
-                } else {
-                    std::printf(" %9.3g", cell->second);
-                }
-            }
-            const auto cost = entryCosts.find(row);
-            if (cost != entryCosts.end()) {
-                std::printf(" %9.2f", cost->second);
-            }
-            std::printf("\n");
+            width = std::max(width, row.size());
         }
+        printLine(width, "", [](const std::string &column) { return column; });
+        for (const std::string &row : rows) {
+            printLine(width, row, [&](const std::string &column) -> std::string {
+                const auto cell = cells.find({row, column});
+                if (cell == cells.end()) {
+                    return "-";
+                }
+                char text[32];
+                std::snprintf(text, sizeof text, "%.2f", cell->second);
+                return text;
+            });
+        }
+    }
+
+private:
+    template <typename TextOf>
+    void printLine(size_t width, const std::string &row, TextOf textOf) const {
+        std::printf("%-*s", static_cast<int>(width), row.c_str());
+        for (const std::string &column : columns) {
+            std::printf(" %9s", textOf(column).c_str());
+        }
+        std::printf("\n");
     }
 };
 
-} // namespace
+} /* namespace */
 
 bool RatioReporter::ReportContext(const Context &context) {
     const auto &cpu = context.cpu_info;
@@ -57,7 +73,7 @@ bool RatioReporter::ReportContext(const Context &context) {
     return true;
 }
 
-// Called with all repetitions of one benchmark, and once more with their aggregates.
+/* Called with all repetitions of one benchmark, and once more with their aggregates. */
 void RatioReporter::ReportRuns(const std::vector<Run> &runs) {
     for (const Run &run : runs) {
         if (run.error_occurred) {
@@ -75,35 +91,25 @@ void RatioReporter::ReportRuns(const std::vector<Run> &runs) {
 void RatioReporter::Finalize() {
     Names yardsticks;
     std::map<std::string, Table> tables;
-
-    std::printf("%-40s %12s %12s %8s  %s\n", "benchmark", "GB/s", "beside GB/s", "ratio", "quartiles (pairs)");
     for (const auto &[place, run] : fastest_) {
         const std::string name = run.run_name.function_name;
-        if (run.counters.count("ratio") == 0) {
-            std::printf("%-40s %12.1f ns a call\n", name.c_str(), run.GetAdjustedRealTime());
-            continue;
-        }
-        const double ratio = run.counters.at("ratio");
-        std::printf("%-40s %12.2f %12.2f %8.3g  %.3g to %.3g (%lld)\n", name.c_str(), run.counters.at("bytes") / 1e9,
-                    run.counters.at("yardstick_bytes") / 1e9, ratio, run.counters.at("low").value,
-                    run.counters.at("high").value, static_cast<long long>(run.iterations));
         const size_t slash = name.rfind('/');
         const std::string row = name.substr(0, slash);
-        const std::string column = name.substr(slash + 1);
-        addOnce(yardsticks, run.report_label);
-        Table &table = tables[run.report_label];
-        addOnce(table.rows, row);
-        addOnce(table.columns, column);
-        table.ratios[{row, column}] = ratio;
+        const std::string yardstick = run.report_label;
+        addOnce(yardsticks, yardstick);
+        if (run.counters.count("ratio") == 0) {
+            tables[yardstick].add(row, name.substr(slash + 1), run.GetAdjustedRealTime());
+            continue;
+        }
+        tables[yardstick].add(row, name.substr(slash + 1), run.counters.at("ratio"));
         if (run.counters.count("entry_ns") != 0) {
-            table.entryCosts[row] = run.counters.at("entry_ns");
+            tables[yardstick].add(row, kEntryCost, run.counters.at("entry_ns"));
         }
     }
     for (const std::string &yardstick : yardsticks) {
-        std::printf("\nThroughput of the operation / throughput of %s over the same blocks (1 = as fast)\n",
-                    yardstick.c_str());
+        std::printf("\n%s\n\n", yardstick.c_str());
         tables[yardstick].print();
     }
 }
 
-} // namespace bench
+} /* namespace bench */

@@ -1,4 +1,4 @@
-// One line a benchmark, of the fastest of its repetitions, and a closing table of the ratios to each yardstick.
+/* A table for each yardstick, of the fastest repetition of each benchmark. */
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -8,8 +8,10 @@
 
 namespace bench {
 
-// Expects names of the form ROW/COLUMN, where ROW may hold further slashes, and the results of paired runs. A counter
-// "entry_ns" is shown at the end of its row.
+/*
+ * Expects names of the form ROW/COLUMN, where ROW may hold further slashes, and as label what heads the table. Shows the
+ * ratio of a paired run, else the time of a call; a counter "entry_ns" comes at the end of its row.
+ */
 class RatioReporter : public benchmark::BenchmarkReporter {
 public:
     bool ReportContext(const Context &context) override;
@@ -19,8 +21,8 @@ public:
     bool failed() const { return failed_; }
 
 private:
-    std::map<int64_t, Run> fastest_; // by place in the order of registration, whatever the order of running
+    std::map<int64_t, Run> fastest_; /* by place in the order of registration, whatever the order of running */
     bool failed_ = false;
 };
 
-} // namespace bench
+} /* namespace bench */
