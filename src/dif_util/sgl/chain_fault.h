@@ -17,10 +17,18 @@ enum ChainFault : uint8_t {
     kChainFaultNum
 };
 
-/* The assertions of one operation, by fault. */
+/* The assertions of one operation, by fault; a line each, which tells them apart in the log. */
 struct ChainAssertions {
-    AssertionSite of[kChainFaultNum] = {{"0", "0", __LINE__}, {"0", "0", __LINE__}, {"0", "0", __LINE__},
-                                        {"0", "0", __LINE__}, {"0", "0", __LINE__}, {"0", "0", __LINE__}};
+    // clang-format off
+    AssertionSite of[kChainFaultNum] = {
+        {"0", "0", __LINE__},
+        {"0", "0", __LINE__},
+        {"0", "0", __LINE__},
+        {"0", "0", __LINE__},
+        {"0", "0", __LINE__},
+        {"0", "0", __LINE__},
+    };
+    // clang-format on
 };
 
 /* How an operation meets faults. */
