@@ -104,7 +104,7 @@ DIF_CHECK_HELPER uint32_t walkPlainBlocks(uint8_t *data, uint32_t blockNum, cons
             recordFailedBlock(param, index, info.sectorShift, error);
             ret = DIF_ERR_CHECK;
             if (!allBlocks) {
-                progress.integrityDone = true;
+                progress.integrityDone = 1;
                 break;
             }
         } else if (allBlocks) {
@@ -119,8 +119,8 @@ DIF_CHECK_HELPER uint32_t walkPlainBlocks(uint8_t *data, uint32_t blockNum, cons
 
 DIF_CHECK_TEXT uint32_t checkAnyRun(uint8_t *data, uint32_t blockNum, const DifTypeInfo &info, DifCheckParam &param,
                                     uint32_t startBlock, CheckProgress &progress) {
-    bool &settled = progress.resultSettled;
-    bool &done = progress.integrityDone;
+    uint8_t &settled = progress.resultSettled;
+    uint8_t &done = progress.integrityDone;
     uint32_t ret = DIF_OK;
     for (uint32_t index = startBlock; index != startBlock + blockNum; ++index, data += info.blockSize) {
         const CheckedBlock block{data, index};
@@ -128,21 +128,21 @@ DIF_CHECK_TEXT uint32_t checkAnyRun(uint8_t *data, uint32_t blockNum, const DifT
         if ((param.ctrlFlag & DIF_CHECK_TRIM_ZERO) != 0) {
             trimBlock(data, info.dataSize, tuple);
         }
-        if (!settled) {
+        if (settled == 0) {
             tryCheckDifAppAndSetResult(block, info, param, settled);
         }
-        if (!done) {
+        if (done == 0) {
             const uint32_t error = tryCheckDifIntegrity<false>(block, info, tuple, progress, param);
             const bool allBlocks = (param.ctrlFlag & DIF_CHECK_ALL_BLOCKS) != 0;
             if (error != 0) [[unlikely]] {
                 recordFailedBlock(param, index, info.sectorShift, error);
                 ret = DIF_ERR_CHECK;
-                done = !allBlocks;
+                done = allBlocks ? 0 : 1;
             } else if (allBlocks) {
                 *param.checkResult &= ~DIF_RESULT_NONE_PASSED;
             }
         }
-        if (done && settled) {
+        if (done != 0 && settled != 0) {
             break;
         }
         ++param.lba;
@@ -160,8 +160,8 @@ DIF_CHECK_TEXT uint32_t checkPlainRun(uint8_t *data, uint32_t blockNum, const Di
 DIF_CHECK_TEXT void initDifCheckResults(DifCheckParam *param, uint8_t *resultSettled, uint8_t *integrityDone) {
     CheckProgress progress;
     startCheck(*param, progress);
-    *resultSettled = progress.resultSettled ? 1 : 0;
-    *integrityDone = progress.integrityDone ? 1 : 0;
+    *resultSettled = progress.resultSettled;
+    *integrityDone = progress.integrityDone;
 }
 
 // NOLINTNEXTLINE(readability-non-const-parameter): the trim and the conversion write into the tuples of `data`
@@ -172,11 +172,11 @@ DIF_CHECK_TEXT uint32_t checkDifInBlocks(uint8_t *data, uint32_t blockNum, const
         return DIF_OK;
     }
     CheckProgress progress;
-    progress.resultSettled = *resultSettled != 0;
-    progress.integrityDone = *integrityDone != 0;
+    progress.resultSettled = *resultSettled;
+    progress.integrityDone = *integrityDone != 0 ? 1 : 0;
     askLevels(*param, progress);
     const uint32_t ret = checkRun(data, blockNum, *typeInfo, *param, startBlock, progress);
-    *resultSettled = progress.resultSettled ? 1 : 0;
-    *integrityDone = progress.integrityDone ? 1 : 0;
+    *resultSettled = progress.resultSettled;
+    *integrityDone = progress.integrityDone;
     return ret;
 }

@@ -17,10 +17,10 @@ struct CheckProgress {
     const std::atomic<uint8_t> *moduleLevel;
     uint16_t lbaLevel; /* kNever if the check is not asked for */
     uint16_t crcLevel;
-    bool resultSettled; /* the report step has nothing left to learn */
-    bool integrityDone; /* the integrity step has nothing left to do */
-    bool levelsAssert;  /* an argument is out of range: isVerifyPointOn has to be asked */
-    uint32_t ownResult; /* the result word of a call whose caller has none */
+    uint8_t resultSettled; /* 1: the report step has nothing left to learn */
+    uint8_t integrityDone; /* 1: the integrity step has nothing left to do */
+    bool levelsAssert;     /* an argument is out of range: isVerifyPointOn has to be asked */
+    uint32_t ownResult;    /* the result word of a call whose caller has none */
 
     static constexpr uint16_t kNever = UINT8_MAX + 1;
 };
@@ -57,11 +57,12 @@ DIF_CHECK_HELPER void startCheck(DifCheckParam &param, CheckProgress &progress) 
     }
     *param.checkResult = ((flags & DIF_CHECK_ALL_LBA_VALID) != 0 ? DIF_RESULT_ALL_LBA_VALID : 0) |
                          ((flags & DIF_CHECK_ZERO_DATA) != 0 ? DIF_RESULT_ALL_ZERO : 0);
-    progress.resultSettled = (flags & DIF_CHECK_REPORT_MASK) == 0;
+    progress.resultSettled = (flags & DIF_CHECK_REPORT_MASK) == 0 ? 1 : 0;
     askLevels(param, progress);
-    progress.integrityDone = !isOn<false>(progress, param, progress.lbaLevel) &&
-                             !isOn<false>(progress, param, progress.crcLevel) && (flags & DIF_CHECK_CONVERT_T10) == 0;
-    if (!progress.integrityDone && (flags & DIF_CHECK_ALL_BLOCKS) != 0) {
+    const bool integrityOn = isOn<false>(progress, param, progress.lbaLevel) ||
+                             isOn<false>(progress, param, progress.crcLevel) || (flags & DIF_CHECK_CONVERT_T10) != 0;
+    progress.integrityDone = integrityOn ? 0 : 1;
+    if (integrityOn && (flags & DIF_CHECK_ALL_BLOCKS) != 0) {
         *param.checkResult |= DIF_RESULT_NONE_PASSED;
     }
 }
@@ -75,7 +76,7 @@ uint32_t checkPlainRun(uint8_t *data, uint32_t blockNum, const DifTypeInfo &info
 
 DIF_CHECK_HELPER uint32_t checkRun(uint8_t *data, uint32_t blockNum, const DifTypeInfo &info, DifCheckParam &param,
                                    uint32_t startBlock, CheckProgress &progress) {
-    const bool isPlain = progress.resultSettled && !progress.integrityDone && !progress.levelsAssert &&
+    const bool isPlain = progress.resultSettled != 0 && progress.integrityDone == 0 && !progress.levelsAssert &&
                          (param.ctrlFlag & (DIF_CHECK_TRIM_ZERO | DIF_CHECK_CONVERT_T10)) == 0;
     return isPlain ? checkPlainRun(data, blockNum, info, param, startBlock, progress)
                    : checkAnyRun(data, blockNum, info, param, startBlock, progress);

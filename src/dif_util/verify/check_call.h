@@ -25,7 +25,7 @@ public:
             param.checkResult = &progress.ownResult;
         }
         startCheck(param, progress);
-        integrityOn_ = !progress.integrityDone;
+        integrityOn_ = progress.integrityDone == 0;
     }
 
     /* Checks a run of blocks, the first of which has index `startBlock` in the range; runs come in order. */
@@ -35,7 +35,7 @@ public:
     }
 
     /* Whether the rest of the range has nothing left to tell. */
-    [[gnu::always_inline]] bool isDone() const { return progress_.resultSettled && progress_.integrityDone; }
+    [[gnu::always_inline]] bool isDone() const { return progress_.resultSettled != 0 && progress_.integrityDone != 0; }
 
     /* Counts what was found. Returns the result of the call. */
     [[gnu::always_inline]] uint32_t finish() const {

@@ -70,7 +70,7 @@ DIF_CHECK_TEXT void checkDifVerZero(uint32_t ctrlFlag, const DifTuple *difPtr, u
 }
 
 DIF_CHECK_TEXT void tryCheckDifAppAndSetResult(CheckedBlock block, const DifTypeInfo &info, const DifCheckParam &param,
-                                               bool &resultSettled) {
+                                               uint8_t &resultSettled) {
     const DifTuple *const tuple = block.tuple(info);
     const uint32_t asked = param.ctrlFlag;
     uint32_t &result = *param.checkResult;
@@ -97,5 +97,5 @@ DIF_CHECK_TEXT void tryCheckDifAppAndSetResult(CheckedBlock block, const DifType
     if ((asked & DIF_CHECK_ZERO_DATA) != 0 && !isZeroDataBlock(block, info)) {
         result &= ~DIF_RESULT_ALL_ZERO;
     }
-    resultSettled = isSettled(asked, result);
+    resultSettled = isSettled(asked, result) ? 1 : 0;
 }

@@ -5,4 +5,4 @@
 
 /* Takes one block into the result word, and tells by `resultSettled` whether there is anything left to learn. */
 void tryCheckDifAppAndSetResult(CheckedBlock block, const DifTypeInfo &info, const DifCheckParam &param,
-                                bool &resultSettled);
+                                uint8_t &resultSettled);
