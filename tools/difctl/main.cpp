@@ -1,9 +1,9 @@
 /* difctl: disk images whose blocks carry an integrity field. The process, and the one place where errors end. */
-#include "command_line.h"
-#include "commands.h"
-#include "interrupt.h"
-#include "library.h"
-#include "progress.h"
+#include "commands/command_line.h"
+#include "commands/commands.h"
+#include "io/interrupt.h"
+#include "io/progress.h"
+#include "pass/library.h"
 
 #include <csignal>
 

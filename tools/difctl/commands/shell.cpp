@@ -1,0 +1,109 @@
+/* A shell for the operator commands: at a terminal with line editing, history and completion, else line by line. */
+#include "commands/commands.h"
+#include "commands/selftest.h"
+
+#include "dif/dif.h"
+#include "dif_host.h"
+
+#include <algorithm>
+#include <cstring>
+#include <iostream>
+#include <memory>
+#include <span>
+#include <string_view>
+#include <vector>
+
+#include <unistd.h>
+
+#include <editline/readline.h>
+
+namespace difctl {
+
+namespace {
+
+constexpr const char *kPrompt = "dif> ";
+
+/* The words that complete the line; completion knows no context but this. */
+int registry = DIF_HOST_DIAGNOSE;
+std::vector<std::string> matches;
+
+void addMatch(std::string_view prefix, const char *word) {
+    if (std::string_view(word).starts_with(prefix)) {
+        matches.emplace_back(word);
+    }
+}
+
+/* The first word is a command; behind "help" stands one, behind "dif" a sub-command. */
+void findMatches(std::string_view before, std::string_view prefix) {
+    matches.clear();
+    const size_t last = before.find_last_not_of(' ');
+    const std::string_view words = last == std::string_view::npos ? std::string_view() : before.substr(0, last + 1);
+    if (words.empty() || words == "help") {
+        difHostForEachCommand(
+            registry,
+            [](void *context, const char *name, const char *) {
+                addMatch(*static_cast<std::string_view *>(context), name);
+            },
+            &prefix);
+    } else if (words == "dif") {
+        const std::span<const DifCmdEntry> entries = registry == DIF_HOST_CLI
+                                                         ? std::span<const DifCmdEntry>(g_difArrayForCli)
+                                                         : std::span<const DifCmdEntry>(g_difArray);
+        for (const DifCmdEntry &entry : entries) {
+            addMatch(prefix, entry.name);
+        }
+    }
+}
+
+char *nextMatch(const char * /*prefix*/, int index) {
+    return static_cast<size_t>(index) < matches.size() ? ::strdup(matches[static_cast<size_t>(index)].c_str())
+                                                       : nullptr;
+}
+
+char **complete(const char *prefix, int start, int /*end*/) {
+    rl_attempted_completion_over = 1; /* no file names */
+    findMatches(std::string_view(rl_line_buffer).substr(0, static_cast<size_t>(start)), prefix);
+    return rl_completion_matches(prefix, nextMatch);
+}
+
+/* The next line to run; false at the end. */
+bool readTerminalLine(std::string &line) {
+    const std::unique_ptr<char, decltype(&std::free)> typed(::readline(kPrompt), &std::free);
+    if (typed == nullptr) {
+        std::cout << std::endl;
+        return false;
+    }
+    line = typed.get();
+    if (line.find_first_not_of(' ') != std::string::npos) {
+        ::add_history(line.c_str());
+    }
+    return true;
+}
+
+bool readScriptLine(std::string &line) {
+    return static_cast<bool>(std::getline(std::cin, line));
+}
+
+} // namespace
+
+int runShell(const ShellOptions &options) {
+    registry = options.cli ? DIF_HOST_CLI : DIF_HOST_DIAGNOSE;
+    registerSelftest();
+    const bool atTerminal = ::isatty(STDIN_FILENO) == 1;
+    if (atTerminal) {
+        ::using_history();
+        rl_attempted_completion_function = complete;
+    }
+    bool allDone = true;
+    std::string line;
+    while (atTerminal ? readTerminalLine(line) : readScriptLine(line)) {
+        if (line == "exit" || line == "quit") {
+            break;
+        }
+        const int status = difHostRunCommand(registry, line.c_str(), nullptr, nullptr);
+        allDone = allDone && status == 0;
+    }
+    return allDone || atTerminal ? kAllWell : kNotDone;
+}
+
+} // namespace difctl

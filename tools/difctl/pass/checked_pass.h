@@ -1,0 +1,41 @@
+/* Passes over protected images that say on standard error which blocks fail. */
+#ifndef DIFCTL_CHECKED_PASS_H
+#define DIFCTL_CHECKED_PASS_H
+
+#include "io/image_io.h"
+#include "pass/block_range.h"
+#include "pass/report.h"
+#include "pass/request.h"
+
+#include <functional>
+#include <string>
+
+namespace difctl {
+
+struct CheckedPass {
+    const BlockFormat &format;
+    bool allBlocks; /* go on after the first fault */
+    /* Runs on any thread; leaves a request's faults in it. */
+    std::function<void(Request &)> process;
+    /* Runs on the caller's thread in the image's order, with the findings up to this request. */
+    std::function<void(Request &, const Findings &)> consume;
+    BlockRange blocks = {};
+};
+
+Findings runCheckedPass(Source &source, const CheckedPass &pass);
+
+/* A destination for what is read and checked: complete, or nothing if a block fails. */
+struct CheckedCopy {
+    const BlockFormat &format;
+    bool allBlocks;
+    std::function<void(Request &)> process;
+    /* Which of a request's bytes are written. */
+    Pieces (Request::*layout)(uint32_t blocks) const;
+};
+
+/* Returns the command's exit status. */
+int runCheckedCopy(Source &source, Destination &destination, const CheckedCopy &copy);
+
+} // namespace difctl
+
+#endif

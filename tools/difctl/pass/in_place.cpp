@@ -1,0 +1,59 @@
+#include "pass/in_place.h"
+
+#include "io/error.h"
+#include "io/interrupt.h"
+#include "io/progress.h"
+#include "pass/checked_pass.h"
+
+namespace difctl {
+
+InPlaceImage::InPlaceImage(const InPlaceOptions &options)
+    : options_(options), format_(formatOf(options.blockSize)), file_(options.image),
+      blockNum_(Source(options.image, format_.geometry.blockSize).unitNum()) {
+    holdingInterrupts([this](Unfinished &unfinished) { unfinished.note = note_; });
+}
+
+InPlaceImage::~InPlaceImage() {
+    holdingInterrupts([](Unfinished &unfinished) { unfinished = {}; });
+}
+
+bool InPlaceImage::accept() const {
+    if (options_.force) {
+        return true;
+    }
+    const CheckOptions check = checkOptionsOf(options_);
+    Source source(options_.image, format_.geometry.blockSize);
+    const auto process = [&](Request &request) { checkRequest(request, check); };
+    const Findings findings =
+        runCheckedPass(source, {format_, options_.all, process, [](Request &, const Findings &) {}});
+    if (findings.failed() != 0) {
+        printMessage(name() + ": " + totalsText(findings) +
+                     "; nothing is changed, --force goes ahead without this check");
+    }
+    return findings.failed() == 0;
+}
+
+Findings InPlaceImage::change(const std::function<void(Request &)> &change, const BlockRange &blocks) {
+    try {
+        Source source(options_.image, format_.geometry.blockSize);
+        const auto consume = [this](Request &request, const Findings & /*findings*/) { writeBack(request); };
+        const Findings findings = runCheckedPass(source, {format_, true, change, consume, blocks});
+        file_.sync();
+        return findings;
+    } catch (const Error &error) {
+        throw Error(error.what() + note_);
+    }
+}
+
+void InPlaceImage::writeBack(const Request &request) {
+    holdingInterrupts([&](Unfinished &unfinished) {
+        if (request.changed) {
+            file_.write(request.firstBlock * format_.geometry.blockSize, request.wholeBlocks(request.blockNum));
+        }
+        note_ = "; the blocks before block " + std::to_string(request.firstBlock + request.blockNum) + " of " +
+                std::to_string(blockNum_) + " are done";
+        unfinished.note = note_;
+    });
+}
+
+} // namespace difctl

@@ -1,0 +1,92 @@
+/*
+ * A request: a run of consecutive blocks of an image in memory. Everything that is done to blocks through the library
+ * is done here, one list a request; calls on different requests may run at once.
+ */
+#ifndef DIFCTL_REQUEST_H
+#define DIFCTL_REQUEST_H
+
+#include "io/image_io.h"
+#include "pass/block_format.h"
+#include "pass/block_range.h"
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+namespace difctl {
+
+enum class FaultKind { kGuard, kLba, kVersion };
+inline constexpr size_t kFaultKindNum = 3;
+
+struct Fault {
+    uint64_t block; /* index in the image */
+    uint64_t lba;   /* the LBA expected there */
+    FaultKind kind;
+    std::array<uint8_t, sizeof(DifTuple)> tuple; /* as found */
+};
+
+/* How much data a request holds: enough to make per-request costs vanish, little enough for many to be in memory. */
+inline constexpr uint32_t kRequestDataBytes = 1024 * 1024;
+
+struct Request {
+    const BlockFormat *format = nullptr;
+    uint8_t *buf = nullptr; /* room for kRequestDataBytes of data with their fields */
+    uint64_t firstBlock = 0;
+    uint32_t blockNum = 0;
+
+    std::vector<Fault> faults; /* written by the checks, as is the result word */
+    uint32_t checkResult = 0;
+    bool changed = false; /* written by what changes tuples: whether it may have */
+
+    uint32_t sectorNum() const { return blockNum << format->geometry.sectorShift; }
+    uint8_t *block(uint32_t index) const { return buf + size_t{index} * format->geometry.blockSize; }
+    uint8_t *tuple(uint32_t index) const { return block(index) + format->geometry.difOffset; }
+
+    /* Of the first `blocks` blocks: all bytes, or the data without the fields. */
+    Pieces wholeBlocks(uint32_t blocks) const;
+    Pieces dataOnly(uint32_t blocks) const;
+};
+
+/* Writes tuples into the blocks, as DIF_INSERT_* says. `imageLba` is the LBA of the image's first block. */
+void protectRequest(Request &request, uint32_t insertFlags, uint64_t imageLba);
+
+struct CheckOptions {
+    uint64_t imageLba = 0;
+    bool compareLbas = true;
+    bool allBlocks = false; /* name every failed block, not only the first one of a request */
+    bool report = false;
+    bool convertToT10 = false;              /* rewrite passing tuples with the guard crc32c */
+    std::optional<uint8_t> requiredVersion; /* a tuple of another version is a version fault */
+};
+
+/* Checks the blocks at the tool's verify point. */
+void checkRequest(Request &request, const CheckOptions &options);
+
+/* Checks the blocks as plain T10 protection information, without version and flags. Of the options, `imageLba`,
+ * `compareLbas` and `allBlocks` count. */
+void checkStandardRequest(Request &request, const CheckOptions &options);
+
+/* Writes the faults of `faults` into the blocks; its LBA is that of the image's block `firstBlock`. */
+void injectRequest(Request &request, const DifInjectParam &faults, uint64_t firstBlock);
+
+struct ReplaceOptions {
+    uint32_t flags = 0; /* DIF_REPLACE_* */
+    uint64_t imageLba = 0;
+    std::optional<BlockSet> blocks; /* none: all */
+};
+
+/* Rewrites fields of the blocks' tuples. */
+void replaceRequest(Request &request, const ReplaceOptions &options);
+
+/* How many 520-byte blocks one of 4160 bytes is made of, in as many bytes. */
+inline constexpr uint32_t kFoldedBlocks = 8;
+static_assert(kFoldedBlocks * kFormat520.geometry.blockSize == kFormat4160.geometry.blockSize);
+
+/* Turns each kFoldedBlocks blocks of 520 bytes into one of 4160 bytes in the same place. These carry no LBAs unless
+ * `imageLba` is that of the image's first one. */
+void foldRequest(Request &request, std::optional<uint64_t> imageLba);
+
+} // namespace difctl
+
+#endif
