@@ -1,6 +1,6 @@
-/* difctl: disk images whose blocks carry an integrity field. The process, and the one place where errors end. */
-#include "commands/command_line.h"
-#include "commands/commands.h"
+/* difctl: disk images whose blocks carry an integrity field. The process, its commands, and where errors end. */
+#include "commands/options.h"
+#include "io/error.h"
 #include "io/interrupt.h"
 #include "io/progress.h"
 #include "pass/library.h"
@@ -22,15 +22,42 @@ void occupyStandardStreams() {
     }
 }
 
+/* In the order in which --help lists them. */
+constexpr auto kCommands = {addProtect, addVerify, addStrip, addShow,   addInject,  addRelabel,
+                            addConvert, addFold,   addShell, addAttach, addSelftest};
+
 int run(int argc, char **argv) {
-    const CommandLine line = parseCommandLine(argc, argv);
-    if (!line.command) {
-        return line.status;
+    Command command;
+    bool verbose = false;
+    CLI::App app("Disk images whose blocks carry an 8-byte integrity field: a guard, a version, an LBA.", "difctl");
+    app.set_version_flag("--version", "difctl " DIFCTL_VERSION, "Print the version and exit");
+    app.failure_message([](const CLI::App *, const CLI::Error &error) {
+        return std::string("difctl: ") + error.what() + "; --help tells more\n";
+    });
+    app.add_flag("-v,--verbose", verbose, "Show the library's warnings and notices, not only its errors");
+    app.footer(std::string(kExitStatusText) + R"(
+Examples:
+  difctl protect disk.raw disk.dif
+  difctl verify disk.dif
+  difctl strip disk.dif disk.raw
+  difctl protect --help
+)");
+    for (const auto addTo : kCommands) {
+        addTo(app, command);
+    }
+    try {
+        app.parse(argc, argv);
+        if (!command) {
+            throw CLI::RequiredError("a command: protect, verify, strip, show, inject, relabel, convert, fold, "
+                                     "shell, attach or selftest");
+        }
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? kAllWell : kNotDone;
     }
     /* The library's messages would cut through a bar. */
-    allowProgress(!line.verbose);
-    const Library library(line.verbose);
-    return line.command();
+    allowProgress(!verbose);
+    const Library library(verbose);
+    return command();
 }
 
 } // namespace

@@ -1,15 +1,18 @@
-#include "commands/commands.h"
+#include "commands/options.h"
+#include "io/error.h"
 #include "io/progress.h"
 #include "pass/in_place.h"
 
 namespace difctl {
 
+namespace {
+
 int runConvert(const InPlaceOptions &options) {
-    CheckOptions check = checkOptionsOf(options);
+    CheckOptions check = options.check;
     check.allBlocks = true;
     check.convertToT10 = true;
-    InPlaceImage image(options);
-    if (!image.accept()) {
+    InPlaceImage image(options.image, formatOf(options.blockSize));
+    if (!options.force && !image.passes(options.check)) {
         return kFaultsFound;
     }
     const Findings findings = image.change([&](Request &request) { checkRequest(request, check); });
@@ -18,6 +21,23 @@ int runConvert(const InPlaceOptions &options) {
         return kFaultsFound;
     }
     return kAllWell;
+}
+
+} // namespace
+
+void addConvert(CLI::App &app, Command &chosen) {
+    const auto [command, options] = addCommand(
+        app, chosen, "convert", "Make blocks with the guard crc32c blocks with the guard t10, in place", runConvert);
+    addInPlaceImage(command, options, "--lba,--first-lba");
+    command.footer(
+        std::string("Every block is checked; one with the guard crc32c that passes gets version and guard t10. "
+                    "With --force,\nblocks that fail are named and left as they are, and the others are "
+                    "converted.\n") +
+        kInPlaceText + kExitStatusText + R"(
+Examples:
+  difctl convert disk.dif
+  difctl convert --block 4160 --first-lba 2048 part.dif
+)");
 }
 
 } // namespace difctl

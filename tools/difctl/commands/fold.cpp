@@ -1,11 +1,19 @@
-#include "commands/commands.h"
+#include "commands/options.h"
 #include "io/error.h"
 #include "pass/checked_pass.h"
 
 namespace difctl {
 
+namespace {
+
+struct FoldOptions : ImageOptions {
+    std::string destination;
+    std::string crc = "t10";
+    std::optional<uint64_t> newLba;
+    bool force = false;
+};
+
 int runFold(const FoldOptions &options) {
-    const CheckOptions check = checkOptionsOf(options);
     setSysDifCrcVersion(versionOfCrcName(options.crc));
     Source source(options.image, kFormat520.geometry.blockSize);
     const auto requireGroups = [&source](uint64_t blockNum) {
@@ -21,12 +29,35 @@ int runFold(const FoldOptions &options) {
     Destination destination(options.destination, options.force);
     const auto process = [&](Request &request) {
         requireGroups(request.blockNum); /* all but the last are full */
-        checkRequest(request, check);
+        checkRequest(request, options.check);
         if (request.faults.empty()) {
             foldRequest(request, options.newLba);
         }
     };
-    return runCheckedCopy(source, destination, {kFormat520, options.all, process, &Request::wholeBlocks});
+    return runCheckedCopy(source, destination, {kFormat520, options.check.allBlocks, process, &Request::wholeBlocks});
+}
+
+} // namespace
+
+void addFold(CLI::App &app, Command &chosen) {
+    const auto [command, options] = addCommand(
+        app, chosen, "fold", "Verify an image of 520-byte blocks and write it out in blocks of 4160 bytes", runFold);
+    command.add_option("SRC", options.image, "Image of 520-byte blocks, a multiple of 8; - is standard input")
+        ->required();
+    addNumber(command, "--first-lba", options.check.imageLba, "LBA of SRC's first block")->capture_default_str();
+    addCheck(command, options.check);
+    addDestination(command, options.destination, options.force, "Image of 4160-byte blocks to write");
+    addCrc(command, options.crc, "Guard of the 4160-byte blocks")->capture_default_str();
+    addNumber(command, "--lba", options.newLba, "LBA of DST's first block; by default DST's blocks carry no LBAs");
+    command.footer(
+        std::string("Every 8 blocks of SRC are verified and become one: their data, a guard over all of it, "
+                    "no flags, and an LBA\nonly if --lba asks for one. DST appears only if no block fails.\n") +
+        kExitStatusText + R"(
+Examples:
+  difctl fold disk.dif disk.large && difctl verify --block 4160 disk.large
+  difctl fold --first-lba 16384 part.dif --lba 2048 --crc crc32c part.large
+  ssh host 'cat disk.dif' | difctl fold - disk.large
+)");
 }
 
 } // namespace difctl

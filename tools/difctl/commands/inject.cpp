@@ -1,8 +1,18 @@
-#include "commands/commands.h"
+#include "commands/options.h"
 #include "io/error.h"
 #include "pass/in_place.h"
 
 namespace difctl {
+
+namespace {
+
+struct InjectOptions : InPlaceOptions {
+    std::string at;
+    std::optional<uint64_t> version;
+    std::optional<uint64_t> guard;
+    std::optional<uint64_t> lba;
+    bool bst = false;
+};
 
 int runInject(const InjectOptions &options) {
     DifInjectParam faults = {};
@@ -15,13 +25,34 @@ int runInject(const InjectOptions &options) {
         throw Error("inject: no fault is asked for; give at least one of --version, --crc, --lba and --bst");
     }
     const At at = parseAt(options.at);
-    InPlaceImage image(options);
-    const BlockRange blocks = blocksAt(at, options.imageLba, image.blockNum(), image.name());
-    if (!image.accept()) {
+    InPlaceImage image(options.image, formatOf(options.blockSize));
+    const BlockRange blocks = blocksAt(at, options.check.imageLba, image.blockNum(), image.name());
+    if (!options.force && !image.passes(options.check)) {
         return kFaultsFound;
     }
     image.change([&](Request &request) { injectRequest(request, faults, blocks.first); }, blocks);
     return kAllWell;
+}
+
+} // namespace
+
+void addInject(CLI::App &app, Command &chosen) {
+    const auto [command, options] =
+        addCommand(app, chosen, "inject", "Write faults into the fields of some blocks, in place", runInject);
+    addInPlaceImage(command, options, "--first-lba");
+    addAt(command, options.at);
+    addNumber(command, "--version", options.version, "Version byte to write", UINT8_MAX);
+    addNumber(command, "--crc", options.guard, "Guard to write, low byte first: 0x1234 is stored as 34 12", UINT16_MAX);
+    addNumber(command, "--lba", options.lba,
+              "LBA to write into the first of the blocks, one more into each further one");
+    command.add_flag("--bst", options.bst, "Set the BST mark, which fails no check");
+    command.footer(std::string("Writes faults into fields, at least one of --version, --crc, --lba and --bst.\n") +
+                   kInPlaceText + kExitStatusText + R"(
+Examples:
+  difctl inject disk.dif --at 100 --version 0x1f
+  difctl inject --force disk.dif --at 200,8 --crc 0xdead --lba 7
+  difctl inject --first-lba 2048 --block 4160 part.dif --at 2050 --bst
+)");
 }
 
 } // namespace difctl

@@ -1,8 +1,17 @@
-#include "commands/commands.h"
+#include "commands/options.h"
 #include "io/error.h"
 #include "pass/in_place.h"
 
 namespace difctl {
+
+namespace {
+
+struct RelabelOptions : InPlaceOptions {
+    std::optional<uint64_t> newLba;
+    std::string crc;
+    bool versionOnly = false;
+    std::string bitmap;
+};
 
 int runRelabel(const RelabelOptions &options) {
     ReplaceOptions replace;
@@ -17,7 +26,7 @@ int runRelabel(const RelabelOptions &options) {
         throw Error("relabel: no field is asked for; give at least one of --lba, --crc and --version-only");
     }
     setSysDifCrcVersion(versionOfCrcName(options.crc));
-    InPlaceImage image(options);
+    InPlaceImage image(options.image, formatOf(options.blockSize));
     if (!options.bitmap.empty()) {
         replace.blocks.emplace(options.bitmap);
         if (replace.blocks->last() >= image.blockNum()) {
@@ -26,11 +35,34 @@ int runRelabel(const RelabelOptions &options) {
                         " blocks count from 0");
         }
     }
-    if (!image.accept()) {
+    if (!options.force && !image.passes(options.check)) {
         return kFaultsFound;
     }
     image.change([&](Request &request) { replaceRequest(request, replace); });
     return kAllWell;
+}
+
+} // namespace
+
+void addRelabel(CLI::App &app, Command &chosen) {
+    const auto [command, options] = addCommand(
+        app, chosen, "relabel", "Rewrite LBAs, guards or versions of a protected image, in place", runRelabel);
+    addInPlaceImage(command, options, "--first-lba");
+    auto *lba = addNumber(command, "--lba", options.newLba, "New LBA of IMG's first block; block N gets N more");
+    addCrc(command, options.crc, "Write the version and compute the guard of the data as it is");
+    command
+        .add_flag("--version-only", options.versionOnly, "Write the version of --crc (else of t10) and leave the guard")
+        ->excludes(lba);
+    command.add_option("--bitmap", options.bitmap, "Only these blocks, counted from 0 in IMG: like 0,5,9-20");
+    command.footer(
+        std::string("Rewrites fields, at least one of --lba, --crc and --version-only. Other fields stay as\n"
+                    "they are; the BST mark too, which only a new protect clears.\n") +
+        kInPlaceText + kExitStatusText + R"(
+Examples:
+  difctl relabel disk.dif --lba 1048576
+  difctl relabel --first-lba 2048 part.dif --crc crc32c
+  difctl relabel --force disk.dif --crc t10 --lba 0 --bitmap 100,200-207
+)");
 }
 
 } // namespace difctl

@@ -1,27 +1,29 @@
 /* The self-test of the CRC16 engines, as a command of the tool and as a word of its shell. */
 #include "commands/selftest.h"
 
-#include "commands/commands.h"
+#include "commands/options.h"
 #include "io/error.h"
 #include "io/number.h"
 
 #include "dif_host.h"
 #include "platform/dbg_cmd.h"
 
-#include <cerrno>
-#include <limits>
-#include <string_view>
+#include <string>
 
 namespace difctl {
 
 namespace {
 
+struct SelftestOptions {
+    uint64_t times = 1000;
+    uint64_t len = 4096;
+};
+
 constexpr const char *kWord = "selftest";
 
 int32_t runWord(int32_t argc, char **argv) {
-    constexpr uint64_t kMax = std::numeric_limits<uint64_t>::max();
-    const auto times = argc > 1 ? parseNumber(argv[1], kMax) : kSelftestTimes;
-    const auto len = argc > 2 ? parseNumber(argv[2], kMax) : kSelftestLen;
+    const auto times = argc > 1 ? parseNumber(argv[1]) : SelftestOptions().times;
+    const auto len = argc > 2 ? parseNumber(argv[2]) : SelftestOptions().len;
     if (argc > 3 || !times || !len) {
         return DBG_ShowUsageAndErrMsg("Error: selftest takes two numbers at most.");
     }
@@ -32,15 +34,6 @@ int32_t runWord(int32_t argc, char **argv) {
 int32_t printHelp(const char * /*name*/, uint32_t /*detail*/) {
     DBG_Print("        selftest [TIMES [LEN]]                      : compare and time the CRC16 engines.\n");
     return 0;
-}
-
-} // namespace
-
-void registerSelftest() {
-    const DbgCmdReg command = {"selftest", "compare and time the CRC16 engines", runWord, printHelp};
-    if (const int error = DBG_RegCmd(&command); error != 0) {
-        throw systemError(kWord, "cannot be registered", error);
-    }
 }
 
 int runSelftest(const SelftestOptions &options) {
@@ -55,6 +48,30 @@ int runSelftest(const SelftestOptions &options) {
     printResult(output);
     const bool passed = status == 0 && output.find("Test PASS") != std::string::npos;
     return passed ? kAllWell : kFaultsFound;
+}
+
+} // namespace
+
+void registerSelftest() {
+    const DbgCmdReg command = {"selftest", "compare and time the CRC16 engines", runWord, printHelp};
+    if (const int error = DBG_RegCmd(&command); error != 0) {
+        throw systemError(kWord, "cannot be registered", error);
+    }
+}
+
+void addSelftest(CLI::App &app, Command &chosen) {
+    const auto [command, options] =
+        addCommand(app, chosen, "selftest", "Compare and time the CRC16 engines", runSelftest);
+    addNumber(command, "--times", options.times, "How often")->capture_default_str();
+    addNumber(command, "--len", options.len, "Over how many bytes, below 2^32")->capture_default_str();
+    command.footer(
+        R"(Compares the chosen CRC16 engine, the hardware engine and the table over generated data, and tells how fast each is.
+Exit status: 0 they agree, 1 they do not or the test could not run.
+
+Examples:
+  difctl selftest
+  difctl selftest --times 100000 --len 512
+)");
 }
 
 } // namespace difctl

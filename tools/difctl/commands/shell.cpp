@@ -1,11 +1,11 @@
 /* A shell for the operator commands: at a terminal with line editing, history and completion, else line by line. */
-#include "commands/commands.h"
+#include "commands/options.h"
 #include "commands/selftest.h"
+#include "io/error.h"
 
 #include "dif/dif.h"
 #include "dif_host.h"
 
-#include <algorithm>
 #include <cstring>
 #include <iostream>
 #include <memory>
@@ -20,6 +20,10 @@
 namespace difctl {
 
 namespace {
+
+struct ShellOptions {
+    bool cli = false;
+};
 
 constexpr const char *kPrompt = "dif> ";
 
@@ -80,12 +84,6 @@ bool readTerminalLine(std::string &line) {
     return true;
 }
 
-bool readScriptLine(std::string &line) {
-    return static_cast<bool>(std::getline(std::cin, line));
-}
-
-} // namespace
-
 int runShell(const ShellOptions &options) {
     registry = options.cli ? DIF_HOST_CLI : DIF_HOST_DIAGNOSE;
     registerSelftest();
@@ -96,7 +94,7 @@ int runShell(const ShellOptions &options) {
     }
     bool allDone = true;
     std::string line;
-    while (atTerminal ? readTerminalLine(line) : readScriptLine(line)) {
+    while (atTerminal ? readTerminalLine(line) : bool(std::getline(std::cin, line))) {
         if (line == "exit" || line == "quit") {
             break;
         }
@@ -104,6 +102,22 @@ int runShell(const ShellOptions &options) {
         allDone = allDone && status == 0;
     }
     return allDone || atTerminal ? kAllWell : kNotDone;
+}
+
+} // namespace
+
+void addShell(CLI::App &app, Command &chosen) {
+    const auto [command, options] = addCommand(app, chosen, "shell", "Run operator commands in this process", runShell);
+    command.add_flag("--cli", options.cli, "The commands of the CLI instead of those of the diagnose shell");
+    command.footer(
+        R"(Runs operator commands in a process of its own, line by line from standard input; 'help' lists them, 'exit' or the
+end of the input leaves. At a terminal there are line editing, history and completion by the tab key.
+Exit status: 0 every command of a script was done, 2 one could not be.
+
+Examples:
+  difctl shell
+  echo 'dif showverifylevel' | difctl shell --cli
+)");
 }
 
 } // namespace difctl

@@ -1,4 +1,4 @@
-#include "commands/commands.h"
+#include "commands/options.h"
 #include "io/number.h"
 #include "pass/pipeline.h"
 #include "pass/report.h"
@@ -11,6 +11,10 @@
 namespace difctl {
 
 namespace {
+
+struct ShowOptions : ImageOptions {
+    std::string at;
+};
 
 struct Version {
     uint8_t value;
@@ -72,23 +76,38 @@ std::string blockText(const Request &request, uint32_t index, uint64_t imageLba)
     return text + (exempt ? "; exempt from checks" : "") + (wrong.empty() ? "" : "; wrong:" + wrong) + "\n";
 }
 
-} // namespace
-
 int runShow(const ShowOptions &options) {
     const BlockFormat format = formatOf(options.blockSize);
     const At at = parseAt(options.at);
     Source source(options.image, format.geometry.blockSize);
-    const BlockRange blocks = blocksAt(at, options.imageLba, source.unitNum(), source.name());
+    const BlockRange blocks = blocksAt(at, options.check.imageLba, source.unitNum(), source.name());
     const auto consume = [&](Request &request) {
         std::string text;
         for (uint32_t index = 0; index < request.blockNum; ++index) {
-            text += blockText(request, index, options.imageLba);
+            text += blockText(request, index, options.check.imageLba);
         }
         printResult(text);
         return true;
     };
     runPipeline(source, {format, &Request::wholeBlocks, [](Request &) {}, consume, blocks});
     return kAllWell;
+}
+
+} // namespace
+
+void addShow(CLI::App &app, Command &chosen) {
+    const auto [command, options] =
+        addCommand(app, chosen, "show", "Print the fields of some blocks beside what they should be", runShow);
+    addImage(command, options);
+    addAt(command, options.at);
+    command.footer(std::string("One line a block: guard (its two bytes as stored), version, flags and LBA, what guard "
+                               "and LBA should be,\nand at the end which of them are wrong.\n") +
+                   kExitStatusText + R"(
+Examples:
+  difctl show disk.dif --at 12345
+  difctl show --block 4160 --lba 2048 part.dif --at 0x900,16
+  difctl show disk.dif --at 0,1000 | grep wrong:
+)");
 }
 
 } // namespace difctl

@@ -1,4 +1,5 @@
-#include "commands/commands.h"
+#include "commands/options.h"
+#include "io/destination.h"
 #include "io/error.h"
 #include "io/progress.h"
 #include "pass/pipeline.h"
@@ -12,6 +13,13 @@ namespace difctl {
 
 namespace {
 
+struct VerifyOptions : CheckedImageOptions {
+    bool standard = false;
+    bool json = false;
+    bool stats = false;
+    std::string metrics; /* file to write; empty: none */
+};
+
 std::string renderedMetrics() {
     std::string text;
     const auto collect = [](void *context, const char *piece, size_t size) {
@@ -23,12 +31,9 @@ std::string renderedMetrics() {
     return text;
 }
 
-} // namespace
-
 int runVerify(const VerifyOptions &options) {
     const BlockFormat format = formatOf(options.blockSize, options.entryBytes);
-    CheckOptions check = checkOptionsOf(options);
-    check.report = options.report;
+    const CheckOptions &check = options.check;
     Source source(options.image, format.geometry.blockSize);
     /* Whole or not there, as who collects it expects. */
     std::optional<Destination> metrics;
@@ -36,9 +41,9 @@ int runVerify(const VerifyOptions &options) {
         metrics.emplace(options.metrics, true);
     }
     Progress progress(source.length());
-    Findings findings(options.all);
+    Findings findings(options.check.allBlocks);
     const std::string prefix = source.name() + ": ";
-    std::string text = options.json ? jsonBegin(source.name(), options.blockSize, options.imageLba) : "";
+    std::string text = options.json ? jsonBegin(source.name(), options.blockSize, options.check.imageLba) : "";
 
     const auto process = [&](Request &request) {
         options.standard ? checkStandardRequest(request, check) : checkRequest(request, check);
@@ -56,14 +61,14 @@ int runVerify(const VerifyOptions &options) {
             text.clear();
         }
         progress.advance(request.wholeBlocks(request.blockNum).bytes());
-        return options.report || findings.complete();
+        return options.check.report || findings.complete();
     };
     runPipeline(source, {format, &Request::wholeBlocks, process, consume});
     progress.clear();
     if (options.json) {
-        text = jsonEnd(findings, options.report);
+        text = jsonEnd(findings, options.check.report);
     } else {
-        text = (options.report ? reportText(findings) : "") + prefix + totalsText(findings) + "\n";
+        text = (options.check.report ? reportText(findings) : "") + prefix + totalsText(findings) + "\n";
     }
     printResult(text);
     if (options.stats) {
@@ -75,6 +80,36 @@ int runVerify(const VerifyOptions &options) {
         metrics->commit();
     }
     return findings.failed() == 0 ? kAllWell : kFaultsFound;
+}
+
+} // namespace
+
+void addVerify(CLI::App &app, Command &chosen) {
+    const auto [command, options] = addCommand(
+        app, chosen, "verify", "Check every block of a protected image against its integrity field", runVerify);
+    addCheckedImage(command, options);
+    auto *report =
+        command.add_flag("--report", options.check.report, "Tell what holds for the image as a whole; reads all of it");
+    command.add_flag("--json", options.json, "Print one JSON object; it is whole if the exit status is 0 or 1");
+    command
+        .add_flag("--standard", options.standard,
+                  "Take the fields for plain T10 protection information: no version, no flags, a reference tag\n"
+                  "in every block; a block with application tag 0xffff passes")
+        ->excludes(report)
+        ->excludes(command.get_option("--crc"));
+    command.add_flag("--stats", options.stats, "Print the counters of the run's verify point at the end")
+        ->excludes(command.get_option("--json"));
+    command.add_option("--metrics", options.metrics,
+                       "Write switch, levels and counters to this file at the end, in the Prometheus text format");
+    command.footer(std::string(kExitStatusText) + R"(
+Examples:
+  difctl verify disk.dif
+  difctl verify --all --report --block 4160 --lba 2048 part.dif
+  difctl verify --json --all --crc crc32c disk.dif | jq '.failed_blocks[].lba'
+  difctl verify --standard --all drive.pi
+  difctl verify --metrics /var/lib/prometheus/node-exporter/disk.prom disk.dif
+  ssh host 'cat disk.dif' | difctl verify -
+)");
 }
 
 } // namespace difctl

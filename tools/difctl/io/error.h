@@ -1,3 +1,4 @@
+/* How the process ends: well, or with one line that says why not. */
 #ifndef DIFCTL_ERROR_H
 #define DIFCTL_ERROR_H
 
@@ -7,7 +8,13 @@
 
 namespace difctl {
 
-/* Why a command could not be done: one line that names the file, the offset or the value. Exit status 2. */
+/* Exit status of a command that was done. */
+inline constexpr int kAllWell = 0;
+inline constexpr int kFaultsFound = 1;
+/* Exit status of one that could not be. */
+inline constexpr int kNotDone = 2;
+
+/* Why a command could not be done: one line that names the file, the offset or the value. */
 class Error : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;

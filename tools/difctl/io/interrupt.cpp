@@ -1,5 +1,6 @@
 #include "io/interrupt.h"
 
+#include "io/error.h"
 #include "io/progress.h"
 
 #include <atomic>
@@ -29,7 +30,7 @@ Watch &watch() {
 
 [[noreturn]] void endProcess(int signalNumber) {
     giveUp(std::string("interrupted by SIG") + sigabbrev_np(signalNumber));
-    std::_Exit(2);
+    std::_Exit(kNotDone);
 }
 
 } // namespace

@@ -7,14 +7,6 @@
 
 namespace difctl {
 
-namespace {
-
-Error notBlocks(const std::string &text, const std::string &item) {
-    return Error("--bitmap '" + text + "': '" + item + "' is neither a block nor a range FIRST-LAST");
-}
-
-} // namespace
-
 At parseAt(const std::string &text) {
     const size_t comma = text.find(',');
     const auto lba = parseNumber(text.substr(0, comma));
@@ -41,7 +33,7 @@ BlockSet::BlockSet(const std::string &text) {
         const auto first = parseNumber(item.substr(0, dash));
         const auto last = dash == std::string::npos ? first : parseNumber(item.substr(dash + 1));
         if (!first || !last || *last < *first || *last == UINT64_MAX) {
-            throw notBlocks(text, item);
+            throw Error("--bitmap '" + text + "': '" + item + "' is neither a block nor a range FIRST-LAST");
         }
         ranges_.push_back({*first, *last + 1});
         at += item.size() + 1;

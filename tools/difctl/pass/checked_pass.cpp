@@ -1,27 +1,10 @@
 #include "pass/checked_pass.h"
 
-#include "commands/commands.h"
 #include "io/error.h"
 #include "io/progress.h"
 #include "pass/pipeline.h"
 
 namespace difctl {
-
-CheckOptions checkOptionsOf(const ImageOptions &options) {
-    CheckOptions check;
-    check.imageLba = options.imageLba;
-    check.compareLbas = !options.noLba;
-    check.allBlocks = options.all;
-    return check;
-}
-
-CheckOptions checkOptionsOf(const CheckedImageOptions &options) {
-    CheckOptions check = checkOptionsOf(static_cast<const ImageOptions &>(options));
-    if (!options.crc.empty()) {
-        check.requiredVersion = versionOfCrcName(options.crc);
-    }
-    return check;
-}
 
 Findings runCheckedPass(Source &source, const CheckedPass &pass) {
     const bool whole = pass.blocks.end == BlockRange().end;

@@ -2,7 +2,8 @@
 #ifndef DIFCTL_CHECKED_PASS_H
 #define DIFCTL_CHECKED_PASS_H
 
-#include "io/image_io.h"
+#include "io/destination.h"
+#include "io/source.h"
 #include "pass/block_range.h"
 #include "pass/report.h"
 #include "pass/request.h"

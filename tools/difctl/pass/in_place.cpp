@@ -7,9 +7,8 @@
 
 namespace difctl {
 
-InPlaceImage::InPlaceImage(const InPlaceOptions &options)
-    : options_(options), format_(formatOf(options.blockSize)), file_(options.image),
-      blockNum_(Source(options.image, format_.geometry.blockSize).unitNum()) {
+InPlaceImage::InPlaceImage(const std::string &name, const BlockFormat &format)
+    : name_(name), format_(format), file_(name), blockNum_(Source(name, format_.geometry.blockSize).unitNum()) {
     holdingInterrupts([this](Unfinished &unfinished) { unfinished.note = note_; });
 }
 
@@ -17,17 +16,13 @@ InPlaceImage::~InPlaceImage() {
     holdingInterrupts([](Unfinished &unfinished) { unfinished = {}; });
 }
 
-bool InPlaceImage::accept() const {
-    if (options_.force) {
-        return true;
-    }
-    const CheckOptions check = checkOptionsOf(options_);
-    Source source(options_.image, format_.geometry.blockSize);
+bool InPlaceImage::passes(const CheckOptions &check) const {
+    Source source(name_, format_.geometry.blockSize);
     const auto process = [&](Request &request) { checkRequest(request, check); };
     const Findings findings =
-        runCheckedPass(source, {format_, options_.all, process, [](Request &, const Findings &) {}});
+        runCheckedPass(source, {format_, check.allBlocks, process, [](Request &, const Findings &) {}});
     if (findings.failed() != 0) {
-        printMessage(name() + ": " + totalsText(findings) +
+        printMessage(name_ + ": " + totalsText(findings) +
                      "; nothing is changed, --force goes ahead without this check");
     }
     return findings.failed() == 0;
@@ -35,7 +30,7 @@ bool InPlaceImage::accept() const {
 
 Findings InPlaceImage::change(const std::function<void(Request &)> &change, const BlockRange &blocks) {
     try {
-        Source source(options_.image, format_.geometry.blockSize);
+        Source source(name_, format_.geometry.blockSize);
         const auto consume = [this](Request &request, const Findings & /*findings*/) { writeBack(request); };
         const Findings findings = runCheckedPass(source, {format_, true, change, consume, blocks});
         file_.sync();

@@ -2,8 +2,8 @@
 #ifndef DIFCTL_IN_PLACE_H
 #define DIFCTL_IN_PLACE_H
 
-#include "commands/commands.h"
-#include "io/image_io.h"
+#include "io/in_place_file.h"
+#include "pass/block_format.h"
 #include "pass/block_range.h"
 #include "pass/report.h"
 
@@ -19,16 +19,16 @@ namespace difctl {
 class InPlaceImage {
 public:
     /* Throws Error for what is not a file of whole blocks that can be written. */
-    explicit InPlaceImage(const InPlaceOptions &options);
+    InPlaceImage(const std::string &name, const BlockFormat &format);
     ~InPlaceImage();
     InPlaceImage(const InPlaceImage &) = delete;
     InPlaceImage &operator=(const InPlaceImage &) = delete;
 
-    const std::string &name() const { return options_.image; }
+    const std::string &name() const { return name_; }
     uint64_t blockNum() const { return blockNum_; }
 
-    /* Whether the image may be changed: a check of all of it finds no fault, or the user forces it. Says why if not. */
-    bool accept() const;
+    /* Whether a check of all of the image finds no fault, so that it may be changed. Says why if not. */
+    bool passes(const CheckOptions &check) const;
 
     /* Runs `change` over the requests of `blocks` on any threads, writes back those it has changed, and brings them to
      * stable storage. Names the faults that `change` leaves in requests. */
@@ -37,7 +37,7 @@ public:
 private:
     void writeBack(const Request &request);
 
-    const InPlaceOptions &options_;
+    std::string name_;
     BlockFormat format_;
     InPlaceFile file_;
     uint64_t blockNum_;

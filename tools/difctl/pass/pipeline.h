@@ -2,7 +2,7 @@
 #ifndef DIFCTL_PIPELINE_H
 #define DIFCTL_PIPELINE_H
 
-#include "io/image_io.h"
+#include "io/source.h"
 #include "pass/block_range.h"
 #include "pass/request.h"
 

@@ -5,7 +5,7 @@
 #ifndef DIFCTL_REQUEST_H
 #define DIFCTL_REQUEST_H
 
-#include "io/image_io.h"
+#include "io/transfer.h"
 #include "pass/block_format.h"
 #include "pass/block_range.h"
 

@@ -1,0 +1,53 @@
+/* Where an image comes from: a file, a block device or a stream, read in order. */
+#ifndef DIFCTL_SOURCE_H
+#define DIFCTL_SOURCE_H
+
+#include "io/transfer.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace difctl {
+
+/* An image to read from its start to its end. Everything throws Error. */
+class Source {
+public:
+    /* Opens `path`, or takes standard input for "-". The image's length must be a multiple, not 0, of `unitBytes`; that
+     * is tested at once where the length is known, else at the end. */
+    Source(const std::string &path, size_t unitBytes);
+
+    /* Passes over the first `units` units; before the first read, and where the length is known. */
+    void skip(uint64_t units);
+
+    /* Fills `pieces` and returns the number of bytes read: less than asked for only at the end, and always whole units. */
+    size_t read(const Pieces &pieces);
+
+    /* Makes a read that waits for data, now or later, throw. For any thread. */
+    void cancel() const;
+
+    const std::string &name() const { return name_; }
+
+    /* The length in bytes; none for pipes and the like. */
+    std::optional<uint64_t> length() const { return length_; }
+
+    /* The length in units; throws Error where it is not known. */
+    uint64_t unitNum() const;
+
+private:
+    void requireUsableLength(uint64_t length) const;
+    void waitForData() const;
+
+    std::string name_;
+    size_t unitBytes_;
+    FileDescriptor file_;
+    FileDescriptor cancelEvent_;
+    std::optional<uint64_t> length_;
+    uint64_t offset_ = 0;
+    bool ended_ = false;
+};
+
+} // namespace difctl
+
+#endif

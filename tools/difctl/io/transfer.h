@@ -1,0 +1,51 @@
+/* Open files, the standard streams among them, and bytes on their way between them and memory. */
+#ifndef DIFCTL_TRANSFER_H
+#define DIFCTL_TRANSFER_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include <sys/types.h>
+
+namespace difctl {
+
+inline constexpr const char *kStandardInput = "standard input";
+inline constexpr const char *kStandardOutput = "standard output";
+
+/* Equal pieces of memory at equal distances, for instance the data of consecutive blocks without their fields. */
+struct Pieces {
+    uint8_t *base;
+    size_t size;
+    size_t stride;
+    size_t count;
+
+    size_t bytes() const { return size * count; }
+};
+
+class FileDescriptor {
+public:
+    explicit FileDescriptor(int number = -1) : number_(number) {}
+    ~FileDescriptor();
+    FileDescriptor(const FileDescriptor &) = delete;
+    FileDescriptor &operator=(const FileDescriptor &) = delete;
+
+    int get() const { return number_; }
+    void set(int number) { number_ = number; }
+
+private:
+    int number_;
+};
+
+/* One read into what follows the first `done` bytes of `pieces`: readv's answer, but never EINTR. */
+ssize_t readSome(int file, const Pieces &pieces, size_t done);
+
+/* Writes all of `pieces`; on a failure, `offset` tells how far it got and errno why. */
+bool writeAll(int file, const Pieces &pieces, uint64_t &offset);
+
+/* Writes `text` to standard output as a command's result. Throws Error. */
+void printResult(const std::string &text);
+
+} // namespace difctl
+
+#endif
