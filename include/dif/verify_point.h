@@ -95,7 +95,11 @@ DIF_API uint8_t getDifVerifyLevelByMid(uint32_t mid);
 DIF_API uint32_t difRegistVerifyPoint(uint32_t mid, const VerifyPointDesc *verifyPointPtr, uint32_t num,
                                       const char *funcName, int32_t line);
 
-/* The module's record, to be read in place; null for a `mid` of 16 or more. */
+/*
+ * The module's record, to be read in place; null for a `mid` of 16 or more. The library writes its bytes one by one and
+ * atomically, names through the host's strncpy_s: who reads while the module registers loads each byte atomically too,
+ * and may see a point whose name is not there yet.
+ */
 DIF_API VerifyPointMsg *difVerifyMsgGetByMid(uint8_t mid);
 
 /* All three set every counter to 0. An increment that overlaps the clearing may survive it or be lost. */

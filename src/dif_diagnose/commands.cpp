@@ -4,6 +4,7 @@
 #include "dif/verify_point.h"
 #include "platform/dbg_cmd.h"
 
+#include <atomic>
 #include <cstring>
 #include <span>
 
@@ -43,15 +44,32 @@ int32_t dispatch(std::span<const DifCmdEntry> entries, int32_t argc, char **argv
     return refuse();
 }
 
+/* A byte of the registry, which a module may be registering in. */
+template <typename Byte>
+Byte load(Byte &byte) {
+    return std::atomic_ref{byte}.load(std::memory_order_relaxed);
+}
+
+VerifyPointSlot copyOf(VerifyPointSlot &slot) {
+    VerifyPointSlot copy;
+    copy.pointId = load(slot.pointId);
+    for (uint32_t i = 0; i < DIF_VERIFY_POINT_NAME_SIZE; ++i) {
+        copy.pointName[i] = load(slot.pointName[i]);
+    }
+    copy.pointName[DIF_VERIFY_POINT_NAME_SIZE - 1] = '\0';
+    return copy;
+}
+
 /* Calls `print(mid, slot, isFirstOfModule, counters)` for every registered verify point of the shown modules. */
 template <typename Print>
 void forEachVerifyPoint(Print print) {
     for (uint8_t mid = 0; mid < kShownModules; ++mid) {
-        const VerifyPointMsg &record = *difVerifyMsgGetByMid(mid);
-        for (uint32_t point = 0; point < record.verifyPointNum; ++point) {
+        VerifyPointMsg &record = *difVerifyMsgGetByMid(mid);
+        const uint32_t pointNum = load(record.verifyPointNum);
+        for (uint32_t point = 0; point < pointNum; ++point) {
             Counters counters;
             difVerifyStatisticGet(mid, point, counters);
-            print(mid, record.verifyPoints[point], point == 0, counters);
+            print(mid, copyOf(record.verifyPoints[point]), point == 0, counters);
         }
     }
 }

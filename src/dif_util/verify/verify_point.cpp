@@ -24,22 +24,23 @@ constexpr const char *const g_midDescription[DIF_MID_BUTT + 1] = {
 
 namespace {
 
-/* Registry bytes that checks read while a module may be registering. */
-void store(uint8_t &byte, uint8_t value) {
+/* Registry bytes that checks and operators read while a module may be registering. */
+template <typename Byte>
+void store(Byte &byte, Byte value) {
     std::atomic_ref{byte}.store(value, std::memory_order_relaxed);
 }
 
 void emptyRecord(VerifyPointMsg &record) {
-    store(record.verifyPointNum, 0);
+    store<uint8_t>(record.verifyPointNum, 0);
     for (VerifyPointSlot &slot : record.verifyPoints) {
-        store(slot.pointId, DIF_VERIFY_POINT_FREE);
+        store<uint8_t>(slot.pointId, DIF_VERIFY_POINT_FREE);
     }
 }
 
 void fillSlot(VerifyPointSlot &slot, const VerifyPointDesc &desc) {
     store(slot.pointId, desc.pointId);
     strncpy_s(slot.pointName, DIF_VERIFY_POINT_NAME_SIZE, desc.pointName, DIF_VERIFY_POINT_NAME_SIZE - 1);
-    slot.pointName[DIF_VERIFY_POINT_NAME_SIZE - 1] = '\0';
+    store(slot.pointName[DIF_VERIFY_POINT_NAME_SIZE - 1], '\0');
 }
 
 } // namespace
