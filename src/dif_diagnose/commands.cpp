@@ -65,8 +65,7 @@ template <typename Print>
 void forEachVerifyPoint(Print print) {
     for (uint8_t mid = 0; mid < kShownModules; ++mid) {
         VerifyPointMsg &record = *difVerifyMsgGetByMid(mid);
-        const uint32_t pointNum = load(record.verifyPointNum);
-        for (uint32_t point = 0; point < pointNum; ++point) {
+        for (uint32_t point = 0; point < load(record.verifyPointNum); ++point) {
             Counters counters;
             difVerifyStatisticGet(mid, point, counters);
             print(mid, copyOf(record.verifyPoints[point]), point == 0, counters);
