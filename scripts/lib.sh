@@ -5,6 +5,9 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 say() { printf '\n== %s\n' "$*"; }
 
+# Prints the comment at the head of the script.
+usage() { sed -n '2,/^[^#]/s/^# \{0,1\}//p' "scripts/$(basename "$0")"; }
+
 # Installs those of the named Debian packages that are missing. With all of them there it contacts nobody.
 installMissing() {
     local package missing=() asRoot=()

@@ -8,6 +8,8 @@
  *
  * All data, lists and records belong to the caller, who keeps them alive for the call. The library works on them in
  * place. Except for the tuple's fields as stated, integers are in the machine's (little-endian) order.
+ *
+ * The headers are plain C of 2011, whose static_assert holds the layouts, and C++.
  */
 #ifndef DIF_TYPES_H
 #define DIF_TYPES_H
