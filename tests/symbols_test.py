@@ -13,10 +13,10 @@ WEAK = set("__gmon_start__ __cxa_finalize _ITM_registerTMCloneTable _ITM_deregis
 SANITIZER = re.compile(r"_*(?:odr_asan|asan|ubsan|tsan|sanitizer|start_asan|stop_asan)[_.]")
 # The routines of the data path that must lie together; those marked in the sources beyond them are checked as well.
 HOT = {
-    "dif_Check.text": """checkDifInBlocks initDifCheckResults checkDifVerZero checkDifInSgl getDifOn isDifDisable isVerifyPointOn
-        tryCheckDifAppAndSetResult tryCheckDifIntegrity isDifLbaCorrect isDifCrcCorrect""",
-    "dif_Insert.text": """insertDif insertDifInBlocks insertDifInOneBlock replaceDifInBlocks replaceDifInSgl getStartSglByOffset
-        getStartSglByOffsetWithReturn""",
+    "dif_Check.text": """checkDifInBlocks initDifCheckResults checkDifVerZero checkDifInSgl getDifOn isDifDisable
+        isVerifyPointOn tryCheckDifAppAndSetResult tryCheckDifIntegrity isDifLbaCorrect isDifCrcCorrect""",
+    "dif_Insert.text": """insertDif insertDifInBlocks insertDifInOneBlock replaceDifInBlocks replaceDifInSgl
+        getStartSglByOffset getStartSglByOffsetWithReturn""",
 }
 
 
