@@ -1,46 +1,89 @@
 """Drives the difctl command on real images: python3 difctl_test.py PATH_TO_DIFCTL [unittest arguments]."""
-import contextlib, itertools, json, os, pathlib, random, re, resource, signal, subprocess, sys, tempfile, time, unittest
+import contextlib, ctypes, functools, json, os, pathlib, pty, random, re, resource, select, shlex, signal
+import subprocess, sys, tempfile, termios, time, unittest
 
-DIFCTL = os.path.abspath(sys.argv.pop(1))
+DIFCTL = pathlib.Path(sys.argv.pop(1)).resolve()
+SANITIZED = any(name in DIFCTL.read_bytes() for name in (b"__asan_init", b"__tsan_init"))
 os.environ["TSAN_OPTIONS"] = os.environ.get("TSAN_OPTIONS", "") + " atexit_sleep_ms=0"  # of every single run
-SANITIZED = any(name in pathlib.Path(DIFCTL).read_bytes() for name in (b"__asan_init", b"__tsan_init"))
-DATA_SIZE = {520: 512, 4160: 4096}
-TUPLE_VERSION = {"t10": 0x13, "crc32c": 0x29}
-random.seed(20)
-RAW = random.randbytes(5 << 20)  # several requests, the last one full
-ODD_RAW = RAW[: (3 << 20) + 7 * 4096]  # the last request short
+for interrupt in signal.SIGINT, signal.SIGTERM, signal.SIGHUP:
+    signal.signal(interrupt, signal.SIG_DFL)  # what a shell starts with & ignores some, and so would difctl
+
+ISAL = ctypes.CDLL("libisal.so.2")
+DATA_SIZE = {520: 512, 4160: 4096}  # of a block's bytes; the tuple follows
+GUARD, VERSION, FLAGS, LBA = 0, 2, 3, 4  # where a tuple has them
+T10, CRC32C = 0x13, 0x29
 
 
-def crc16_t10(data):
-    crc = 0
-    for bit in (byte >> i & 1 for byte in data for i in range(7, -1, -1)):
-        crc = crc << 1 & 0xFFFF ^ (0x8BB7 if crc >> 15 ^ bit else 0)
-    return crc
+def guard(version, data):
+    if version == T10:
+        return (ISAL.crc16_t10dif(0, data, len(data)) & 0xFFFF).to_bytes(2, "big")
+    return (~ISAL.crc32_iscsi(data, len(data), 0xFFFFFFFF) & 0xFFFF).to_bytes(2, "little")
 
 
-def crc32c(data):
-    crc = 0xFFFFFFFF
-    for bit in (byte >> i & 1 for byte in data for i in range(8)):
-        crc = crc >> 1 ^ (0x82F63B78 if crc & 1 ^ bit else 0)
-    return crc ^ 0xFFFFFFFF
-
-
-def expected_image(raw, block, crc, lba):
-    """The protected image, computed bit by bit; `lba` None for none."""
-    size, image = DATA_SIZE[block], b""
+def protected(raw, block=520, version=T10, lba=0):
+    """The image of `raw` whose blocks have LBAs from `lba` on; None for none."""
+    size, parts = DATA_SIZE[block], []
     for index, at in enumerate(range(0, len(raw), size)):
+        place = bytes(5) if lba is None else b"\2" + (lba + index & 0xFFFFFFFF).to_bytes(4, "big")
         data = raw[at : at + size]
-        guard = crc16_t10(data).to_bytes(2, "big") if crc == "t10" else (crc32c(data) & 0xFFFF).to_bytes(2, "little")
-        tail = bytes([0] * 5) if lba is None else b"\x02" + (lba + index & 0xFFFFFFFF).to_bytes(4, "big")
-        image += data + guard + bytes([TUPLE_VERSION[crc]]) + tail + bytes(block - size - 8)
-    return image
+        parts += data, guard(version, data), bytes([version]), place, bytes(block - size - 8)
+    return b"".join(parts)
 
 
-def edited(image, *edits):
-    """`image` with bytes replaced: (offset, content) pairs."""
-    for at, content in edits:
-        image = image[:at] + content + image[at + len(content) :]
-    return image
+def edited(image, *edits, block=520):
+    """`image` with bytes replaced: (index of the block, offset in the tuple or, below 0, before it, bytes)."""
+    image = bytearray(image)
+    for index, offset, content in edits:
+        at = index * block + DATA_SIZE[block] + offset
+        image[at : at + len(content)] = content
+    return bytes(image)
+
+
+random.seed(20)
+RAW = random.randbytes(6200 * 512)  # four requests, the last one short
+IMAGE = protected(RAW, lba=100)
+# Faults in three requests. A block without a valid LBA is none, and neither is the BST mark.
+FAULTS = {7: "guard", 2047: "guard", 2048: "LBA", 2049: "LBA", 2050: "version", 6199: "guard"}
+DAMAGED = edited(IMAGE, (5, FLAGS, b"\0"), (7, -10, b"data"), (2047, GUARD, b"\xA5\x5A"), (2048, LBA, bytes(4)),
+                 (2049, LBA, bytes(4)), (2050, VERSION, b"\x1F"), (4100, FLAGS, b"\3"), (6199, VERSION, b"\x29"))
+
+
+def fault_line(block, kind, image=DAMAGED):
+    return f"img: block {block}, LBA {100 + block}: {kind} error, tuple {image[block * 520 + 512 :][:8].hex()}\n"
+
+
+FAULT_LINES = [fault_line(*fault) for fault in FAULTS.items()]
+TOTALS = "img: blocks checked 6200, failed 6 (guard 3, LBA 2, version 1)"
+ENDED = "img: blocks checked 8, failed 1 (guard 1, LBA 0, version 0); ended at the first, --all goes on"
+
+
+@contextlib.contextmanager
+def running(*args, feed=b"", on_terminal=(), **streams):
+    """A difctl that has taken `feed` and goes on, and the other end of the terminal of the streams `on_terminal`."""
+    end, terminal = pty.openpty()
+    streams = {"stdin": subprocess.PIPE, "stderr": subprocess.PIPE, **streams, **dict.fromkeys(on_terminal, terminal)}
+    with subprocess.Popen([DIFCTL, *args], env={**os.environ, "TERM": "xterm"}, **streams) as tool:
+        os.close(terminal)
+        try:
+            if feed:
+                os.write(tool.stdin.fileno(), feed)
+            yield tool, end
+        finally:
+            tool.kill()
+            os.close(end)
+
+
+def shown(end, until="(?!)"):
+    """What appears on a terminal, up to a text that matches or to the program's end."""
+    text = ""
+    while not re.search(until, text):
+        if not select.select([end], [], [], 20)[0]:
+            raise AssertionError(f"no {until} in {text!r}")
+        try:
+            text += os.read(end, 4096).decode()
+        except OSError:
+            break
+    return text
 
 
 class DifctlTest(unittest.TestCase):
@@ -50,371 +93,455 @@ class DifctlTest(unittest.TestCase):
         self.addCleanup(os.chdir, os.getcwd())
         os.chdir(directory.name)
 
-    def run_tool(self, *args, status=0, stdin=b"", **kwargs):
-        done = subprocess.run([DIFCTL, *args], input=stdin, stderr=subprocess.PIPE, timeout=120,
-                              **{"stdout": subprocess.PIPE, **kwargs})
-        self.assertEqual(done.returncode, status, (args, done.stderr))
-        return done
-
     def write(self, name, content):
-        pathlib.Path(name).write_bytes(content)
+        pathlib.Path(os.fsdecode(name)).write_bytes(content)
         return name
 
+    def is_file(self, name, content):
+        self.assertTrue(pathlib.Path(name).read_bytes() == content, f"{name} has other bytes")
+
+    def run_tool(self, *args, status=0, says="", under=(), **kwargs):
+        """What difctl writes; it must end with `status` and say the lines `says`, or what matches that pattern."""
+        kwargs = {"stdout": subprocess.PIPE, **({} if "stdin" in kwargs else {"input": b""}), **kwargs}
+        done = subprocess.run([*under, DIFCTL, *args], stderr=subprocess.PIPE, timeout=60, **kwargs)
+        if not isinstance(says, re.Pattern):
+            says = re.compile(re.escape("".join("difctl: " + line for line in says)))
+        self.assertRegex(done.stderr.decode(), rf"(?s)^{says.pattern}\Z")
+        self.assertEqual(done.returncode, status, args)
+        return done.stdout
+
     def refused(self, *args, says, **kwargs):
-        """Runs a command that must not be done: status 2, one line that says why, the directory as it was."""
+        """Runs a command that must not be done: one line that says why, the directory as it was."""
         before = sorted(os.listdir("."))
-        line = self.run_tool(*args, status=2, **kwargs).stderr.decode()
-        self.assertEqual((line[:8], line.count("\n"), line[-1:]), ("difctl: ", 1, "\n"), line)
-        for part in says:
-            self.assertIn(part, line)
+        self.run_tool(*args, status=2, says=re.compile(rf"difctl: [^\n]*{re.escape(says)}[^\n]*\n"), **kwargs)
         self.assertEqual(sorted(os.listdir(".")), before)
 
-    def verify(self, *args, status=1, **kwargs):
-        result = json.loads(self.run_tool("verify", "--json", *args, status=status, **kwargs).stdout)
-        result["failed_blocks"] = [(item["block"], item["lba"], item["kind"]) for item in result["failed_blocks"]]
-        return result
+    def ended(self, tool, says, status=2):
+        """Waits for difctl's end; the match of standard error with `says`."""
+        self.assertEqual(tool.wait(timeout=20), status)
+        said = tool.stderr.read().decode()
+        self.assertRegex(said, f"^{says}$")
+        return re.match(says, said)
 
-    def test_tuples_are_the_computed_bytes(self):
-        for block, crc, lba in (520, "t10", 0), (520, "crc32c", 0x1FFFFFFFE), (4160, "t10", 77), (4160, "crc32c", None):
-            raw = RAW[: 5 * DATA_SIZE[block]]
-            place = ["--no-lba"] if lba is None else ["--lba", str(lba)]
-            command = [DIFCTL, "protect", "--block", str(block), "--crc", crc, *place, "-", "-"]
-            with subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, bufsize=0) as tool:
-                for at in range(0, len(raw), 700):  # reads that end inside blocks
-                    tool.stdin.write(raw[at : at + 700])
-                    time.sleep(0.005)
-                tool.stdin.close()
-                image = tool.stdout.read()
-            self.assertEqual(image, expected_image(raw, block, crc, lba), (block, crc, lba))
-
-    def test_round_trip(self):
-        for block, crc, raw in itertools.product(DATA_SIZE, TUPLE_VERSION, (RAW, ODD_RAW)):
-            options = ["--block", str(block), "--crc", crc, "--lba", "5000000000"]
-            self.run_tool("protect", "--force", *options, self.write("raw", raw), "img")
-            totals = self.verify(*options, "img", status=0)
-            self.assertEqual((totals["blocks_checked"], totals["failed"]["total"], totals["complete"]),
-                             (len(raw) // DATA_SIZE[block], 0, True))
-            self.run_tool("strip", "--force", *options, "img", "back")
-            self.assertEqual(pathlib.Path("back").read_bytes(), raw)
-            piped = self.run_tool("protect", *options, "-", "-", stdin=raw).stdout
-            self.assertEqual(piped, pathlib.Path("img").read_bytes())
-            self.assertEqual(self.run_tool("strip", *options, "-", "-", stdin=piped).stdout, raw)
-        old = os.umask(0o027)
-        self.run_tool("protect", "raw", "mode")
-        os.umask(old)
-        self.assertEqual(os.stat("mode").st_mode & 0o777, 0o640)
-
-    def damaged(self):
-        """An image from LBA 100 with five faults in three requests, and what they are."""
-        self.run_tool("protect", "--force", "--lba", "100", self.write("raw", ODD_RAW), "img")
-        image = bytearray(pathlib.Path("img").read_bytes())
-        image[5 * 520 + 515] = 0  # no valid LBA, and no fault
-        image[7 * 520 + 300] ^= 0x10  # a bit of data
-        image[2047 * 520 + 512] ^= 1  # the guard in the last block of the first request
-        image[2048 * 520 + 519] ^= 1  # the LBA in the first block of the second
-        image[2050 * 520 + 514] = 0x1F  # a version that is none
-        image[6199 * 520 + 514] = 0x29  # a version whose guard this is not, in the last block
-        image[4100 * 520 : 4101 * 520] = bytes(512) + b"\0\0\x13\x03" + (4200).to_bytes(4, "big")  # BST, and no fault
-        self.write("img", image)
-        return [(7, 107, "guard"), (2047, 2147, "guard"), (2048, 2148, "LBA"),
-                (2050, 2150, "version"), (6199, 6299, "guard")]
-
-    def test_faults_are_named(self):
-        faults = self.damaged()
-        result = self.verify("--all", "--report", "--lba", "100", "img")
-        self.assertEqual(result["failed_blocks"], faults)
-        self.assertEqual(result["failed"], {"total": 5, "guard": 3, "LBA": 1, "version": 1})
-        self.assertEqual((result["blocks_checked"], result["complete"]), (6200, True))
-        self.assertEqual(result["report"], {"have_bst": True, "all_lba_valid": False, "all_zero": False,
-                                            "not_t10": True, "unknown_version": True,
-                                            "version_zero": False})
-        for extra in ([], ["--report"]):
-            result = self.verify(*extra, "--lba", "100", "img")
-            self.assertEqual((result["failed_blocks"], result["blocks_checked"]), (faults[:1], 8))
-        self.assertEqual(result["report"]["unknown_version"], True)  # of the image, beyond the first fault
-        self.assertEqual(self.verify("--all", "--no-lba", "img")["failed"]["LBA"], 0)
-
-        text = self.run_tool("verify", "--all", "--lba", "100", "img", status=1).stdout.decode().splitlines()
-        self.assertIn("img: block 2048, LBA 2148: LBA error", text[2])
-        self.assertEqual(text[-1], "img: blocks checked 6200, failed 5 (guard 3, LBA 1, version 1)")
-        # The first fault of an image need not be in its first request.
-        last = self.verify("--lba", "2151", "-", stdin=pathlib.Path("img").read_bytes()[2051 * 520 :])
-        self.assertEqual((last["failed_blocks"], last["blocks_checked"]), ([(4148, 6299, "guard")], 4149))
-
-    def test_required_guard_and_blocks_without_lba(self):
-        self.run_tool("protect", "--no-lba", self.write("raw", RAW[: 3 * 512]), "img")
-        mixed = pathlib.Path("img").read_bytes() + expected_image(RAW[:512], 520, "crc32c", None) + bytes(520)
-        self.assertEqual(self.verify("--lba", "9", "-", stdin=mixed, status=0)["blocks_checked"], 5)
-        by_crc = {crc: self.verify("--all", "--crc", crc, "-", stdin=mixed)["failed_blocks"] for crc in TUPLE_VERSION}
-        self.assertEqual(by_crc["t10"], [(i, i, "version") for i in (3, 4)])
-        self.assertEqual(by_crc["crc32c"], [(i, i, "version") for i in (0, 1, 2, 4)])
-
-    def test_strip_of_a_damaged_image_leaves_nothing(self):
-        self.damaged()
-        before = sorted(os.listdir("."))
-        line = self.run_tool("strip", "--lba", "100", "img", "back", status=1).stderr.decode()
-        self.assertIn("block 7, LBA 107: guard error", line)
-        every = self.run_tool("strip", "--all", "--lba", "100", "img", "back", status=1).stderr.decode().splitlines()
-        self.assertEqual((len(every), sorted(os.listdir("."))), (6, before))
-        # Two whole requests of good blocks go ahead of the faults, and out.
-        image = expected_image(RAW[:512], 520, "t10", 100) + bytes(4095 * 520) + pathlib.Path("img").read_bytes()
-        piped = self.run_tool("strip", "--lba", "100", "-", "-", stdin=image, status=1)
-        self.assertEqual(piped.stdout, RAW[:512] + bytes(4095 * 512))
-        self.assertIn("cannot be undone", piped.stderr.decode())
-
-    def test_refusals(self):
-        for name, content in ("raw", RAW[:4096]), ("odd", RAW[:1000]), ("empty", b""), ("taken", b"old"), \
-                ("good", bytes(8 * 520)), ("nine", bytes(9 * 520)), ("big", bytes(6200 * 520)):
-            self.write(name, content)
-        os.mkdir("folder")
-        full = open("/dev/full", "wb")
-        self.addCleanup(full.close)
-        for args, says, kwargs in (
-            (["protect", "odd", "new"], ["odd", "1000", "512"], {}),
-            (["verify", "odd"], ["odd", "480 bytes", "520"], {}),
-            (["verify", "-"], ["standard input", "480 bytes"], {"stdin": RAW[:1000]}),
-            (["protect", "-", "new"], ["standard input", "488 bytes"], {"stdin": RAW[:1000]}),
-            (["protect", "empty", "new"], ["empty"], {}),
-            (["verify", "-"], ["standard input", "empty"], {}),
-            (["protect", "missing", "new"], ["missing", "No such file"], {}),
-            (["protect", "folder", "new"], ["folder", "directory"], {}),
-            (["protect", "raw", "folder", "--force"], ["folder", "regular"], {}),
-            (["protect", "raw", "/dev/null", "--force"], ["/dev/null", "regular"], {}),
-            (["protect", "raw", "missing/new"], ["missing", "No such file"], {}),
-            (["protect", "raw", "taken"], ["taken", "--force"], {}),
-            (["protect", "raw", "-"], ["standard output", "offset 0", "No space"], {"stdout": full}),
-            (["verify", "-"], ["standard output", "No space"], {"stdin": bytes(520), "stdout": full}),
-            (["protect", "--block", "512", "raw", "new"], ["--block", "512"], {}),
-            (["protect", "--lba", "-1", "raw", "new"], ["--lba", "-1"], {}),
-            (["protect", "--lba", "18446744073709551616", "raw", "new"], ["--lba", "18446744073709551616"], {}),
-            (["protect", "--crc", "crc64", "raw", "new"], ["--crc", "crc64"], {}),
-            (["protect", "raw"], ["DST"], {}),
-            ([], ["a command", "required"], {}),
-            (["verfy", "raw"], ["verfy"], {}),
-            (["protect", "--entry", "1000", "raw", "new"], ["--entry 1000", "520"], {}),
-            (["verify", "--entry", "0", "--block", "4160", "good"], ["--entry 0", "4160"], {}),
-            (["inject", "--force", "--at", "0", "--bst", "odd"], ["odd", "480 bytes", "520"], {}),
-            (["inject", "--at", "0", "--bst", "-"], ["standard input", "in place"], {}),
-            (["inject", "--at", "0", "good"], ["--version", "--crc", "--lba", "--bst"], {}),
-            (["inject", "--at", "6,3", "--bst", "good"], ["--at 6,3", "good", "8 blocks"], {}),
-            (["inject", "--first-lba", "9", "--at", "8", "--bst", "good"], ["--at 8,1", "LBA 9"], {}),
-            (["inject", "--at", "0", "--version", "256", "good"], ["--version", "256", "255"], {}),
-            (["inject", "--at", "0", "--crc", "0x10000", "good"], ["--crc", "0x10000", "65535"], {}),
-            (["relabel", "good"], ["--lba", "--crc", "--version-only"], {}),
-            (["relabel", "--lba", "1", "--bitmap", "0,5-3", "good"], ["--bitmap", "'5-3'"], {}),
-            (["relabel", "--lba", "1", "--bitmap", "2-8,1", "good"], ["good", "block 8", "8 blocks"], {}),
-            (["relabel", "--force", "--lba", "1", "big"], ["offset 2129920", "before block 4096 of 6200"],
-             {"preexec_fn": lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (2129920, 2129920))}),
-            (["fold", "nine", "new"], ["nine", "1 blocks", "multiple of 8"], {}),
-            (["fold", "-", "new"], ["standard input", "1 blocks"], {"stdin": bytes(9 * 520)}),
-            (["protect", "-", "new"], ["new", "File too large", "offset 1048576"], {"stdin": RAW, "preexec_fn":
-                lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (1 << 20, 1 << 20))}),
+    def test_images(self):
+        """What commands make of whole images, in files and through pipes."""
+        at9, large = protected(RAW, lba=9), protected(RAW, 4160, CRC32C, 2)
+        ten = RAW[: 10 * 4096]  # blocks of 4160, from here on
+        place, edit = "--block 4160 --first-lba 0x1fffffffe", functools.partial(edited, block=4160)
+        t10, crc32c = (protected(ten, 4160, version, 0x1FFFFFFFE) for version in (T10, CRC32C))
+        for command, before, after in (
+            ("protect --lba 100", RAW, IMAGE),
+            ("protect --lba 100 --entry 520", RAW, IMAGE),
+            ("protect --lba 100 --entry 33280", RAW, IMAGE),
+            ("protect --block 4160 --crc crc32c --lba 2", RAW, large),
+            ("protect --block 4160 --no-lba", ten, protected(ten, 4160, T10, None)),
+            ("strip --lba 100", IMAGE, RAW),
+            ("strip --lba 100 --entry 545259520", IMAGE, RAW),
+            ("strip --block 4160 --no-lba --entry 4160", large, RAW),
+            ("fold --first-lba 100 --crc crc32c --lba 2", IMAGE, large),
+            ("fold --no-lba", IMAGE, protected(RAW, 4160, T10, None)),
+            ("relabel --first-lba 100 --lba 9", IMAGE, at9),
+            ("relabel --first-lba 100 --lba 9 --bitmap 6199,2040-0x802,2050-2060", IMAGE,
+             edited(IMAGE, *((i, LBA, (9 + i).to_bytes(4, "big")) for i in [*range(2040, 2061), 6199]))),
+            ("inject --first-lba 100 --at 103,3000 --lba 12", IMAGE,
+             edited(IMAGE, *((i, LBA, (9 + i).to_bytes(4, "big")) for i in range(3, 3003)))),
+            (f"inject {place} --at 0x1ffffffff --version 255", t10, edit(t10, (1, VERSION, b"\xFF"))),
+            (f"inject {place} --at 0x200000001 --crc 0x1234", t10, edit(t10, (3, GUARD, b"\x34\x12"))),
+            (f"inject {place} --at 8589934594,2 --lba 0x1000000ff", t10,
+             edit(t10, (4, LBA, b"\0\0\0\xFF"), (5, LBA, b"\0\0\1\0"))),
+            (f"inject {place} --at 8589934597,2 --bst", t10, edit(t10, (7, FLAGS, b"\3"), (8, FLAGS, b"\3"))),
+            (f"relabel {place} --crc crc32c", t10, crc32c),
+            (f"relabel {place} --version-only --crc crc32c --bitmap 9", t10, edit(t10, (9, VERSION, b"\x29"))),
+            (f"relabel {place} --lba 77 --crc t10", edit(crc32c, (7, FLAGS, b"\3")),
+             edit(protected(ten, 4160, T10, 77), (7, FLAGS, b"\3"))),
+            (f"convert {place}", t10[: 4 * 4160] + crc32c[4 * 4160 :], t10),
         ):
-            with self.subTest(args=args):
-                self.refused(*args, says=says, **kwargs)
-        self.assertEqual([pathlib.Path(name).read_bytes() for name in ("taken", "good")], [b"old", bytes(8 * 520)])
-        os.chmod("raw", 0), os.chmod(".", 0o755)
-        user = {"user": 65534} if os.getuid() == 0 else {}
-        self.refused("verify", "raw", says=["raw", "Permission denied"], **user)
+            with self.subTest(command):
+                words = command.split()
+                self.write("img", before)
+                if words[0] in ("protect", "strip", "fold"):
+                    self.run_tool(*words, "--force", "img", "new")
+                    self.is_file("new", after)
+                    self.assertTrue(self.run_tool(*words, "-", "-", input=before) == after)
+                else:
+                    self.run_tool(*words, "img")
+                    self.is_file("img", after)
 
-    @contextlib.contextmanager
-    def waiting_tool(self, *args, **kwargs):
-        """A command that has read almost 2 MiB of its standard input and waits for more."""
-        with subprocess.Popen([DIFCTL, *args], stdin=subprocess.PIPE, stderr=subprocess.PIPE, **kwargs) as tool:
-            tool.stdin.write(RAW[: 2 << 20])
-            tool.stdin.flush()
-            yield tool
+    def test_damaged_images(self):
+        self.write("img", DAMAGED)
+        why = "; nothing is changed, --force goes ahead without this check\n"
+        for command in "inject --at 200 --bst", "relabel --lba 1", "convert":
+            base = [*command.split(), "--first-lba", "100", "img"]
+            self.run_tool(*base, status=1, says=[FAULT_LINES[0], ENDED + why])
+            self.run_tool(*base, "--all", status=1, says=[*FAULT_LINES, TOTALS + why])
+            self.is_file("img", DAMAGED)
+        for command in "strip", "fold":
+            base = [command, "--first-lba", "100", "img"]
+            self.run_tool(*base, "new", status=1, says=[FAULT_LINES[0], ENDED + "; nothing is written to new\n"])
+            self.run_tool(*base, "--all", "-", status=1,
+                          says=[*FAULT_LINES, TOTALS + "; nothing is written to standard output\n"])
+        self.assertEqual(os.listdir("."), ["img"])
+        raw = self.run_tool("strip", "--no-lba", "-", "-", input=IMAGE[: 4096 * 520] + DAMAGED, status=1,
+                            says=re.compile(".*goes on; what was written to standard output cannot be undone\n"))
+        self.assertTrue(raw == RAW[: 4096 * 512])  # the requests before the one that fails
+        self.run_tool("inject", "--force", "--first-lba", "100", "--at", "100", "--crc", "0", "img")
+        self.is_file("img", edited(DAMAGED, (0, GUARD, bytes(2))))
+        damaged = edited(protected(RAW, 520, CRC32C, 100), (2050, -1, b"\0"), (6199, GUARD, bytes(2)))
+        converted = IMAGE[: 2050 * 520] + damaged[2050 * 520 : 2051 * 520] + IMAGE[2051 * 520 : -520] + damaged[-520:]
+        says = [fault_line(2050, "guard", damaged), fault_line(6199, "guard", damaged),
+                "img: blocks checked 6200, failed 2 (guard 2, LBA 0, version 0); these are left as they were\n"]
+        for kwargs in {"says": says}, {"preexec_fn": lambda: os.close(2)}:  # whose number the image must not get
+            self.write("img", damaged)
+            self.run_tool("convert", "--force", "--first-lba", "100", "img", status=1, **kwargs)
+            self.is_file("img", converted)
 
-    def test_interrupts_and_closed_pipes(self):
-        for number in (signal.SIGINT, signal.SIGTERM):
-            with self.waiting_tool("protect", "-", "new") as tool:
-                self.assertEqual(len(os.listdir(".")), 1)  # the unfinished file
-                tool.send_signal(number)
-                self.assertEqual(tool.wait(timeout=20), 2)
-                self.assertIn(f"difctl: interrupted by {number.name}; ", tool.stderr.read().decode())
-            self.assertEqual(os.listdir("."), [])
-        # The reader of the output goes away while the tool waits for input: the failing write ends it all the same.
-        with self.waiting_tool("protect", "-", "-", stdout=subprocess.PIPE) as tool:
-            tool.stdout.close()
-            self.assertEqual(tool.wait(timeout=20), 2)
-            self.assertRegex(tool.stderr.read().decode(), "^difctl: standard output: .*Broken pipe")
+    def test_verify_tells_every_fault(self):
+        self.write("img", DAMAGED)
+        answers = {"some block carries the BST mark": "have_bst", "every block has a valid LBA": "all_lba_valid",
+                   "every block is zero data": "all_zero", "some version is neither 0x00 nor 0x13 (T10)": "not_t10",
+                   "some version is unknown": "unknown_version", "some version is 0x00 or 0xff": "version_zero"}
+        holds = {"have_bst", "not_t10", "unknown_version"}
+        report = "".join(f"{words}: {'yes' if key in holds else 'no'}\n" for words, key in answers.items())
+        for every, lines, end in (["--all"], FAULT_LINES, TOTALS), ([], FAULT_LINES[:1], ENDED):
+            base = ["verify", "--lba", "100", *every, "img"]
+            self.assertEqual(self.run_tool(*base, status=1).decode(), "".join(lines) + end + "\n")
+            self.assertEqual(self.run_tool(*base, "--report", status=1).decode(), "".join(lines) + report + end + "\n")
+            found = [{"block": block, "lba": 100 + block, "kind": kind, "tuple": fault_line(block, kind).split()[-1]}
+                     for block, kind in FAULTS.items()][: len(lines)]
+            failed = {kind: sum(fault["kind"] == kind for fault in found) for kind in ("guard", "LBA", "version")}
+            self.assertEqual(json.loads(self.run_tool(*base, "--json", "--report", status=1)), {
+                "image": "img", "block_size": 520, "lba": 100, "failed_blocks": found,
+                "failed": {"total": len(found), **failed}, "complete": bool(every),
+                "blocks_checked": 6200 if every else 8,
+                "report": {key: key in holds for key in answers.values()}})
+        result = json.loads(self.run_tool("verify", "--json", "--no-lba", self.write(b"\xff", IMAGE)))
+        self.assertEqual((result["image"], result["failed_blocks"], "report" in result), ("\ufffd", [], False))
+        for args in ["-v", "verify"], ["verify", "-v"]:  # the library's own words, on demand
+            self.run_tool(*args, "--lba", "100", "img", status=1, says=re.compile(".*NOTICE.*"))
 
-    def test_files_that_change_meanwhile(self):
-        with self.waiting_tool("protect", "-", "new") as tool:
-            self.write("new", b"of another")
-            tool.stdin.close()
-            self.assertEqual(tool.wait(timeout=20), 2)
-            self.assertIn("new: has appeared", tool.stderr.read().decode())
-        self.assertEqual((pathlib.Path("new").read_bytes(), os.listdir(".")), (b"of another", ["new"]))
-        os.truncate(self.write("raw", b""), 256 << 20)
-        with subprocess.Popen([DIFCTL, "protect", "raw", "-"], stdout=subprocess.PIPE, stderr=subprocess.PIPE) as tool:
-            tool.stdout.read(1)  # it has begun, and the full pipe holds it
-            os.truncate("raw", 128 << 20)
-            tool.stdout.read()
-            self.assertEqual(tool.wait(timeout=20), 2)
-            self.assertIn("raw: changed its length", tool.stderr.read().decode())
+    def test_verify_questions(self):
+        t10, crc32c = protected(RAW[:1024], lba=None), protected(RAW[:512], 520, CRC32C, None)
+        zero, first = protected(bytes(2 * 512), lba=0), 0xFFFFFFFE
+        standard = b"".join(data + guard(T10, data) + (b"\xFF\xFF" if index % 8 == 1 else b"ab") +
+                            (first + index & 0xFFFFFFFF).to_bytes(4, "big")
+                            for index, data in enumerate(RAW[at : at + 512] for at in range(0, 40 * 512, 512)))
+        bad = edited(standard, *((index, offset, b"\xA5") for index, offset in
+                                 ((3, -9), (9, 0), (17, 7), (18, 1), (20, 0), (20, 4), (39, 5))))
+        for image, options, faults, holds in (
+            (zero, "--report", {}, ["all_lba_valid", "all_zero"]),
+            (edited(zero, (0, FLAGS, b"\3")) + t10, "--report --no-lba", {}, ["have_bst"]),
+            (bytes(5 * 520), "--report", {}, ["all_zero", "version_zero"]),
+            (bytes(2048 * 520) + protected(RAW[:512], lba=2048), "--report", {}, ["version_zero"]),
+            (t10 + crc32c, "--report --lba 9", {}, ["not_t10"]),
+            (t10 + crc32c + bytes(520), "--all --crc t10", {2: "version", 3: "version"}, []),
+            (t10 + crc32c + bytes(520), "--all --crc crc32c", {0: "version", 1: "version", 3: "version"}, []),
+            (t10 + crc32c, "--crc crc32c", {0: "version"}, []), (standard, f"--standard --lba {first}", {}, []),
+            (bad, f"--standard --lba {first}", {3: "guard"}, []),
+            (bad, f"--standard --lba {first} --all --entry 1040", {3: "guard", 18: "guard", 20: "LBA", 39: "LBA"}, []),
+            (bad, "--standard --no-lba --all", {3: "guard", 18: "guard", 20: "guard"}, []),
+        ):
+            result = self.run_tool("verify", "--json", *options.split(), "-", input=image, status=int(bool(faults)))
+            result = json.loads(result)
+            self.assertEqual({fault["block"]: fault["kind"] for fault in result["failed_blocks"]}, faults, options)
+            self.assertEqual([key for key, answer in result.get("report", {}).items() if answer], holds)
 
-    def test_list_entries_make_no_difference(self):
-        self.run_tool("protect", self.write("raw", ODD_RAW), "img")
-        for entry in "520", "1040", "33800", "1560000000":  # up to 2048 entries a request, and one
-            self.run_tool("protect", "--force", "--entry", entry, "raw", "same")
-            self.assertEqual(pathlib.Path("same").read_bytes(), pathlib.Path("img").read_bytes(), entry)
-            self.run_tool("strip", "--force", "--entry", entry, "img", "back")
-            self.assertEqual(pathlib.Path("back").read_bytes(), ODD_RAW, entry)
-        faults = self.damaged()
-        self.assertEqual(self.verify("--all", "--entry", "1560", "--lba", "100", "img")["failed_blocks"], faults)
+    def test_show(self):
+        shown_as = {  # behind zero data, from LBA 0x1fffffffe on
+            "0000 00 00 00000000": "guard 0000 (expected 0000), version 0x00 none, flags 0x00, LBA 0",
+            "0100 13 02 ffffffff": "guard 0100 (expected 0000), version 0x13 t10, flags 0x02 lba-valid, "
+                                   "LBA 4294967295 (expected 4294967295); wrong: guard",
+            "0000 29 03 00000009": "guard 0000 (expected c0ed), version 0x29 crc32c, flags 0x03 bst lba-valid, "
+                                   "LBA 9 (expected 0); wrong: guard LBA",
+            "1234 34 00 00000007": "guard 1234, version 0x34 no-crc, flags 0x00, LBA 7",
+            "0000 1f 00 00000000": "guard 0000, version 0x1f invalid, flags 0x00, LBA 0; wrong: version",
+            "0000 ff 01 00000000": "guard 0000, version 0xff unknown, flags 0x01 bst, LBA 0; wrong: version",
+            "0000 ff ff 00000000": "guard 0000, version 0xff unknown, flags 0xff bst lba-valid, LBA 0; "
+                                   "exempt from checks",
+        }
+        lines = [f"block {index}, LBA {0x1FFFFFFFE + index}: {text}\n" for index, text in enumerate(shown_as.values())]
+        self.write("img", b"".join(bytes(512) + bytes.fromhex(fields) for fields in shown_as))
+        base = ["show", "--lba", "0x1fffffffe", "img", "--at"]
+        self.assertEqual(self.run_tool(*base, "0x1fffffffe,7").decode(), "".join(lines))
+        self.assertEqual(self.run_tool(*base, str(0x1FFFFFFFE + 4)).decode(), lines[4])
+        large = protected(RAW[: 600 * 4096], 4160, CRC32C, 100)  # three requests
+        lines = self.run_tool("show", "--block", "4160", "--lba", "100", self.write("img", large), "--at", "199,450")
+        self.assertEqual(lines.count(b"expected"), 900)
+        self.assertEqual(re.findall(r"block (\d+)|(wrong)", lines.decode()), [(str(i), "") for i in range(99, 549)])
 
-    def is_image(self, *parts):
-        self.assertEqual(pathlib.Path("img").read_bytes(), b"".join(parts))
-
-    def test_inject_show_relabel(self):
-        for block, size in DATA_SIZE.items():
-            good = expected_image(RAW[: 10 * size], block, "t10", 0x1FFFFFFFE)
-            at = lambda index, byte: index * block + size + byte
-            base = ["--block", str(block), "--first-lba", "0x1fffffffe", self.write("img", good)]
-            image = good
-            for index, faults, edits in (
-                (1, ["--version", "0x1f"], [(at(1, 2), b"\x1f")]),
-                (3, ["--crc", "0x1234"], [(at(3, 0), b"\x34\x12")]),
-                (4, ["--lba", "0x1000000ff"], [(at(4, 4), b"\0\0\0\xff"), (at(5, 4), b"\0\0\1\0")]),
-                (7, ["--bst"], [(at(7, 3), b"\3"), (at(8, 3), b"\3")]),
-            ):
-                place = ["--at", f"{0x1FFFFFFFE + index},{len(edits)}"]
-                if image != good:
-                    refusal = self.run_tool("inject", *base, *place, *faults, status=1).stderr.decode()
-                    self.assertIn("block 1, LBA 8589934591: version error", refusal)
-                    self.is_image(image)
-                self.run_tool("inject", *base, *place, *faults, *(["--force"] if image != good else []))
-                image = edited(image, *edits)
-                self.is_image(image)
-            wrong = {1: "version", 3: "guard", 4: "LBA", 5: "LBA"}
-            self.assertEqual(self.verify("--all", *base)["failed_blocks"],
-                             [(index, 0x1FFFFFFFE + index, kind) for index, kind in wrong.items()])
-            lines = self.run_tool("show", *base, "--at", f"{0x1FFFFFFFE},10").stdout.decode().splitlines()
-            for index, line in zip(range(10), lines, strict=True):
-                guard, lba = good[at(index, 0) : at(index, 2)].hex(), index - 2 & 0xFFFFFFFF
-                found, found_lba = ("3412", lba) if index == 3 else (guard, {4: 255, 5: 256}.get(index, lba))
-                self.assertEqual(line, f"block {index}, LBA {0x1FFFFFFFE + index}: guard {found}" + (
-                    ", version 0x1f invalid" if index == 1 else f" (expected {guard}), version 0x13 t10") +
-                    f", flags {'0x03 bst' if index in (7, 8) else '0x02'} lba-valid, LBA {found_lba} (expected {lba})" +
-                    (f"; wrong: {wrong[index]}" if index in wrong else ""))
-            repair = ["--force", "--crc", "t10", "--lba", str(0x1FFFFFFFE)]
-            marks = [(at(7, 3), b"\3"), (at(8, 3), b"\3")]
-            self.run_tool("relabel", *base, *repair, "--bitmap", "3-4,1")
-            self.is_image(edited(good, (at(5, 4), b"\0\0\1\0"), *marks))
-            self.run_tool("relabel", *base, *repair)
-            self.run_tool("relabel", *base, "--lba", "77")
-            t10, crc32c = (edited(expected_image(RAW[: 10 * size], block, crc, 77), *marks) for crc in TUPLE_VERSION)
-            self.is_image(t10)
-            base[3] = "77"
-            self.run_tool("relabel", *base, "--version-only", "--crc", "crc32c", "--bitmap", "9")
-            self.is_image(edited(t10, (at(9, 2), b"\x29")))
-            self.run_tool("relabel", *base, "--force", "--crc", "crc32c")
-            self.is_image(crc32c)
-            bad = edited(crc32c, (at(2, -1), bytes([crc32c[at(2, -1)] ^ 1])))
-            self.write("img", bad)
-            for force in [], ["--force"]:
-                says = self.run_tool("convert", *base, *force, status=1).stderr.decode()
-                self.assertIn("block 2, LBA 79: guard error", says)
-                self.is_image(*([t10[: 2 * block], bad[2 * block : 3 * block], t10[3 * block :]] if force else [bad]))
-            self.write("img", crc32c)
-            self.run_tool("convert", *base)
-            self.is_image(t10)
-
-    def test_fields_go_on_from_request_to_request(self):
-        self.write("raw", ODD_RAW)
-        base0, base9, base5000 = (self.run_tool("protect", "--lba", lba, "raw", "-").stdout
-                                  for lba in ("0", "9", "5000"))
-        self.write("img", base0)
-        self.run_tool("relabel", "--lba", "5000", "img")
-        self.is_image(base5000)
-        self.run_tool("inject", "--first-lba", "5000", "--at", "5003,3000", "--lba", "12", "img")
-        self.is_image(base5000[: 3 * 520], base9[3 * 520 : 3003 * 520], base5000[3003 * 520 :])
-        self.write("img", base0)
-        self.run_tool("relabel", "--lba", "9", "--bitmap", "6199,2040-0x802,2050-2060", "img")
-        self.is_image(base0[: 2040 * 520], base9[2040 * 520 : 2061 * 520], base0[2061 * 520 : -520], base9[-520:])
-
-    def test_fold(self):
-        raw = RAW[: 24 * 512]
-        image = expected_image(raw, 520, "crc32c", 9)
-        for crc, lba in ("t10", None), ("crc32c", 0x1FFFFFFFF):
-            place = [] if lba is None else ["--lba", str(lba)]
-            large = self.run_tool("fold", "--first-lba", "9", "--crc", crc, *place, "-", "-", stdin=image).stdout
-            self.assertEqual(large, expected_image(raw, 4160, crc, lba))
-            self.verify("--block", "4160", *place, "-", stdin=large, status=0)
-        self.run_tool("protect", self.write("raw", RAW), "img")
-        self.run_tool("fold", "img", "large")
-        self.run_tool("protect", "--block", "4160", "--no-lba", "raw", "same")
-        self.assertEqual(pathlib.Path("large").read_bytes(), pathlib.Path("same").read_bytes())
-        self.damaged()
-        before = sorted(os.listdir("."))
-        says = self.run_tool("fold", "--all", "--first-lba", "100", "img", "new", status=1).stderr.decode()
-        self.assertEqual((len(says.splitlines()), sorted(os.listdir("."))), (6, before))
-
-    def test_standard_tuples(self):
-        image, lba = b"", 0xFFFFFFFE
-        for index in range(40):
-            data, tag = RAW[index * 512 : index * 512 + 512], (0xFFFF if index % 8 == 1 else index).to_bytes(2, "big")
-            image += data + crc16_t10(data).to_bytes(2, "big") + tag + (lba + index & 0xFFFFFFFF).to_bytes(4, "big")
-        args = ["--standard", "--lba", str(lba), "--entry", "1040", "-"]
-        self.assertEqual(self.verify(*args, stdin=image, status=0)["blocks_checked"], 40)
-        bad = edited(image, *((index * 520 + byte, b"\xA5") for index, byte in
-                              ((3, 7), (9, 512), (17, 519), (18, 513), (20, 512), (20, 516), (39, 517))))
-        faults = [(3, lba + 3, "guard"), (18, lba + 18, "guard"), (20, lba + 20, "LBA"), (39, lba + 39, "LBA")]
-        self.assertEqual(self.verify("--all", *args, stdin=bad)["failed_blocks"], faults)
-        self.assertEqual(self.verify(*args, stdin=bad)["failed_blocks"], faults[:1])
-        self.assertEqual(len(self.verify("--all", "--no-lba", *args, stdin=bad)["failed_blocks"]), 3)
-
-    def test_interrupt_in_place_ends_between_requests(self):
-        blocks = 2048 * 200
-        os.truncate(self.write("img", b""), blocks * 520)
-        image = os.open("img", os.O_RDONLY)
-        self.addCleanup(os.close, image)
-        command = [DIFCTL, "relabel", "--force", "--lba", "1", "img"]
-        with subprocess.Popen(command, stderr=subprocess.PIPE) as tool:
-            while os.pread(image, 1, 515) == b"\0":  # until the first request is written
-                pass
-            tool.send_signal(signal.SIGINT)
-            self.assertEqual(tool.wait(timeout=20), 2)
-            line = tool.stderr.read().decode()
-        said = f"difctl: interrupted by SIGINT; the blocks before block (\\d+) of {blocks} are done\n"
-        reached = int(re.fullmatch(said, line)[1])
-        self.assertEqual((reached % 2048, 0 < reached < blocks), (0, True))
-        for index in range(blocks):
-            lba = os.pread(image, 8, index * 520 + 512)
-            self.assertEqual(lba, b"\0\0\0\2" + (index + 1).to_bytes(4, "big") if index < reached else bytes(8), index)
-
-    def test_operator_commands(self):
-        shell = self.run_tool("shell", stdin=b"dif showdifswitch\n\nnonsense\nhelp dif\nexit\nmetrics\n", status=2)
-        out = shell.stdout.decode()
-        for part in "dif switch status: on\n", "unknown command 'nonsense'", "SYNOPSIS\n        dif showverifylevel":
-            self.assertIn(part, out)
-        self.assertNotIn("dif_switch", out)  # exit left the commands behind it alone
-        self.run_tool("shell", "--cli", stdin=b"dif showverifylevel\n")
-        self.run_tool("shell", "--cli", stdin=b"dif showdifswitch\n", status=2)
-        self.assertIn(b"Test PASS", self.run_tool("selftest", "--times", "3", "--len", "513").stdout)
-        self.run_tool("selftest", "--len", "0", status=1)
-        self.refused("attach", "nowhere.sock", "metrics", says=["nowhere.sock", "No such file"])
-        self.damaged()
-        stats = self.run_tool("verify", "--all", "--lba", "100", "--stats", "--metrics", "m.prom", "img", status=1).stdout
+    def test_stats_and_metrics(self):
+        self.write("img", DAMAGED)
+        for _ in range(2):  # the second file replaces the first
+            stats = self.run_tool("verify", "--all", "--lba", "100", "--stats", "--metrics", "m.prom", "img", status=1)
         counters = re.search(rb"DIFCTL_IMAGE_VERIFY +0 +(\d+) +(\d+) +(\d+)\n", stats).groups()
         metrics = pathlib.Path("m.prom").read_bytes()
         for kind, count in zip((b"lba", b"crc", b"version"), counters):
             self.assertIn(b'kind="%s_error"} %s\n' % (kind, count), metrics.replace(b'mid="2"', b""))
             self.assertGreater(int(count), 0)
-        self.refused("verify", "--metrics", "no/where", "img", "--lba", "100", says=["no/where"])
+        self.refused("verify", "--metrics", "no/where", "img", "--lba", "100", says="no/where: cannot create a file")
 
-    def test_memory_stays_below_64_mib(self):
-        if SANITIZED:
-            self.skipTest("a sanitizer needs memory of its own")
-        for args, status in (["protect", "-", "img"], 0), (["verify", "--all", "--no-lba", "-"], 1):
-            with subprocess.Popen([DIFCTL, *args], stdin=subprocess.PIPE, stdout=subprocess.DEVNULL) as tool:
-                for _ in range(65):
-                    tool.stdin.write(RAW[: 520 << 13])
-                peak = int(re.search(r"VmHWM:\s*(\d+)", pathlib.Path(f"/proc/{tool.pid}/status").read_text())[1])
+    def test_refusals(self):
+        for name, content in (("raw", RAW[:4096]), ("odd", RAW[:1000]), ("empty", b""), ("taken", b"old"),
+                              ("good", bytes(8 * 520)), ("nine", bytes(9 * 520)), ("big", bytes(6200 * 520))):
+            self.write(name, content)
+        os.mkdir("folder"), os.mkfifo("fifo"), os.symlink("nowhere", "link")
+        for command, says in {
+            "protect odd new": "odd: length 1000 is not whole blocks of 512 bytes: 488 bytes are left after 1 blocks",
+            "protect empty new": "empty: is empty, an image has at least one block",
+            "protect missing new": "missing: cannot open: No such file",
+            "protect folder new": "folder: is a directory",
+            "protect raw fifo --force": "fifo: is not a regular file; write to '-' and redirect that",
+            "protect raw missing/new": "missing/new: cannot create a file in missing: No such file",
+            "protect raw taken": "taken: exists already; --force replaces it",
+            "protect raw link": "link: exists already",
+            "protect --block 512 raw new": "--block: 512 not in {520,4160}; --help tells more",
+            "protect --lba -1 raw new": "--lba: '-1' is not a number from 0 to 18446744073709551615",
+            "protect --lba 1 --no-lba raw new": "excludes",
+            "protect --crc crc64 raw new": "crc64 not in {t10,crc32c}",
+            "protect raw": "DST is required",
+            "": "a command: protect, verify, strip, show, inject, relabel, convert, fold, shell, attach or selftest",
+            "verify --entry 0 --block 4160 good": "--entry 0: a list entry holds whole blocks of 4160 bytes, at least",
+            "verify --standard --crc t10 good": "excludes",
+            "verify --standard --report good": "excludes",
+            "verify --stats --json good": "excludes",
+            "show - --at 0": "standard input: has no known length",
+            "show good --at 0,0": "--at '0,0': is not an LBA or LBA,COUNT with a COUNT from 1 on",
+            "inject --at 0 --bst -": "standard input: cannot be changed in place; name a file",
+            "inject --at 0 good": "no fault is asked for; give at least one of --version, --crc, --lba and --bst",
+            "inject --at 6,3 --bst good": "--at 6,3: is not all in good, whose 8 blocks start at LBA 0",
+            "inject --at 20 --bst good": "--at 20,1: is not all in good",
+            "verify --entry 1000 good": "--entry 1000: a list entry holds whole blocks of 520 bytes",
+            "inject --at 0 --version 256 good": "--version: '256' is not a number from 0 to 255",
+            "inject --at 0 --crc 0x10000 good": "--crc: '0x10000' is not a number from 0 to 65535",
+            "relabel --lba 1 missing": "missing: cannot open for writing: No such file",
+            "relabel good": "relabel: no field is asked for; give at least one of --lba, --crc and --version-only",
+            "relabel --lba 1 --version-only good": "excludes",
+            "relabel --lba 1 --bitmap 0,5-3 good": "--bitmap '0,5-3': '5-3' is neither a block nor a range FIRST-LAST",
+            "relabel --lba 1 --bitmap 18446744073709551615 good": "is neither a block",
+            "relabel --lba 1 --bitmap 2-8,1 good": "good has no block 8, its 8 blocks count from 0",
+            "fold nine new": "nine: has 1 blocks beyond a multiple of 8",
+            "attach nowhere.sock metrics": "nowhere.sock: cannot run a command through this socket: No such file",
+        }.items():
+            with self.subTest(command):
+                self.refused(*command.split(), says=says)
+        end, terminal = pty.openpty()
+        full = os.open("/dev/full", os.O_WRONLY)
+        limit = lambda size: {"preexec_fn": lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (size, size))}
+        for command, says, kwargs in (
+            ("verify -", "standard input: is empty", {"input": b""}),
+            ("protect - new", "standard input: length 1000 is not", {"input": RAW[:1000]}),
+            ("protect - -", "488 bytes are left after 4097 blocks; what was written to standard output cannot be",
+             {"input": RAW[: 4097 * 512 + 488]}),
+            ("fold - new", "standard input: has 1 blocks beyond a multiple of 8", {"input": bytes(9 * 520)}),
+            ("protect raw -", "standard output: cannot write at offset 0: No space", {"stdout": full}),
+            ("protect raw -", "standard output: is a terminal; redirect it", {"stdout": terminal}),
+            ("verify good", "standard output: cannot write the results: No space", {"stdout": full}),
+            ("protect - new", "new: cannot write at offset 1048576: File too large", {"input": RAW, **limit(1 << 20)}),
+            ("relabel --force --lba 1 big", "offset 2129920: File too large; the blocks before block 4096 of 6200 are",
+             limit(2129920)),
+        ):
+            with self.subTest(command):
+                self.refused(*command.split(), says=says, **kwargs)
+        self.is_file("taken", b"old"), self.is_file("good", bytes(8 * 520))
+        os.chmod("raw", 0), os.chmod(".", 0o755)
+        user = {"user": 65534} if os.getuid() == 0 else {}
+        self.refused("verify", "raw", says="raw: cannot open: Permission denied", **user)
+
+    def test_streams_and_names(self):
+        self.write("raw", RAW), self.write("img", IMAGE)
+        with open("img", "rb") as image:  # from where it stands
+            image.seek(6000 * 520)
+            self.assertIn(b"blocks checked 200, failed 0", self.run_tool("verify", "--lba", "6100", "-", stdin=image))
+        stream, into = os.pipe()
+        os.set_blocking(into, False)
+        packets, feed = os.pipe2(os.O_DIRECT)  # reads end inside blocks
+        with running("protect", "--lba", "100", "-", "-", stdin=packets, stdout=into), open(stream, "rb") as image:
+            os.close(into)
+            for at in range(0, 2000 * 512, 700):
+                os.write(feed, RAW[at : min(at + 700, 2000 * 512)])
+            os.close(feed), os.close(packets)
+            self.assertTrue(image.read() == IMAGE[: 2000 * 520])
+        os.chmod("raw", 0o666), os.symlink("raw", "link")
+        old = os.umask(0o007)
+        self.run_tool("protect", "--lba", "100", "raw", "new")
+        os.umask(old)
+        self.assertEqual(os.stat("new").st_mode & 0o777, 0o660)
+        self.run_tool("protect", "--force", "--lba", "100", "raw", "link")
+        self.assertTrue(os.path.islink("link"))
+        self.is_file("raw", IMAGE)
+
+    def test_interrupts(self):
+        for number in signal.SIGINT, signal.SIGTERM, signal.SIGHUP:
+            for destination, left in (("new", "nothing new is left at new"),
+                                      ("-", "what was written to standard output cannot be undone")):
+                with running("protect", "-", destination, feed=RAW[: 2 << 20], stdout=subprocess.DEVNULL) as (tool, _):
+                    tool.send_signal(number)
+                    self.ended(tool, f"difctl: interrupted by {number.name}; {left}\n")
+            self.assertEqual(os.listdir("."), [])
+        ignore = lambda: signal.signal(signal.SIGINT, signal.SIG_IGN)
+        with running("protect", "-", "new", feed=RAW[: 2 << 20], preexec_fn=ignore) as (tool, _):
+            tool.send_signal(signal.SIGINT)
+            tool.stdin.close()
+            self.ended(tool, "", status=0)
+
+    def test_interrupts_in_place(self):
+        blocks = 1 << 30
+        os.truncate(self.write("img", b""), blocks * 520)  # zeros, which pass
+        for force, field, says in (([], "rchar", "nothing is changed"),
+                                   (["--force"], "wchar", rf"the blocks before block (\d+) of {blocks} are done")):
+            with running("relabel", "--lba", "1", *force, "img") as (tool, _):
+                process = pathlib.Path(f"/proc/{tool.pid}")
+                while int(re.search(field + r": (\d+)", (process / "io").read_text())[1]) < 100 << 20:
+                    time.sleep(0.01)
+                peak = int(re.search(r"VmHWM:\s*(\d+)", (process / "status").read_text())[1])
+                self.assertEqual(os.stat("img").st_blocks > 0, bool(force))
+                tool.send_signal(signal.SIGINT)
+                done = self.ended(tool, f"difctl: interrupted by SIGINT; {says}\n")
+            self.assertTrue(SANITIZED or peak < 64 << 10, f"{peak} KiB of memory")
+        reached = int(done[1])
+        self.assertEqual(reached % 2048, 0)
+        with open("img", "rb") as image:
+            tuples = image.read(reached * 520)
+            self.assertEqual(image.read(2048 * 520), bytes(2048 * 520))
+        self.assertTrue(tuples[515::520] == b"\2" * reached)
+        self.assertEqual(tuples[-4:], reached.to_bytes(4, "big"))
+
+    def test_what_comes_in_between(self):
+        with running("protect", "-", "new", feed=RAW[: 2 << 20]) as (tool, _):
+            self.write("new", b"of another")
+            tool.stdin.close()
+            self.ended(tool, "difctl: new: has appeared meanwhile and is left as it is; --force replaces it\n")
+        self.is_file("new", b"of another")
+        os.truncate(self.write("raw", b""), 256 << 20)
+        with running("protect", "raw", "-", stdout=subprocess.PIPE) as (tool, _):
+            tool.stdout.read(1)  # it has begun, and the full pipe holds it
+            os.truncate("raw", 128 << 20)
+            tool.stdout.read()
+            self.ended(tool, "difctl: raw: changed its length while it was read: 268435456 bytes at first, .*\n")
+        with running("protect", "-", "-", feed=RAW[: 2 << 20], stdout=subprocess.PIPE) as (tool, _):
+            tool.stdout.close()  # while it waits for input
+            self.ended(tool, "difctl: standard output: .*Broken pipe.*\n")
+
+    def test_system_calls(self):
+        self.write("raw", RAW), self.write("img", IMAGE)
+        env = {**os.environ, "ASAN_OPTIONS": "detect_leaks=0"}
+        traced = "trace=fsync,rename,renameat2,link,readv,writev"
+        strace = ["strace", "-f", "-y", "-qq", "-o", "calls", "-e", traced, "-e"]
+        for command, expected in (("relabel --force --lba 1 --bitmap 2048 img", ["writev", "fsync"]),
+                                  ("convert --no-lba img", ["fsync"]),
+                                  ("protect raw new", ["writev"] * 4 + ["fsync", "renameat2", "fsync"])):
+            self.run_tool(*command.split(), under=[*strace, "status=successful"], env=env)
+            calls = pathlib.Path("calls").read_text()
+            self.assertEqual(re.findall(r"(?m)^\d+ +((?!readv)\w+)", calls), expected, command)
+        self.assertIn(f"<{os.getcwd()}>)", calls.splitlines()[-1])  # the directory is on stable storage, too
+        os.remove("new")
+        for command, call, error, says in (
+            ("protect raw new", "fsync", "EIO", "new: cannot bring its 3224000 bytes to stable storage: Input"),
+            ("protect raw new", "renameat2", "EIO", "new: cannot give the file its name: Input/output error"),
+            ("protect raw new", "readv", "EIO:when=2", "raw: cannot read at offset 524288: Input/output error"),
+            ("relabel --force --lba 1 img", "fsync", "EIO", "img: cannot bring the changes to stable storage: "
+             "Input/output error; the blocks before block 6200 of 6200 are done"),
+            ("verify --no-lba img", "readv", "EINTR:when=1", None),
+            ("protect --force raw copy", "writev", "EINTR:when=2", None),
+            ("protect raw linked", "renameat2", "EINVAL", None),
+            ("protect raw new", "fsync", "EINVAL:when=2", None),
+            ("protect --force raw new", "fsync", "EIO:when=2", "cannot bring the directory to stable storage: Input"),
+        ):
+            with self.subTest(f"{command}: {call} {error}"):
+                run = self.refused if says else self.run_tool
+                run(*command.split(), under=[*strace, f"inject={call}:error={error}"], env=env, says=says or ())
+        self.assertEqual(sorted(os.listdir(".")), ["calls", "copy", "img", "linked", "new", "raw"])
+
+    def test_progress(self):
+        for size, bar in ((256 << 20, r"\[#{7,8}\.{22,23}\]  2[567]%  \d\d of 256 MiB  \d+ MiB/s  0:\d\d left"),
+                          (16 << 30, r"\[\.{30}\]   0%  \d\d of 16384 MiB  \d+ MiB/s  \d+:\d\d left"),
+                          (1 << 40, r"\[\.{30}\]   0%  \d\d of 1048576 MiB  \d+ MiB/s  \d+:\d\d:\d\d left")):
+            os.truncate(self.write("raw", b""), size)
+            with running("protect", "raw", "-", on_terminal=["stderr"], stdout=subprocess.PIPE) as (tool, end):
+                tool.stdout.read(64 << 20)
+                time.sleep(0.6)  # it waits that long before it shows anything
+                tool.stdout.read(4 << 20)
+                shown(end, rf"\r\x1b\[K\x1b\[\?7l{bar}\x1b\[\?7h$")
+                if size == 256 << 20:
+                    tool.stdout.read()
+                    text = shown(end)
+                    self.assertEqual((text[-4:], text.count("left") < 20), ("\r\x1b[K", True))
+                else:
+                    tool.terminate()
+                    self.assertIn("\r\x1b[Kdifctl: interrupted by SIGTERM; what was written", shown(end))
+        for verbose, text in (["-v"], "^(?s:(?!MiB).)*$"), ([], r"\x1b\[\?7l[123] MiB  \d MiB/s\x1b\[\?7h\r\x1b\[K$"):
+            streams = {"on_terminal": ["stderr"], "stdout": subprocess.DEVNULL}
+            with running(*verbose, "protect", "-", "-", feed=RAW[: 2 << 20], **streams) as (tool, end):
+                time.sleep(0.6)
+                os.write(tool.stdin.fileno(), RAW[: 1 << 20])
                 tool.stdin.close()
-                self.assertEqual(tool.wait(timeout=60), status)
-            self.assertLess(peak, 64 << 10, args)
+                self.assertRegex(shown(end), text)
+
+    def test_shell_and_selftest(self):
+        usage = "Error: selftest takes two numbers at most.\nUsage:\n        selftest [TIMES [LEN]] "
+        for script, status, says in (
+            ("dif showdifswitch\n\n", 0, "dif switch status: on\n"), ("nonsense\nexit\nmetrics\n", 2, "'nonsense'"),
+            ("nonsense\nquit\nmetrics\n", 2, "'nonsense'"), ("nonsense\nhelp\n", 2, "selftest              compare"),
+            ("selftest 1 2 3\n", 2, usage), ("selftest x\n", 2, usage), ("selftest 0x2 64\n", 0, "Test PASS"),
+        ):
+            out = self.run_tool("shell", input=script.encode(), status=status).decode()
+            self.assertIn(says, out)
+            self.assertNotIn("dif_switch", out)  # what stands behind the end
+        self.run_tool("shell", "--cli", input=b"dif showverifylevel\n")
+        self.run_tool("shell", "--cli", input=b"dif showdifswitch\n", status=2)
+        self.assertIn(b"Test PASS", self.run_tool("selftest", "--times", "3", "--len", "513"))
+        self.run_tool("selftest", "--len", "0", status=1)
+        self.write("raw.img", b"")
+        for options, dialogue in (
+            ([], (("hel\tdi\t\r", "SYNOPSIS"), ("nonsense\r", "unknown command 'nonsense'"), ("\x1b[A\r", "'nonsense'"),
+                  ("dif showd\t\r", "dif switch status: on"), ("dif ra\t\r", "dif ra\r\n"), ("\x04", "\r\n"))),
+            (["--cli"], (("dif showd\t\r", "dif showd\r\n"), ("quit\r", "quit\r\n"))),
+        ):
+            with running("shell", *options, on_terminal=["stdin", "stdout", "stderr"]) as (tool, end):
+                shown(end, "dif> $")
+                for typed, answer in dialogue:
+                    while termios.tcgetattr(end)[3] & termios.ICANON:
+                        time.sleep(0.01)
+                    os.write(end, typed.encode())
+                    self.assertIn(answer, shown(end, "dif> $"))
+                self.assertEqual(tool.wait(timeout=20), 0)
+
+    @unittest.skipIf(SANITIZED, "Python cannot load libraries with a sanitizer")
+    def test_attach(self):
+        run = ctypes.CFUNCTYPE(ctypes.c_int32, ctypes.c_int32, ctypes.POINTER(ctypes.c_char_p))
+
+        class Command(ctypes.Structure):
+            _fields_ = [("name", ctypes.c_char * 20), ("description", ctypes.c_char * 64), ("run", run), ("help", run)]
+
+        @run
+        def tell_words(count, words):
+            host.DBG_Print(b"%s", repr(words[1:count]).encode())
+            return count - 1
+
+        libraries = DIFCTL.parent.parent / "lib"
+        host = ctypes.CDLL(libraries / "libdif_host.so.1", ctypes.RTLD_GLOBAL)
+        ctypes.CDLL(libraries / "libdif.so.1", ctypes.RTLD_GLOBAL)
+        for register, name in (host.DBG_RegCmd, b"shell"), (host.DBG_RegCmdToCLI, b"cli"):
+            self.assertEqual(register(ctypes.byref(Command(name, b"", tell_words, tell_words))), 0)
+        self.assertEqual(host.difHostOpenControlSocket(b"sock"), 0)
+        for words in ["cli", "--cli"], ["shell"], ["shell", "two  words", "it's", '"', "back\\slash", "", "$HOME", "*"]:
+            heard = [word.encode() for word in words[1:] if word != "--cli"]
+            said = self.run_tool("attach", "sock", *words, status=2 if heard else 0)
+            self.assertEqual(said.decode(), repr(heard))
+        self.assertIn(b"unknown command 'cli'", self.run_tool("attach", "sock", "cli", status=2))
+        host.difHostCloseControlSocket()
+
+    def test_help(self):
+        self.assertRegex(self.run_tool("--version"), rb"^difctl \d+\.\d+\.\d+\n$")
+        commands = re.findall(r"(?m)^  ([a-z]+)   ", self.run_tool("--help").decode())
+        self.assertEqual(len(commands), 11)
+        for command in commands:
+            text = self.run_tool(command, "--help").decode()
+            self.assertRegex(text, r"\nExit status: 0 .*\.\n\nExamples:\n")
+            examples = re.findall(r"(?m)(?:^  |\| )difctl (" + command + r"[^|>&\n]*)", text)
+            self.assertTrue(examples, command)
+            for example in examples:  # is understood, whether or not its files are there
+                done = subprocess.run([DIFCTL, *shlex.split(example)], input=b"", capture_output=True)
+                self.assertNotIn(b"--help tells more", done.stderr, example)
 
 
 if __name__ == "__main__":
