@@ -2,9 +2,9 @@
  * The server side of the control socket: one thread that polls, never blocks on a client and never has a client hold
  * anything of the process beyond the limits below.
  */
+#include "control_socket.h"
 #include "blocked_signals.h"
 #include "control_name.h"
-#include "control_socket.h"
 #include "output.h"
 
 #include <algorithm>

@@ -32,7 +32,7 @@
 
 namespace {
 
-constexpr const char *kPattern = "[%Y-%m-%d %H:%M:%S.%e] [%t] %v";
+constexpr const char *kPattern = "[%Y-%m-%d %H:%M:%S.%e] %v";
 constexpr std::array kSeverityName{"ASSERT", "ALERT", "CRITICAL", "ERROR", "WARNING", "NOTICE", "INFO", "DEBUG"};
 
 std::atomic<uint32_t> maxLevel{DIF_HOST_LOG_NOTICE};
@@ -67,9 +67,11 @@ Destination withSink(std::shared_ptr<spdlog::sinks::sink> sink, LogDestination::
     return std::make_shared<LogDestination>(std::move(sink), onError);
 }
 
+/* The thread is asked for at every line: what spdlog remembers is wrong in a child of fork. */
 std::string compose(const char *severity, const std::string &module, const std::string &place, uint32_t logId,
-                 const std::string &text) {
-    return escaped(std::string(severity) + ' ' + module + ' ' + place + " [" + std::to_string(logId) + "] " + text);
+                    const std::string &text) {
+    return escaped('[' + std::to_string(gettid()) + "] " + severity + ' ' + module + ' ' + place + " [" +
+                   std::to_string(logId) + "] " + text);
 }
 
 std::string ownLine(const char *severity, const std::string &text) {
@@ -269,7 +271,7 @@ void noticeMissingStart(uint32_t moduleId) {
         !difHostModuleName(moduleId, name.data(), name.size()) &&
         hostlog_level_check(moduleId, DIF_HOST_LOG_ERROR) == 0) {
         theLog().write(ownLine("ERROR", "difModuleInit has not been called: DIF is off, every check passes, and "
-                                        "verify points registered now are lost when it is"));
+                                        "no verify point can be registered"));
     }
 }
 

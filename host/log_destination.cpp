@@ -8,12 +8,14 @@
 #include <exception>
 #include <system_error>
 #include <thread>
+#include <unistd.h>
 #include <utility>
 
 /* What is done with a line, on the destination's thread once it has one. It outlives a destination whose thread hangs. */
 class LogDestination::Writer final : public spdlog::sinks::sink {
 public:
-    Writer(std::shared_ptr<spdlog::sinks::sink> target, OnError onError) : sink_(std::move(target)), onError_(onError) {}
+    Writer(std::shared_ptr<spdlog::sinks::sink> target, OnError onError)
+        : sink_(std::move(target)), onError_(onError) {}
 
     void log(const spdlog::details::log_msg &line) override {
         if (givenUp_ || !write(line)) {
@@ -50,8 +52,8 @@ private:
     bool write(const spdlog::details::log_msg &line) {
         try {
             if (const uint64_t dropped = this->dropped(); dropped != reported_) {
-                const std::string text =
-                    "WARNING dif_host log [0] " + std::to_string(dropped - reported_) + " log lines are missing here";
+                const std::string text = '[' + std::to_string(gettid()) + "] WARNING dif_host log [0] " +
+                                         std::to_string(dropped - reported_) + " log lines are missing here";
                 spdlog::details::log_msg report = line;
                 report.payload = text;
                 sink_->log(report);

@@ -12,7 +12,7 @@
 #include <string>
 #include <string_view>
 
-inline constexpr size_t kLogQueue = 4096; /* lines */
+inline constexpr size_t kLogQueue = 4096;              /* lines */
 inline constexpr std::chrono::seconds kLogPatience{1}; /* with a thread that writes nothing */
 inline constexpr std::chrono::seconds kLogPatienceInAll{10};
 
