@@ -272,6 +272,7 @@ private:
 struct State {
     std::mutex mutex;
     Server *server = nullptr;
+    Server *parents = nullptr; /* whose thread the child does not have */
 };
 
 /* Never destroyed: a process that ends need not wait for its service. */
@@ -281,7 +282,9 @@ State &state() {
         pthread_atfork(nullptr, nullptr, [] {
             Listener::closeInChild();
             onServiceThread = false;
+            Server *const parents = state().server;
             new (memory.data()) State;
+            state().parents = parents;
         });
         return new (memory.data()) State;
     }();

@@ -19,6 +19,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdarg>
+#include <cstdio>
 #include <fcntl.h>
 #include <memory>
 #include <mutex>
@@ -29,6 +30,7 @@
 #include <system_error>
 #include <unistd.h>
 #include <utility>
+#include <vector>
 
 namespace {
 
@@ -96,10 +98,14 @@ int openFile(const File &file, Destination &destination) {
         return errno;
     }
     close(fd);
+    spdlog::file_event_handlers handlers;
+    handlers.after_open = [](const std::string & /*path*/, std::FILE *opened) {
+        fcntl(fileno(opened), F_SETFD, FD_CLOEXEC);
+    };
     /* spdlog must not write on to a file that it failed to reopen. */
-    destination =
-        withSink(std::make_shared<spdlog::sinks::rotating_file_sink_st>(file.path, file.maxBytes, file.maxFiles),
-                 LogDestination::OnError::GiveUp);
+    destination = withSink(std::make_shared<spdlog::sinks::rotating_file_sink_st>(file.path, file.maxBytes,
+                                                                                  file.maxFiles, false, handlers),
+                           LogDestination::OnError::GiveUp);
     return destination->start();
 }
 
@@ -110,11 +116,12 @@ public:
         const std::lock_guard lock(mutex_);
         try {
             openDestinations();
+            const auto now = spdlog::log_clock::now();
             if (toStandardError_) {
-                standardError_->post(text);
+                standardError_->post(now, text);
             }
             if (file_ != nullptr) {
-                file_->post(text);
+                file_->post(now, text);
             }
         } catch (...) {
             ++lost_;
@@ -178,8 +185,8 @@ public:
 
     /* The queues and threads stayed with the parent, which also writes what is in them. */
     void abandonDestinations() {
-        new auto(std::exchange(standardError_, nullptr));
-        new auto(std::exchange(file_, nullptr));
+        parents_.push_back(std::exchange(standardError_, nullptr));
+        parents_.push_back(std::exchange(file_, nullptr));
     }
 
 private:
@@ -193,9 +200,9 @@ private:
         if (standardError_ == nullptr) {
             standardError_ = withSink(std::make_shared<StandardError>(), LogDestination::OnError::TryAgain);
             const int error = finished_ ? 0 : standardError_->start();
-            if (error != 0 && toStandardError_) {
-                standardError_->post(ownLine("WARNING", "no thread for the log (" + errorText(error) +
-                                                            "): what standard error does not take at once is lost"));
+            if (error != 0) {
+                complain("WARNING", "no thread for the log (" + errorText(error) +
+                                        "): what standard error does not take at once is lost");
             }
         }
         if (fileSettings_ && file_ == nullptr) {
@@ -223,8 +230,20 @@ private:
     }
 
     void giveUpFile(const std::string &why) {
-        standardError_->post(ownLine("ERROR", "log file " + fileSettings_->path + " given up: " + why));
+        complain("ERROR", fmt::format("log file {} given up: {}", fileSettings_->path, why));
         fileSettings_.reset();
+    }
+
+    /* Not in the file, which may be what it is about. */
+    void complain(const char *severity, const std::string &text) {
+        if (!toStandardError_) {
+            return;
+        }
+        try {
+            standardError_->post(spdlog::log_clock::now(), ownLine(severity, text));
+        } catch (...) {
+            ++lost_;
+        }
     }
 
     std::mutex mutex_;
@@ -232,6 +251,7 @@ private:
     Destination file_;
     bool toStandardError_ = true;
     std::optional<File> fileSettings_;
+    std::vector<Destination> parents_;
     bool finished_ = false;
     uint64_t lost_ = 0; /* outside of the destinations that there are */
 };

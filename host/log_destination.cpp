@@ -105,15 +105,15 @@ int LogDestination::start() {
     return 0;
 }
 
-void LogDestination::post(std::string_view line) {
-    const spdlog::string_view_t text(line.data(), line.size());
+void LogDestination::post(spdlog::log_clock::time_point time, std::string_view line) {
+    /* Severities are the host's own and stand in the text; to spdlog all lines are alike. */
+    const spdlog::details::log_msg message(time, {}, "dif_host", spdlog::level::info, {line.data(), line.size()});
     if (pool_ == nullptr) {
-        writer_->log({"dif_host", spdlog::level::info, text});
+        writer_->log(message);
         return;
     }
     ++posted_;
-    /* Severities are the host's own and stand in the text; to spdlog all lines are alike. */
-    logger_->log(spdlog::level::info, text);
+    logger_->log(time, {}, message.level, message.payload);
 }
 
 bool LogDestination::drain() {

@@ -38,7 +38,7 @@ public:
     /* Returns 0, or the errno value of the attempt to start a thread. */
     int start();
 
-    void post(std::string_view line);
+    void post(spdlog::log_clock::time_point time, std::string_view line);
 
     /* Waits until what was posted is written, as long as the patience lasts, and not at all where it did not last and
      * nothing was written since. False if there is more to write. */
