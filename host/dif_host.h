@@ -66,7 +66,7 @@ uint64_t difHostLogDropped(void);
 
 /*
  * What the default assertion service answers to a failed assertion of the library's (a null argument, an impossible type,
- * a subPid of 64 or more). DIF_HOST_ASSERT_STOP, the default: the log says what was asserted and where, and the process
+ * a check for a verify point that is not registered). DIF_HOST_ASSERT_STOP, the default: the log says what was asserted and where, and the process
  * stops: libdif raises SIGILL, of which a shell says "Illegal instruction". DIF_HOST_ASSERT_GO_ON: the assertion is logged
  * and the call goes on, refused or as far as it can.
  */

@@ -4,19 +4,21 @@
 
 #include "dif_host.h"
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <new>
 #include <string>
 #include <string_view>
 
-/* The format itself if it cannot be filled in. */
+/* The format itself if it cannot be filled in. Throws bad_alloc. */
 inline std::string formatted(const char *format, va_list args) {
     char *text = nullptr;
     const int length = vasprintf(&text, format, args);
     if (length < 0) {
-        return format;
+        return errno == ENOMEM ? throw std::bad_alloc() : format;
     }
     const std::unique_ptr<char, decltype(&std::free)> owner(text, &std::free);
     return {text, static_cast<size_t>(length)};

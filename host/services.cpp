@@ -25,7 +25,7 @@ uint8_t answerAssertion(const char *expression, uint64_t /*reserved0*/, uint64_t
     hostlog(moduleId, DIF_HOST_LOG_ASSERT, "dif_host", line, funcName, 0,
             "%s%s. The process stops (SIGILL, \"Illegal instruction\"); after "
             "difHostSetAssertPolicy(DIF_HOST_ASSERT_GO_ON) it would go on.",
-            isCondition ? "this does not hold: " : "this must not happen, see the line before",
+            isCondition ? "this does not hold: " : "this must not happen (see the lines before)",
             isCondition ? expression : "");
     return 1;
 }

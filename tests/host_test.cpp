@@ -29,7 +29,6 @@ namespace {
 using namespace std::string_literals;
 using namespace std::chrono_literals;
 using Result = std::pair<int, std::string>; /* status and output */
-using Words = std::initializer_list<const char *>;
 using ::testing::internal::CaptureStderr, ::testing::internal::GetCapturedStderr;
 
 void collect(void *output, const char *text, size_t size) {
@@ -381,8 +380,8 @@ TEST_F(Host, LogLines) {
     std::string pattern;
     difHostSetLogLevel(9);
     uint32_t level = 0;
-    for (const std::string severity :
-         Words{"ASSERT", "ALERT", "CRITICAL", "ERROR", "WARNING", "NOTICE", "INFO", "DEBUG", "DEBUG"}) {
+    for (const std::string &severity :
+         {"ASSERT"s, "ALERT"s, "CRITICAL"s, "ERROR"s, "WARNING"s, "NOTICE"s, "INFO"s, "DEBUG"s, "DEBUG"s}) {
         hostlog(9, level++, "file", 42, "func", 4660, "\n\t\x1F\x7F \xC3\xA9 %s", severity.c_str());
         pattern +=
             stamp + severity + R"( ni\\nne file/func:42 \[4660\] \\n\\x09\\x1f\\x7f )" + "\xC3\xA9 " + severity + "\n";
@@ -461,9 +460,14 @@ TEST_F(Host, NothingIsLostAtTheEnd) {
     EXPECT_EXIT(insertDif(block, 1, nullptr), ::testing::KilledBySignal(SIGILL),
                 "ASSERT DIF dif_host/insertDif:[0-9]+ \\[0\\] this does not hold: .*The process stops \\(SIGILL.*"
                 "difHostSetAssertPolicy\\(DIF_HOST_ASSERT_GO_ON\\).*\n.*ASSERT DIF insertDif.*Assert fail: \\(0\\)\n$");
+    DifCheckParam check = {DIF_DATA_520, DIF_CHECK_CRC, 2, 2, DIF_MID_LUN, 9, 0, nullptr, nullptr, nullptr};
+    EXPECT_EXIT(
+        checkDif(block, 1, &check, "test", 1), ::testing::KilledBySignal(SIGILL),
+        "ASSERT DIF dif_host/checkDif:[0-9]+ \\[0\\] this must not happen \\(see the lines before\\)\\. The process");
     EXPECT_EXIT((difHostSetAssertPolicy(DIF_HOST_ASSERT_GO_ON), insertDif(block, 1, nullptr), exit(4)),
                 ::testing::ExitedWithCode(4), "ASSERT DIF dif_util/insertDif:[0-9]+ .*\n$");
     EXPECT_EXIT((stickStandardError(), log(1), exit(5)), ::testing::ExitedWithCode(5), "");
+    EXPECT_EXIT((stickStandardError(), insertDif(block, 1, nullptr)), ::testing::KilledBySignal(SIGILL), "");
 }
 
 TEST(HostAlone, NoticesOnceThatTheLibraryWasNotStarted) {
