@@ -6,6 +6,7 @@
 #include <spdlog/sinks/sink.h>
 
 #include <exception>
+#include <new>
 #include <system_error>
 #include <thread>
 #include <unistd.h>
@@ -87,7 +88,7 @@ LogDestination::LogDestination(std::shared_ptr<spdlog::sinks::sink> sink, OnErro
 
 LogDestination::~LogDestination() {
     if (!stop()) {
-        new auto(pool_);
+        new (std::nothrow) auto(pool_); /* for its thread, for good */
     }
 }
 
