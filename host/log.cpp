@@ -48,7 +48,11 @@ class StandardError final : public spdlog::sinks::base_sink<spdlog::details::nul
         const int patience = line.thread_id == spdlog::details::os::thread_id() ? 0 : -1;
         for (size_t written = 0; written < text.size();) {
             pollfd polled{.fd = STDERR_FILENO, .events = POLLOUT, .revents = 0};
-            if (poll(&polled, 1, patience) != 1 || polled.revents != POLLOUT) {
+            const int ready = poll(&polled, 1, patience);
+            if (ready < 0) {
+                continue; /* interrupted */
+            }
+            if (ready == 0 || polled.revents != POLLOUT) {
                 spdlog::throw_spdlog_ex("standard error: nobody reads it");
             }
             const ssize_t size =
