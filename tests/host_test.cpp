@@ -406,6 +406,7 @@ TEST_F(Host, LogLines) {
 
 TEST_F(Host, LogFilesAreRotatedRefusedAndGivenUp) {
     const auto threads = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}); };
+    char link[300] = "";
     CaptureStderr();
     log(1);
     const auto before = threads();
@@ -414,6 +415,10 @@ TEST_F(Host, LogFilesAreRotatedRefusedAndGivenUp) {
     EXPECT_EQ(difHostSetLogFile(path.c_str(), 1, 200'001), EINVAL);
     ASSERT_EQ(difHostSetLogFile(path.c_str(), 150, 2), 0);
     log(9); /* two a file */
+    EXPECT_TRUE(difHostFlushLog());
+    for (int fd = 0; fd < 100; ++fd) /* no program that is run from here gets the file */
+        EXPECT_TRUE(readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), link, sizeof link) < 0 ||
+                    !std::string(link).starts_with(path) || fcntl(fd, F_GETFD) == FD_CLOEXEC);
     EXPECT_EQ(difHostSetLogFile("/dev/full", 100, 1), 0);
     EXPECT_PRED2(matches, content(path), "[^\n]*line 8\n");
     EXPECT_PRED2(matches, content(path + ".1"), "[^\n]*line 6\n[^\n]*line 7\n");
