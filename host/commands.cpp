@@ -46,7 +46,7 @@ constexpr std::array kBuiltIns{
     DbgCmdReg{"help", "list the commands, show their help", runHelp, printHelpOfHelp},
     DbgCmdReg{"metrics", "counters and settings for Prometheus", runMetrics, printHelpOfMetrics}};
 
-// Up to the NUL that ends a text field, or all of it.
+/* Up to the NUL that ends a text field, or all of it. */
 template <size_t Size>
 std::string fieldText(const char (&field)[Size]) {
     return {field, strnlen(field, Size)};
@@ -105,18 +105,19 @@ private:
     std::map<std::string, DbgCmdReg> words_;
 };
 
-// Null for a number that no registry has. Never destroyed: modules take their words out as late as they like.
+/* Null for a number that no registry has. Never destroyed: modules take their words out as late as they like. */
 Registry *registryOf(int number) {
     static auto &registries = *new std::array<Registry, 2>;
     return number == DIF_HOST_DIAGNOSE || number == DIF_HOST_CLI ? &registries[static_cast<size_t>(number)] : nullptr;
 }
 
-// The line that this thread is running: where its words are, where its output goes, whose usage is shown.
+/* The line that this thread is running. */
 struct Session {
     Registry *registry;
     DifHostPrint print;
     void *context;
-    const DbgCmdReg *command;
+    const DbgCmdReg *command = nullptr; /* whose usage is shown */
+    bool outOfMemory = false;           /* while printing: commands know no exceptions and go on */
 };
 
 thread_local Session session{};
@@ -133,7 +134,7 @@ private:
 };
 
 int refuseUnknown(const std::string &word) {
-    DBG_Print("Error: unknown command '%s', 'help' lists the commands.\n", word.c_str());
+    DBG_Print("Error: unknown command '%s', 'help' lists the commands.\n", escaped(word).c_str());
     return ENOENT;
 }
 
@@ -226,7 +227,7 @@ void DBG_Print(const char *format, ...) {
     try {
         writeOutput(session.print, session.context, formatted(format, args));
     } catch (...) {
-        // Out of memory: the command must go on, its callers know no exceptions.
+        session.outOfMemory = true;
     }
     va_end(args);
 }
@@ -235,7 +236,7 @@ int32_t DBG_ShowUsageAndErrMsg(const char *message) {
     if (message != nullptr) {
         DBG_Print("%s\n", message);
     }
-    // No usage outside of a command, nor for a help function that asks for it.
+    /* No usage outside of a command, nor for a help function that asks for it. */
     if (const DbgCmdReg *const command = std::exchange(session.command, nullptr); command != nullptr) {
         DBG_Print("Usage:\n");
         command->doHelp(command->name, 0);
@@ -250,11 +251,20 @@ int difHostRunCommand(int registry, const char *line, DifHostPrint print, void *
         if (words == nullptr || line == nullptr) {
             return EINVAL;
         }
-        const SessionScope scope({words, print, context, nullptr});
-        return runLine(line);
+        const SessionScope scope({.registry = words, .print = print, .context = context});
+        const int result = runLine(line);
+        if (!session.outOfMemory) {
+            return result;
+        }
     } catch (...) {
-        return ENOMEM;
+        /* Said below, where nothing is held any more. */
     }
+    try {
+        writeOutput(print, context, "\nError: out of memory, output is missing.\n");
+    } catch (...) {
+        /* The status says it. */
+    }
+    return ENOMEM;
 }
 
 int difHostForEachCommand(int registry, DifHostWord each, void *context) {

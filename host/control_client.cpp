@@ -13,8 +13,10 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Sends all of it: no socket buffer is too small for a request. A server that refuses this client may have closed the
-// connection already; its answer says why.
+/*
+ * Sends all of it: no socket buffer is too small for a request. A server that refuses this client may have closed the
+ * connection already; its answer says why.
+ */
 int sendRequest(int fd, const std::string &request) {
     if (send(fd, request.data(), request.size(), MSG_NOSIGNAL) >= 0 || errno == EPIPE || errno == ECONNRESET) {
         return 0;
@@ -23,7 +25,7 @@ int sendRequest(int fd, const std::string &request) {
 }
 
 int receiveAnswer(int fd, Clock::time_point deadline, std::string &answer) {
-    constexpr size_t kMaxAnswer = kMaxOutput + 4096; // room for error lines and the status
+    constexpr size_t kMaxAnswer = kMaxOutput + 4096; /* room for error lines and the status */
     while (answer.size() <= kMaxAnswer) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
         pollfd polled{.fd = fd, .events = POLLIN, .revents = 0};
@@ -44,7 +46,7 @@ int receiveAnswer(int fd, Clock::time_point deadline, std::string &answer) {
     return EPROTO;
 }
 
-// Takes the status off the answer; false if there is none.
+/* Takes the status off the answer; false if there is none. */
 bool takeStatus(std::string &answer, int &status) {
     const size_t end = answer.rfind('\0');
     if (end == std::string::npos || answer.back() != '\n') {
@@ -60,10 +62,11 @@ bool takeStatus(std::string &answer, int &status) {
 }
 
 int attach(const sockaddr_un &address, const std::string &request, DifHostPrint print, void *context, int &status) {
-    const auto deadline = Clock::now() + kPatience;
+    const auto limit = controlPatience();
+    const auto deadline = Clock::now() + limit;
     const UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    // A connection waits for a place in the queue of a server that hangs as long as it may wait to send.
-    const timeval timeout{.tv_sec = kPatience.count(), .tv_usec = 0};
+    /* A connection waits for a place in the queue of a server that hangs as long as it may wait to send. */
+    const timeval timeout{.tv_sec = limit.count() / 1000, .tv_usec = limit.count() % 1000 * 1000};
     if (!fd || setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout) != 0) {
         return errno;
     }

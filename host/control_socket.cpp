@@ -3,31 +3,42 @@
  * anything of the process beyond the limits below.
  */
 #include "control_socket.h"
+#include "blocked_signals.h"
+#include "control_name.h"
+#include "output.h"
 
 #include <algorithm>
-#include <csignal>
-#include <fcntl.h>
+#include <atomic>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <poll.h>
 #include <pthread.h>
 #include <string>
+#include <string_view>
 #include <sys/eventfd.h>
-#include <sys/file.h>
-#include <sys/stat.h>
+#include <system_error>
 #include <thread>
 #include <vector>
 
 namespace {
 
+using namespace std::string_view_literals;
+
+std::atomic<uint32_t> patience{5000};
+
 using Clock = std::chrono::steady_clock;
 
 constexpr size_t kMaxClients = 8;
-constexpr std::chrono::seconds kAcceptPause{1}; // after an error such as too many open files
-constexpr std::chrono::milliseconds kLockTime{1000};
-constexpr std::chrono::milliseconds kLockPause{10};
+constexpr std::chrono::seconds kAcceptPause{1}; /* after an error such as too many open files */
 
-// What is printed, up to the limit.
+/* Answers that need no memory. */
+constexpr auto kNotTheOwner = "Error: this control socket is its owner's alone.\n\00013\n"sv;
+constexpr auto kDisplaced = "Error: too many clients, this one was idle the longest.\n\00016\n"sv;
+constexpr auto kOutOfMemory = "Error: out of memory.\n\00012\n"sv;
+static_assert(EACCES == 13 && EBUSY == 16 && ENOMEM == 12, "status in the answers");
+
+/* What is printed, up to the limit. */
 class Output {
 public:
     static void print(void *self, const char *text, size_t size) { static_cast<Output *>(self)->append({text, size}); }
@@ -63,28 +74,45 @@ int runRequest(const std::string &request, Output &output) {
     const std::string name = request.substr(0, request.find(' '));
     const auto *const found = std::find(kRegistryName.begin(), kRegistryName.end(), name);
     if (found == kRegistryName.end()) {
-        output.append("Error: unknown shell '" + name + "', expected 'diagnose' or 'cli'.\n");
+        output.append("Error: unknown shell '" + escaped(name) + "', expected 'diagnose' or 'cli'.\n");
         return EINVAL;
     }
     return difHostRunCommand(static_cast<int>(found - kRegistryName.begin()), request.c_str() + name.size(),
                              &Output::print, &output);
 }
 
-// A connection, on a socket that does not block: first its request is read, then its answer is written.
+/* A connection, on a socket that does not block: first its request is read, then its answer is written. */
 class Client {
 public:
     explicit Client(UniqueFd fd) : fd_(std::move(fd)) {}
+    Client(Client &&) = default;
+    Client &operator=(Client &&) = default;
+    Client(const Client &) = delete;
+    Client &operator=(const Client &) = delete;
+
+    /* The other side sees the end even if a child of this process has come by the descriptor. */
+    ~Client() { shutdown(fd_.get(), SHUT_RDWR); }
 
     int fd() const { return fd_.get(); }
     short events() const { return answer_.empty() ? POLLIN : POLLOUT; }
     Clock::time_point deadline() const { return deadline_; }
+    Clock::time_point lastMove() const { return lastMove_; }
 
-    // Goes as far as it can without waiting; false when the connection is at its end.
+    /* Goes as far as it can without waiting; false when the connection is at its end. */
     bool advance() {
-        if (answer_.empty() && !receive()) {
+        try {
+            return (!answer_.empty() || receive()) && (answer_.empty() || sendAnswer());
+        } catch (...) {
+            dismiss(kOutOfMemory);
             return false;
         }
-        return answer_.empty() || send();
+    }
+
+    /* Says why it ends, unless it has its answer in part. */
+    void dismiss(std::string_view answer) const {
+        if (sent_ == 0) {
+            send(fd_.get(), answer.data(), answer.size(), MSG_NOSIGNAL);
+        }
     }
 
 private:
@@ -94,6 +122,7 @@ private:
         if (size <= 0) {
             return size < 0 && (errno == EAGAIN || errno == EINTR);
         }
+        lastMove_ = Clock::now();
         request_.append(piece.data(), static_cast<size_t>(size));
         const size_t end = request_.find('\n');
         if (end == std::string::npos && request_.size() <= kMaxRequest) {
@@ -102,132 +131,28 @@ private:
         Output output;
         const int status = runRequest(request_.substr(0, end), output);
         answer_ = std::move(output).answer(status);
-        deadline_ = Clock::now() + kPatience;
+        deadline_ = Clock::now() + controlPatience();
         return true;
     }
 
-    bool send() {
+    bool sendAnswer() {
         while (sent_ < answer_.size()) {
-            const ssize_t size = ::send(fd_.get(), answer_.data() + sent_, answer_.size() - sent_, MSG_NOSIGNAL);
+            const ssize_t size = send(fd_.get(), answer_.data() + sent_, answer_.size() - sent_, MSG_NOSIGNAL);
             if (size < 0) {
                 return errno == EAGAIN || errno == EINTR;
             }
             sent_ += static_cast<size_t>(size);
+            lastMove_ = Clock::now();
         }
         return false;
     }
 
     UniqueFd fd_;
-    Clock::time_point deadline_ = Clock::now() + kPatience;
+    Clock::time_point lastMove_ = Clock::now();
+    Clock::time_point deadline_ = lastMove_ + controlPatience();
     std::string request_;
     std::string answer_;
     size_t sent_ = 0;
-};
-
-// The lock on a directory under which the names of control sockets in it are made and removed.
-class DirectoryLock {
-public:
-    explicit DirectoryLock(int directory) : directory_(directory) {
-        const auto deadline = Clock::now() + kLockTime;
-        while (!(held_ = flock(directory_, LOCK_EX | LOCK_NB) == 0) && Clock::now() < deadline) {
-            std::this_thread::sleep_for(kLockPause);
-        }
-    }
-    ~DirectoryLock() {
-        if (held_) {
-            flock(directory_, LOCK_UN);
-        }
-    }
-    DirectoryLock(const DirectoryLock &) = delete;
-    DirectoryLock &operator=(const DirectoryLock &) = delete;
-
-    bool held() const { return held_; }
-
-private:
-    int directory_;
-    bool held_ = false;
-};
-
-// The listening socket and its name.
-class Listener {
-public:
-    Listener() = default;
-    Listener(const Listener &) = delete;
-    Listener &operator=(const Listener &) = delete;
-
-    ~Listener() {
-        if (!bound_) {
-            return;
-        }
-        const DirectoryLock lock(directory_.get());
-        struct stat found;
-        if (lock.held() && fstatat(directory_.get(), name_.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 &&
-            found.st_dev == file_.st_dev && found.st_ino == file_.st_ino) {
-            unlinkat(directory_.get(), name_.c_str(), 0);
-        }
-    }
-
-    // Returns 0 or an errno value.
-    int open(const std::string &path) {
-        sockaddr_un address;
-        if (const int error = socketAddress(path.c_str(), address); error != 0) {
-            return error;
-        }
-        const size_t nameAt = path.rfind('/') + 1; // 0 if there is no slash
-        name_ = path.substr(nameAt);
-        const std::string directory = nameAt == 0 ? "." : path.substr(0, nameAt);
-        directory_ = UniqueFd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        if (!directory_) {
-            return errno;
-        }
-        const DirectoryLock lock(directory_.get());
-        if (!lock.held()) {
-            return ETIMEDOUT;
-        }
-        const int error = removeStale(address);
-        return error != 0 ? error : bindAndListen(address);
-    }
-
-    int fd() const { return fd_.get(); }
-
-private:
-    int removeStale(const sockaddr_un &address) {
-        struct stat found;
-        if (fstatat(directory_.get(), name_.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0) {
-            return errno == ENOENT ? 0 : errno;
-        }
-        if (!S_ISSOCK(found.st_mode)) {
-            return ENOTSOCK;
-        }
-        const UniqueFd probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-        if (!probe) {
-            return errno;
-        }
-        if (connectTo(probe.get(), address) == 0 || errno == EAGAIN) { // EAGAIN: its queue is full
-            return EADDRINUSE;
-        }
-        return errno != ECONNREFUSED || unlinkat(directory_.get(), name_.c_str(), 0) != 0 ? errno : 0;
-    }
-
-    int bindAndListen(const sockaddr_un &address) {
-        fd_ = UniqueFd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-        // The name gets the mode that the socket has when it is bound, so that it is never anyone else's.
-        if (!fd_ || fchmod(fd_.get(), S_IRUSR | S_IWUSR) != 0 ||
-            bind(fd_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
-            return errno;
-        }
-        if (fstatat(directory_.get(), name_.c_str(), &file_, AT_SYMLINK_NOFOLLOW) != 0) {
-            return errno;
-        }
-        bound_ = true;
-        return listen(fd_.get(), kMaxClients) == 0 ? 0 : errno;
-    }
-
-    UniqueFd directory_;
-    std::string name_;
-    UniqueFd fd_;
-    struct stat file_ {};
-    bool bound_ = false;
 };
 
 thread_local bool onServiceThread = false;
@@ -245,29 +170,23 @@ public:
         }
     }
 
-    // Returns 0 or an errno value.
+    /* Returns 0 or an errno value. */
     int start(const char *path) {
         stop_ = UniqueFd(eventfd(0, EFD_CLOEXEC));
         if (!stop_) {
             return errno;
         }
         clients_.reserve(kMaxClients);
-        if (const int error = listener_.open(path); error != 0) {
+        if (const int error = listener_.open(path, kMaxClients); error != 0) {
             return error;
         }
-        // The signals of the process are not for the service thread.
-        sigset_t all;
-        sigset_t before;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &before);
         try {
+            const BlockedSignals blocked;
             thread_ = std::thread(&Server::serve, this);
-        } catch (...) {
-            pthread_sigmask(SIG_SETMASK, &before, nullptr);
-            return EAGAIN;
+            return 0;
+        } catch (const std::system_error &error) {
+            return error.code().value();
         }
-        pthread_sigmask(SIG_SETMASK, &before, nullptr);
-        return 0;
     }
 
 private:
@@ -282,7 +201,7 @@ private:
                 polled[2 + i] = {.fd = clients_[i].fd(), .events = clients_[i].events(), .revents = 0};
             }
             if (poll(polled.data(), 2 + clients_.size(), pollTime()) < 0) {
-                continue; // no memory; it comes back
+                continue; /* no memory; it comes back */
             }
             if (polled[0].revents != 0) {
                 return;
@@ -298,7 +217,7 @@ private:
         }
     }
 
-    // Until the first deadline, in milliseconds; -1 if nothing is due.
+    /* Until the first deadline, in milliseconds; -1 if nothing is due. */
     int pollTime() const {
         const auto now = Clock::now();
         auto first = acceptAgain_ > now ? acceptAgain_ : Clock::time_point::max();
@@ -312,13 +231,9 @@ private:
         return static_cast<int>(std::max<decltype(left)>(left, 0));
     }
 
-    // The deadline comes last: a request that has waited for another client's command is still answered.
+    /* The deadline comes last: a request that has waited for another client's command is still answered. */
     static bool stays(Client &client, short revents) {
-        try {
-            return (revents == 0 || client.advance()) && Clock::now() < client.deadline();
-        } catch (...) {
-            return false; // out of memory
-        }
+        return (revents == 0 || client.advance()) && Clock::now() < client.deadline();
     }
 
     void acceptClient() {
@@ -333,23 +248,17 @@ private:
         socklen_t size = sizeof peer;
         if (getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0 ||
             (peer.uid != geteuid() && peer.uid != 0)) {
-            refuse(fd.get(), "Error: this control socket is its owner's alone.\n", EACCES);
-        } else if (clients_.size() == kMaxClients) {
-            refuse(fd.get(), "Error: too many clients, try again in a few seconds.\n", EBUSY);
-        } else {
-            clients_.emplace_back(std::move(fd));
+            Client(std::move(fd)).dismiss(kNotTheOwner);
+            return;
         }
-    }
-
-    static void refuse(int fd, const char *text, int status) {
-        try {
-            Output output;
-            output.append(text);
-            const std::string answer = std::move(output).answer(status);
-            send(fd, answer.data(), answer.size(), MSG_NOSIGNAL);
-        } catch (...) {
-            // Out of memory: refused without a word.
+        if (clients_.size() == kMaxClients) {
+            const auto idle = std::min_element(clients_.begin(), clients_.end(), [](const auto &a, const auto &b) {
+                return a.lastMove() < b.lastMove();
+            });
+            idle->dismiss(kDisplaced);
+            clients_.erase(idle);
         }
+        clients_.emplace_back(std::move(fd));
     }
 
     Listener listener_;
@@ -359,36 +268,52 @@ private:
     std::thread thread_;
 };
 
-struct TheServer {
+/* Of this process: a child of fork starts with a state of its own and without a service. */
+struct State {
     std::mutex mutex;
-    std::unique_ptr<Server> server;
+    Server *server = nullptr;
+    Server *parents = nullptr; /* whose thread the child does not have */
 };
 
-// Never destroyed: a process that ends need not wait for its service.
-TheServer &theServer() {
-    static auto &instance = *new TheServer;
-    return instance;
+/* Never destroyed: a process that ends need not wait for its service. */
+State &state() {
+    alignas(State) static std::array<std::byte, sizeof(State)> memory;
+    static State *const instance = [] {
+        pthread_atfork(nullptr, nullptr, [] {
+            Listener::closeInChild();
+            onServiceThread = false;
+            Server *const parents = state().server;
+            new (memory.data()) State;
+            state().parents = parents;
+        });
+        return new (memory.data()) State;
+    }();
+    return *instance;
 }
 
 } // namespace
+
+std::chrono::milliseconds controlPatience() {
+    return std::chrono::milliseconds(patience);
+}
 
 int difHostOpenControlSocket(const char *path) {
     if (path == nullptr) {
         return EINVAL;
     }
-    // On the service thread there is a server, and the lock may be held by one who waits for this thread to end.
+    /* On the service thread there is a server, and the lock may be held by one who waits for this thread to end. */
     if (onServiceThread) {
         return EADDRINUSE;
     }
     try {
-        const std::lock_guard lock(theServer().mutex);
-        if (theServer().server != nullptr) {
+        const std::lock_guard lock(state().mutex);
+        if (state().server != nullptr) {
             return EADDRINUSE;
         }
         auto server = std::make_unique<Server>();
         const int error = server->start(path);
         if (error == 0) {
-            theServer().server = std::move(server);
+            state().server = server.release();
         }
         return error;
     } catch (...) {
@@ -400,6 +325,10 @@ void difHostCloseControlSocket(void) {
     if (onServiceThread) {
         return;
     }
-    const std::lock_guard lock(theServer().mutex);
-    theServer().server.reset();
+    const std::lock_guard lock(state().mutex);
+    delete std::exchange(state().server, nullptr);
+}
+
+void difHostSetControlPatience(uint32_t milliseconds) {
+    patience = milliseconds;
 }

@@ -24,12 +24,14 @@
 #include <utility>
 
 inline constexpr size_t kMaxRequest = 4096;
-inline constexpr size_t kMaxOutput = size_t{1} << 20; // more is cut
-inline constexpr std::chrono::seconds kPatience{5};   // with the other side, for a request and for an answer
+inline constexpr size_t kMaxOutput = size_t{1} << 20; /* more is cut */
 inline constexpr std::array<const char *, 2> kRegistryName{"diagnose", "cli"};
 static_assert(DIF_HOST_DIAGNOSE == 0 && DIF_HOST_CLI == 1, "registry names by number");
 
-// A file descriptor that is closed with its owner.
+/* With the other side, for a request and for an answer. */
+std::chrono::milliseconds controlPatience();
+
+/* A file descriptor that is closed with its owner. */
 class UniqueFd {
 public:
     explicit UniqueFd(int fd = -1) : fd_(fd) {}
@@ -53,10 +55,13 @@ private:
     int fd_;
 };
 
-// Returns 0 or ENAMETOOLONG.
+/* Returns 0, ENAMETOOLONG, or ENOENT for the empty path, which to a socket would be a name in no directory. */
 inline int socketAddress(const char *path, sockaddr_un &address) {
     address = {.sun_family = AF_UNIX, .sun_path = {}};
     const size_t length = std::strlen(path);
+    if (length == 0) {
+        return ENOENT;
+    }
     if (length >= sizeof address.sun_path) {
         return ENAMETOOLONG;
     }

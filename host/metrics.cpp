@@ -5,11 +5,11 @@
 #include "output.h"
 
 #include <fmt/format.h>
+#include <utf8.h>
 
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <cstring>
 #include <iterator>
 #include <string>
 #include <string_view>
@@ -18,45 +18,17 @@
 namespace {
 
 constexpr std::array<const char *, DIF_STAT_BUTT> kKindName{"verify_ok", "version_error", "lba_error", "crc_error"};
-constexpr std::string_view kReplacement = "\xEF\xBF\xBD"; // U+FFFD
 
-// Size of the UTF-8 sequence that `text` starts with, 0 if it is malformed.
-size_t utf8Size(std::string_view text) {
-    const auto byte = [text](size_t i) { return i < text.size() ? static_cast<uint8_t>(text[i]) : uint8_t{0}; };
-    const uint8_t lead = byte(0);
-    if (lead < 0x80) {
-        return 1;
-    }
-    // The limits of the second byte exclude overlong forms, surrogates and what lies beyond U+10FFFF.
-    const uint8_t low = lead == 0xE0 ? 0xA0 : lead == 0xF0 ? 0x90 : 0x80;
-    const uint8_t high = lead == 0xED ? 0x9F : lead == 0xF4 ? 0x8F : 0xBF;
-    if (lead < 0xC2 || lead > 0xF4 || byte(1) < low || byte(1) > high) {
-        return 0;
-    }
-    const size_t size = lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-    for (size_t i = 2; i < size; ++i) {
-        if ((byte(i) & 0xC0) != 0x80) {
-            return 0;
-        }
-    }
-    return size;
-}
-
-// Any bytes as a label value, which is UTF-8 with three escapes.
+/* Any bytes as a label value, which is UTF-8 with three escapes. */
 std::string labelValue(std::string_view text) {
     std::string value;
-    while (!text.empty()) {
-        const size_t size = utf8Size(text);
-        const std::string_view character = text.substr(0, size);
-        if (size == 0) {
-            value += kReplacement;
-        } else if (character == "\n") {
+    for (const char c : utf8::replace_invalid(text)) {
+        if (c == '\n') {
             value += "\\n";
         } else {
-            value += character == "\\" || character == "\"" ? "\\" : "";
-            value += character;
+            value += c == '\\' || c == '"' ? "\\" : "";
+            value += c;
         }
-        text.remove_prefix(size == 0 ? 1 : size);
     }
     return value;
 }
@@ -90,9 +62,22 @@ void addSettings(Exposition &out) {
     }
 }
 
-// The registry is read in place; a module may be registering its points meanwhile.
-uint8_t load(uint8_t &byte) {
+/* The registry is read in place; a module may be registering its points meanwhile. */
+template <typename Byte>
+Byte load(Byte &byte) {
     return std::atomic_ref{byte}.load(std::memory_order_relaxed);
+}
+
+std::string pointName(VerifyPointSlot &slot) {
+    std::string name;
+    for (char &byte : slot.pointName) {
+        const char c = load(byte);
+        if (c == '\0') {
+            break;
+        }
+        name += c;
+    }
+    return name;
 }
 
 void addCounters(Exposition &out) {
@@ -105,7 +90,7 @@ void addCounters(Exposition &out) {
             if (load(slot.pointId) == DIF_VERIFY_POINT_FREE) {
                 continue;
             }
-            const std::string name = labelValue({slot.pointName, strnlen(slot.pointName, DIF_VERIFY_POINT_NAME_SIZE)});
+            const std::string name = labelValue(pointName(slot));
             uint64_t counters[DIF_STAT_BUTT];
             difVerifyStatisticGet(mid, point, counters);
             for (size_t kind = 0; kind < DIF_STAT_BUTT; ++kind) {
@@ -123,6 +108,8 @@ int difHostRenderMetrics(DifHostPrint print, void *context) {
         Exposition out;
         addSettings(out);
         addCounters(out);
+        out.family("dif_host_log_dropped_total", "counter", "Log lines that did not reach a destination.");
+        out.add("dif_host_log_dropped_total {}\n", difHostLogDropped());
         writeOutput(print, context, out.text());
         return 0;
     } catch (...) {

@@ -15,7 +15,7 @@ struct Names {
     std::unordered_map<uint32_t, std::string> byModule;
 };
 
-// Never destroyed: the log asks for names until the last destructor of the process has run.
+/* Never destroyed: the log asks for names until the last destructor of the process has run. */
 Names &names() {
     static auto &instance = *new Names;
     return instance;
@@ -31,7 +31,7 @@ void osal_pid_set_name(uint32_t moduleId, const char *name) {
         const std::unique_lock lock(names().mutex);
         names().byModule.insert_or_assign(moduleId, name);
     } catch (...) {
-        // Out of memory: the module goes by its number.
+        /* Out of memory: the module goes by its number. */
     }
 }
 

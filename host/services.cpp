@@ -1,9 +1,11 @@
 /* The service registry, and the assertion service that is in it from the start. */
 #include "dif_host.h"
+#include "platform/hostlog.h"
 #include "platform/intf_lookup.h"
 
 #include <atomic>
 #include <cerrno>
+#include <cstring>
 #include <map>
 #include <mutex>
 #include <string>
@@ -13,9 +15,19 @@ namespace {
 
 std::atomic<int> assertPolicy{DIF_HOST_ASSERT_STOP};
 
-uint8_t answerAssertion(const char * /*expression*/, uint64_t /*reserved0*/, uint64_t /*reserved1*/,
-                        uint32_t /*moduleId*/, const char * /*funcName*/, int32_t /*line*/) {
-    return assertPolicy.load(std::memory_order_relaxed) == DIF_HOST_ASSERT_GO_ON ? 0 : 1;
+uint8_t answerAssertion(const char *expression, uint64_t /*reserved0*/, uint64_t /*reserved1*/, uint32_t moduleId,
+                        const char *funcName, int32_t line) {
+    if (assertPolicy.load(std::memory_order_relaxed) == DIF_HOST_ASSERT_GO_ON) {
+        return 0;
+    }
+    /* An unconditional assertion is handed over as "0". */
+    const bool isCondition = expression != nullptr && std::strcmp(expression, "0") != 0;
+    hostlog(moduleId, DIF_HOST_LOG_ASSERT, "dif_host", line, funcName, 0,
+            "%s%s. The process stops (SIGILL, \"Illegal instruction\"); after "
+            "difHostSetAssertPolicy(DIF_HOST_ASSERT_GO_ON) it would go on.",
+            isCondition ? "this does not hold: " : "this must not happen (see the lines before)",
+            isCondition ? expression : "");
+    return 1;
 }
 
 struct Services {
@@ -26,7 +38,7 @@ struct Services {
         {{"INFRA_ADAPTER_OS", "Adapt_OS_sysBugHandle"}, reinterpret_cast<void *>(&answerAssertion)}};
 };
 
-// Never destroyed: assertions may fail until the last destructor of the process has run.
+/* Never destroyed: assertions may fail until the last destructor of the process has run. */
 Services &services() {
     static auto &instance = *new Services;
     return instance;

@@ -6,7 +6,7 @@ bool isBlank(char c) {
     return c == ' ' || c == '\t' || c == '\n';
 }
 
-// What a backslash protects: inside double quotes only what is special there, elsewhere everything.
+/* What a backslash protects: inside double quotes only what is special there, elsewhere everything. */
 bool isProtected(char c, char quote) {
     return quote == '\0' || std::string_view("$`\"\\\n").find(c) != std::string_view::npos;
 }
@@ -30,13 +30,13 @@ std::optional<std::vector<std::string>> splitWords(std::string_view line, std::s
         if (quote != '\0' && c == quote) {
             quote = '\0';
         } else if (c == '\\' && quote != '\'' && i + 1 < line.size() && isProtected(line[i + 1], quote)) {
-            if (line[++i] != '\n') { // a line broken by a backslash goes on
+            if (line[++i] != '\n') { /* a line broken by a backslash goes on */
                 word() += line[i];
             }
         } else if (quote == '\0' && (c == '\'' || c == '"')) {
             quote = c;
             quoteAt = i;
-            word(); // which may stay empty
+            word(); /* which may stay empty */
         } else if (quote == '\0' && isBlank(c)) {
             inWord = false;
         } else {

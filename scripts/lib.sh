@@ -25,7 +25,7 @@ installMissing() {
 build() {
     local preset=$1
     shift
-    installMissing g++ cmake ninja-build pkg-config libisal-dev libspdlog-dev libcli11-dev nlohmann-json3-dev \
+    installMissing g++ cmake ninja-build pkg-config libisal-dev libspdlog-dev libutfcpp-dev libcli11-dev nlohmann-json3-dev \
         libgtest-dev libgmock-dev libbenchmark-dev libedit-dev
     say "Building $preset"
     cmake --preset "$preset" >/dev/null
