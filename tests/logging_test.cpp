@@ -1,101 +1,121 @@
-#include "blocks.h"
+#include "fake_host.h"
+#include "model.h"
 
 #include <csignal>
-#include <cstdio>
-#include <sstream>
 
 namespace {
 
 using Logging = StartedDif;
 
-/*
- * Attempts of a site with interval `I` and gate level `gate`. "7-1:W" is an attempt at tick 7 * I - 1 that writes
- * `message`; "7:2" one that reports two suppressed messages first; "7:-" one that writes nothing.
- */
-void expectTimeline(const std::string &timeline, uint64_t I, uint32_t gate, const std::string &function,
+struct Attempt {
+    uint64_t tick;
+    bool isWritten;
+    uint32_t reported = 0; /* suppressed messages, before the message */
+};
+
+/* Attempts of a site whose gate level is `gate`, at ticks counted from now. */
+void expectAttempts(const std::vector<Attempt> &attempts, uint32_t gate, const std::string &function,
                     const std::string &message, const std::function<void()> &attempt) {
+    attempt(); // reports what earlier tests left
+    host.later();
     host.filtered = 1u << gate; // what the gate filters leaves the limiter as it is
-    for (int i = 0; i < 4; ++i)
+    for (int i = 0; i < 5; ++i)
         attempt();
-    EXPECT_EQ(host.take(), Lines{});
     host.filtered = ~host.filtered;
-    std::istringstream steps(timeline);
-    for (std::string step; steps >> step;) {
-        const size_t minus = step.find('-'), colon = step.find(':');
-        host.tick = std::stoul(step) * I - (minus < colon ? std::stoul(step.substr(minus + 1)) : 0);
-        const char outcome = step[colon + 1];
+    host.take();
+    host.wantsReports = true;
+    const uint64_t start = host.tick;
+    for (const Attempt &row : attempts) {
+        SCOPED_TRACE(
+            format("attempt %td, at tick %llu", &row - attempts.data(), static_cast<unsigned long long>(row.tick)));
+        host.tick = start + row.tick;
         attempt();
         const Lines events = host.take();
-        Lines want = outcome == '-' ? Lines{} : Lines{message};
-        if (outcome >= '1' && outcome <= '9' && !events.empty())
-            want.insert(want.begin(), format("L%u dif_util %s #0: print: %c messages suppressed.%s,line=%d.", gate,
-                                             function.c_str(), outcome, function.c_str(), host.lines.back()));
-        EXPECT_EQ(events, want) << "at " << step;
+        Lines want = row.isWritten ? Lines{message} : Lines{};
+        if (row.reported != 0 && !events.empty())
+            want.insert(want.begin(),
+                        format("level %u, dif_util, %s, 0: print: %u messages suppressed.%s,line=%d.", gate,
+                               function.c_str(), row.reported, function.c_str(), host.lines.back()));
+        EXPECT_EQ(events, want);
     }
 }
 
+/* Credit grows by one a tick up to three intervals, and a message costs an interval. */
 TEST_F(Logging, CreditLimiter) {
     Blocks blocks(DIF_DATA_520, 1);
-    blocks.set(0, "ffff ff ff ffffffff");
+    blocks.set(0, kOnes);
     Check check(DIF_DATA_520, DIF_CHECK_CONVERT_T10);
     constexpr uint64_t I = 75000;
-    const std::string note =
-        format("L6 - tryCheckDifIntegrity #0: DIF_INTEGRITY_CHECK_INFO: version(0xFF), app(0xFF), "
-               "difPtr(%p), type(0),ctrlFlag(0x40080000), mid(4), subPid(1), crcLevel(2), lbaLevel(2).",
-               static_cast<void *>(blocks.tuple(0)));
-    // Three intervals of credit at most; dropped attempts keep what has gathered; at last, time goes back.
-    expectTimeline(
-        "6:W 6:W 6:W 6:- 7-1:- 7-1:- 7:W 10:3 10:W 10:W 10:- 11:W 20-1:W 20:1 20:W 20:- 30-1:W 30:1 30:W 30:- "
-        "30-2:W 30-2:W 30-2:W 30-2:-",
-        I, 6, "tryCheckDifIntegrity", note, [&] { check.run(blocks); });
+    const std::vector<Attempt> attempts = {
+        {0, true},          {0, true},         {0, true},          {0, false}, // all credit
+        {I - 1, false},     {I - 1, false},    {I, true, 3}, // dropped attempts keep what has gathered
+        {5 * I, true},      {5 * I, true},     {5 * I, true},      {5 * I, false},
+        {11 * I - 1, true}, {11 * I, true, 1},                     // ten intervals between reports
+        {11 * I, true},     {11 * I, false},   {11 * I - 2, true}, // time goes back
+    };
+    expectAttempts(attempts, 6, "tryCheckDifIntegrity",
+                   limited(6, "tryCheckDifIntegrity",
+                           format("DIF_INTEGRITY_CHECK_INFO: version(0xFF), app(0xFF), difPtr(%p), type(0),"
+                                  "ctrlFlag(0x40080000), mid(4), subPid(1), crcLevel(2), lbaLevel(2).",
+                                  static_cast<void *>(blocks.dif(0)))),
+                   [&] { checkDif(blocks.data(0), 1, &check.param, "caller", 42); });
 }
 
+/* Three messages a period, which starts anew with every message written. */
 TEST_F(Logging, BurstLimiter) {
     Check check(DIF_DATA_520, 0);
     constexpr uint64_t I = 15000;
-    const std::string error =
-        format("L3 - checkDif #0: Input error, buf is (nil), param is %p.", static_cast<void *>(&check.param));
-    // Three messages a period, which starts anew with every message written.
-    expectTimeline("1-9:W 1-9:W 1-9:W 1-9:- 2-10:- 2-9:W 2-9:W 2-9:W 2-9:- 10:3 11-1:W 12-2:W 12:- 13-3:- 13-2:W 20:2",
-                   I, 3, "checkDif", error, [&] { checkDif(nullptr, 1, &check.param, "caller", 42); });
+    const std::vector<Attempt> attempts = {
+        {0, true},          {I - 1, true},        {2 * I - 2, true}, {2 * I - 2, false},
+        {3 * I - 3, false}, {3 * I - 2, true, 2}, {3 * I, true},     {3 * I, true},
+        {3 * I, false},     {4 * I, true},        {4 * I, true},     {4 * I, true},
+        {13 * I - 3, true}, // ten intervals between reports
+        {13 * I - 3, true}, {14 * I, true, 1},
+    };
+    expectAttempts(
+        attempts, 3, "checkDif",
+        limited(3, "checkDif", format("Input error, buf is (nil), param is %p.", static_cast<void *>(&check.param))),
+        [&] { checkDif(nullptr, 1, &check.param, "caller", 42); });
 }
 
-TEST_F(Logging, Assertion) {
+TEST_F(Logging, AssertionAsksTheServiceThatTheHostHas) {
     constexpr uint64_t I = 150000;
-    const Lines texts = asserted("insertDif", "buf != NULL", "buf != ((void *)0)");
+    const Lines texts = notNull("insertDif", "buf");
     const std::string lookup = "lookup INFRA_ADAPTER_OS Adapt_OS_sysBugHandle";
     DifOpParam op{DIF_DATA_520, DIF_INSERT_CRC, 0, nullptr};
-    Blocks blocks(DIF_DATA_520, 1);
-    g_baseServiceIntfRely = nullptr;
-    const auto attempt = [&](uint64_t tick) {
-        host.tick = tick;
+    uint8_t buf[520];
+    const auto attempt = [&] {
         insertDif(nullptr, 1, &op);
         return host.take();
     };
+    attempt();
+    host.later();
+    host.wantsReports = true;
+    g_baseServiceIntfRely = nullptr;
     host.filtered = 1u << 3; // the gate is the error level,
-    EXPECT_EQ(attempt(0), Lines{});
+    EXPECT_EQ(attempt(), Lines{});
     host.filtered = 1u << 0; // not that of the text
-    host.serviceRegistered = false;
-    EXPECT_EQ(attempt(0), (Lines{texts[0], lookup}));
-    insertDif(blocks.data(0), 1, nullptr); // another site at the same tick
-    EXPECT_EQ(host.take(), (Lines{"L0 dif_util insertDif #0: param != NULL", lookup}));
-
-    host.serviceRegistered = true; // looked up again, then kept
-    EXPECT_EQ(attempt(I - 1), Lines{});
-    EXPECT_EQ(attempt(I), (Lines{texts[0], lookup, texts[1]}));
-    EXPECT_EQ(host.lines[0], host.lines[2]);
-    EXPECT_EQ(attempt(2 * I), texts);
-    EXPECT_EQ(attempt(2 * I), Lines{});
-    const Lines events = attempt(10 * I);
-    const std::string report = "L3 dif_util insertDif #0: print: 2 messages suppressed.insertDif,line=";
-    EXPECT_EQ(events, (Lines{report + format("%d.", host.lines.back()), texts[0], texts[1]}));
+    host.hasService = false;
+    EXPECT_EQ(attempt(), (Lines{texts[0], lookup}));
+    insertDif(buf, 1, nullptr); // another site at the same tick
+    EXPECT_EQ(host.take(), (Lines{notNull("insertDif", "param")[0], lookup}));
+    host.hasService = true; // looked up again, then kept
+    host.tick += I - 1;
+    EXPECT_EQ(attempt(), Lines{});
+    host.tick += 1;
+    EXPECT_EQ(
+        attempt().front(),
+        format("level 3, dif_util, insertDif, 0: print: 1 messages suppressed.insertDif,line=%d.", host.lines.back()));
+    host.tick += I;
+    EXPECT_EQ(attempt(), texts);
+    EXPECT_EQ(host.lines[0], host.lines[1]);
 }
 
 TEST_F(Logging, AssertionStopsTheProcessOnRequest) {
     host.assertAnswer = 0x80; // any true value
     host.onEvent = [](const std::string &event) { fprintf(stderr, "%s\n", event.c_str()); };
-    const std::string story = "L0 dif_util insertDif #0: buf != NULL\nask insertDif\\(buf != \\(\\(void \\*\\)0\\)\\)\n"
-                              "L0 - insertDif #0: Assert fail: \\(0\\)\n";
+    const std::string story = "buf != NULL\nask insertDif\\(buf != \\(\\(void \\*\\)0\\)\\)\n"
+                              "level 0, no file, insertDif, 0: Assert fail: \\(0\\)\n";
     DifOpParam op{DIF_DATA_520, DIF_INSERT_CRC, 0, nullptr};
     EXPECT_EXIT(insertDif(nullptr, 1, &op), ::testing::KilledBySignal(SIGILL), story);
     EXPECT_EXIT((signal(SIGILL, SIG_IGN), insertDif(nullptr, 1, &op)), ::testing::ExitedWithCode(255), story);

@@ -1,0 +1,199 @@
+#include "fake_host.h"
+#include "model.h"
+
+#include <bit>
+
+namespace {
+
+using Writing = StartedDif;
+using TupleTools = StartedDif;
+using Crc16 = StartedDif;
+
+TEST_F(Crc16, TheTableAgreesWithTheReference) {
+    const auto *const digits = reinterpret_cast<const uint8_t *>("123456789");
+    EXPECT_EQ(slowCrc16(0, digits, 9), 0xD0DB);
+    EXPECT_EQ(~slowCrc32c(~0u, digits, 9), 0xE3069283);
+    EXPECT_EQ(calcT10DifCrcByTable(0x1234, digits, 0), 0x1234);
+    EXPECT_EQ(crc16T10Dif(0x1234, nullptr, 10), 0x1234);
+    EXPECT_EQ(crc16T10Dif(0x1234, digits, 0), 0x1234);
+    Random random;
+    std::vector<uint8_t> bytes(5000);
+    random.fill(bytes.data(), bytes.size());
+    for (uint32_t round = 0; round < 1000; ++round) {
+        const auto seed = static_cast<uint16_t>(random.bits());
+        const uint32_t length = random.from(1, round % 10 == 0 ? 4200 : 64);
+        const uint8_t *const start = &bytes[random.from(0, 700)];
+        const uint16_t crc = slowCrc16(seed, start, length);
+        ASSERT_EQ(calcT10DifCrcByTable(seed, start, length), crc) << "seed " << seed << " length " << length;
+        ASSERT_EQ(crc16T10Dif(seed, start, length), __builtin_bswap16(crc));
+        setCrc16Func(); // the same engine again
+    }
+}
+
+/* Tuples as bytes, as their readers elsewhere know them. */
+TEST_F(Writing, BytesOfTuples) {
+    using Eight = std::array<uint8_t, 8>;
+    const struct {
+        uint32_t type, flags;
+        uint8_t version;
+        Eight bytes;
+    } rows[] = {
+        {DIF_DATA_520, DIF_INSERT_NO_CRC | DIF_INSERT_CRC, 0x13, {0, 0, 0x34, 0, 0, 0, 0, 0}},
+        {DIF_DATA_520, DIF_INSERT_CRC | DIF_INSERT_LBA, 0x13, {0, 0, 0x13, 2, 0, 0, 0, 5}},
+        {DIF_DATA_520_ZERO, DIF_INSERT_CRC, 0x29, {0xC0, 0xED, 0x29, 0, 0, 0, 0, 0}},
+        {DIF_DATA_4160_ZERO, DIF_INSERT_CRC | DIF_INSERT_LBA, 0x29, {0x89, 0x41, 0x29, 2, 0, 0, 0, 5}},
+    };
+    for (const auto &row : rows) {
+        Blocks blocks(row.type, 1);
+        const unsigned guard = slowCrc16(0, blocks.data(0), blocks.info.dataSize);
+        Eight want = row.bytes;
+        if (row.type == DIF_DATA_520 && want[2] == 0x13) {
+            want[0] = static_cast<uint8_t>(guard >> 8);
+            want[1] = static_cast<uint8_t>(guard);
+        }
+        setSysDifCrcVersion(row.version);
+        DifOpParam op{row.type, row.flags, 0x100000005, nullptr};
+        insertDif(blocks.data(0), blocks.sectors(), &op);
+        EXPECT_TRUE(std::equal(want.begin(), want.end(), blocks.dif(0))) << row.type << " " << row.flags;
+    }
+}
+
+TEST_F(Writing, BlockRoutinesTrustTheirCaller) {
+    setDifOn(0);
+    host.take();
+    Blocks blocks(DIF_DATA_520, 2);
+    DifOpParam op{DIF_DATA_520, DIF_INSERT_CRC | DIF_INSERT_LBA, 0xFFFFFFFF, nullptr};
+    insertDifInBlocks(blocks.data(0), 2, &blocks.info, &op);
+    EXPECT_EQ(op.lba, 0x100000001u); // their caller puts it back
+    EXPECT_EQ(blocks.tuple(0), blocks.right(0, 0xFFFFFFFF));
+    EXPECT_EQ(blocks.tuple(1), blocks.right(1, 0));
+    op = {DIF_DATA_520, DIF_REPLACE_LBA | DIF_REPLACE_CLEAR_LBA_VALID, 7, nullptr};
+    replaceDifInBlocks(blocks.data(0), 2, &blocks.info, &op, 0);
+    EXPECT_EQ(op.lba, 9u);
+    EXPECT_EQ(blocks.tuple(1).lba, 8u);
+    EXPECT_EQ(blocks.tuple(1).app, 0);
+    DifInjectParam inject{DIF_DATA_520, 0, 7, 0, 0};
+    injectDifInBlocks(blocks.data(0), 2, &blocks.info, &inject, 1);
+    EXPECT_EQ(inject.lba, 9u);
+    EXPECT_EQ(host.take(), Lines{});
+
+    const Tuple old{0xC2C1, 0xC3, 0xFC, 0xC4C5C6C7};
+    const Tuple after[] = {{old.guard, 0x34, old.app, old.lba}, // one block is not cleared first
+                           {blocks.guard(0), 0x13, old.app, old.lba},
+                           {old.guard, old.version, 0xFE, 8}};
+    for (uint32_t bit = 0; bit < 3; ++bit) {
+        op = {DIF_DATA_520, 1u << bit, 8, nullptr};
+        blocks.set(0, old);
+        insertDifInOneBlock(blocks.data(0), 512, blocks.difTuple(0), &op);
+        EXPECT_EQ(blocks.tuple(0), after[bit]);
+        EXPECT_EQ(op.lba, 8u);
+    }
+    blocks.set(0, old);
+    setDifLbaFast(blocks.difTuple(0), 0x01020304);
+    EXPECT_EQ(blocks.tuple(0), (Tuple{old.guard, old.version, old.app, 0x01020304}));
+
+    const DifTypeInfo odd{528, 512, 0, 512}; // a DIF area of neither 8 nor 64 bytes is not cleared
+    const auto before = blocks.bytes;
+    op.ctrlFlag = 0;
+    insertDifInBlocks(blocks.data(0), 1, &odd, &op);
+    EXPECT_EQ(blocks.bytes, before);
+    for (const uint8_t version : Bytes{0x13, 0x29}) { // only whole blocks have a known guard
+        setSysDifCrcVersion(version);
+        op = {DIF_DATA_520_ZERO, DIF_INSERT_CRC, 0, nullptr};
+        insertDifInOneBlock(blocks.data(0), 520, blocks.difTuple(1), &op);
+        EXPECT_EQ(blocks.tuple(1).guard, slowGuard(version, blocks.data(0), 520));
+    }
+}
+
+TEST_F(Writing, InjectionIsNoted) {
+    Blocks blocks(DIF_DATA_520, 1);
+    DifInjectParam inject{DIF_DATA_520, 0xF, 0x100000001, 0x1234, 0x1E};
+    injectDif(blocks.data(0), 1, &inject);
+    Lines want;
+    for (const char *what : {"invalid version(0x1e).", "invalid crc(0x1234).", "invalid lba(4294967297).", "app BST."})
+        want.push_back(limited(6, "injectDifInOneBlock", format("DIF_INFO_INJECT_DIF: inject %s", what)));
+    EXPECT_EQ(host.take(), want);
+}
+
+TEST_F(TupleTools, GetLba) {
+    constexpr uint64_t kNone = 0x123456789ABC;
+    const struct {
+        Tuple tuple;
+        uint64_t lba;
+        const char *complaint;
+    } rows[] = {
+        {{0x3412, 0x13, 2, 256}, 256, nullptr},
+        {{0x3412, 0x00, 3, 0xFFFFFFFE}, 0xFFFFFFFE, nullptr},
+        {{0, 0x29, 0x82, 0}, 0, nullptr},
+        {{0, 0x34, 0xFF, 0x01020304}, 0x01020304, nullptr},
+        {{0x3412, 0x1F, 2, 1}, kNone, "Dif version error,dif:0x12 0x34 0x1f 0x02 0x00 0x00 0x00 0x01"},
+        {{0xFFFF, 0xFF, 0xFF, 1}, kNone, "Dif version error,dif:0xff 0xff 0xff 0xff 0x00 0x00 0x00 0x01"},
+        {{0xCDAB, 0x13, 0xFD, 0}, kNone, "Lba valid flag error,dif:0xab 0xcd 0x13 0xfd 0x00 0x00 0x00 0x00"},
+    };
+    Blocks blocks(DIF_DATA_520, 1);
+    uint64_t lba = 0;
+    for (const auto &row : rows) {
+        blocks.set(0, row.tuple);
+        lba = kNone;
+        const bool isGood = row.complaint == nullptr;
+        EXPECT_EQ(getDifLba(blocks.data(0), 520, &lba), isGood ? DIF_OK : DIF_FAIL);
+        EXPECT_EQ(lba, row.lba);
+        EXPECT_EQ(host.take(), isGood ? Lines{} : Lines{limited(4, "getDifLba", row.complaint)});
+    }
+    blocks.set(0, rows[0].tuple);
+    uint8_t *const noBuffer = nullptr;
+    for (const auto &[buf, size, out] :
+         {std::tuple(noBuffer, 520u, &lba), {blocks.data(0), 4160u, &lba}, {blocks.data(0), 520u, nullptr}}) {
+        EXPECT_EQ(getDifLba(buf, size, out), DIF_FAIL);
+        EXPECT_EQ(host.take(), Lines{limited(3, "getDifLba",
+                                             format("buffer(%p), lba(%p), bufSize(%u).", static_cast<void *>(buf),
+                                                    static_cast<void *>(out), size))});
+    }
+    EXPECT_EQ(lba, kNone);
+}
+
+TEST_F(TupleTools, SingleTuples) {
+    for (size_t i = 0; i < 8; ++i) { // every byte but the version counts
+        std::array<uint8_t, 8> bytes{};
+        bytes[i] = 0x80;
+        auto tuple = std::bit_cast<DifTuple>(bytes);
+        EXPECT_EQ(isDifDataAllZero(&tuple), i == 2) << i;
+        clearDifVersion(&tuple);
+        bytes[2] = 0;
+        EXPECT_EQ((std::bit_cast<std::array<uint8_t, 8>>(tuple)), bytes);
+    }
+    Blocks blocks(DIF_DATA_520, 2); // the exempt tuple of the first block speaks for all
+    blocks.set(0, kOnes);
+    blocks.set(1, {0, 0x13, DIF_APP_BST, 0});
+    EXPECT_TRUE(isDifEvictable(blocks.data(0), 2));
+    EXPECT_EQ(host.take(), Lines{limited(6, "isDifEvictable",
+                                         format("DIF_ISDIFEVICTABLE_INFO: version(0xFF),app(0xFF), difPtr(%p),"
+                                                "type(512).",
+                                                static_cast<void *>(blocks.dif(0))))});
+}
+
+TEST_F(TupleTools, TransformIsInsertionOverOneLargeSector) {
+    for (const uint8_t version : Bytes{DIF_VERSION_T10, DIF_VERSION_CRC32C}) {
+        setSysDifCrcVersion(version);
+        Blocks small(DIF_DATA_520, 8), large(DIF_DATA_4160, 1);
+        for (uint32_t k = 0; k < 8; ++k)
+            memcpy(large.data(0) + k * 512, small.data(k), 512);
+        const Tuple want{large.guard(0, version), version, 0, 0};
+        const std::vector<uint8_t> before = small.bytes;
+        trans2LSectorDif(small.data(0), 8, large.difTuple(0));
+        EXPECT_EQ(large.tuple(0), want);
+        EXPECT_TRUE(small.bytes == before);
+        trans2LSectorDif(small.data(0), 0, large.difTuple(0)); // asserts
+        EXPECT_EQ(large.tuple(0), (Tuple{0, version, 0, 0}));
+
+        const Tuple last{small.guard(7, version), version, 0, 0}; // into the block's own tuple
+        uint16_t seen = 0;
+        host.onCrc = [&](const uint8_t *, uint64_t) { return seen = small.tuple(7).guard, uint16_t{0}; };
+        trans2LSectorDif(small.data(7), 1, small.difTuple(7));
+        EXPECT_EQ(small.tuple(7), last);
+        EXPECT_EQ(seen, 0xA5A5); // the guard bytes stay until the guard is known
+        host.onCrc = nullptr;
+    }
+}
+
+} // namespace
