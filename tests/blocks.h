@@ -45,7 +45,10 @@ public:
         return values.begin()[bits() % values.size()];
     }
     void fill(uint8_t *bytes, size_t size) {
-        std::generate(bytes, bytes + size, [this] { return static_cast<uint8_t>(bits()); });
+        for (size_t at = 0; at < size; at += 8) {
+            const uint64_t next = bits();
+            memcpy(bytes + at, &next, std::min(size - at, sizeof next));
+        }
     }
 
 private:
@@ -65,6 +68,7 @@ struct Tuple {
     uint16_t guard;
     uint8_t version, app;
     uint32_t lba;
+    bool isExempt() const { return version == 0xFF && app == 0xFF; }
     bool operator==(const Tuple &) const = default;
 };
 

@@ -28,10 +28,6 @@ uint8_t onAssertion(const char *expression, uint64_t reserved0, uint64_t reserve
     return host.assertAnswer;
 }
 
-uint16_t toldOfCrc(const uint8_t *data, uint64_t size) {
-    return host.onCrc ? host.onCrc(data, size) : uint16_t{0};
-}
-
 } // namespace
 
 std::string format(const char *text, ...) {
@@ -75,11 +71,11 @@ void FakeHost::reset() {
     assertAnswer = 0;
     hasService = true;
     wantsReports = false;
-    diagnoseResult = cliResult = 0;
-    onEvent = nullptr;
-    onCrc = nullptr;
-    onPrint = nullptr;
     printed.clear();
+    onEvent = nullptr;
+    onPrint = nullptr;
+    onCrc = nullptr;
+    diagnose.result = cli.result = 0;
 }
 
 void FakeHost::record(const std::string &event, int32_t line) {
@@ -105,10 +101,9 @@ void hostlog(uint32_t moduleId, uint32_t level, const char *file, int32_t line, 
 
 void hostlog_standard(uint32_t moduleId, uint32_t level, const char *function, int32_t line, uint32_t logId,
                       const char *text, ...) {
-    EXPECT_EQ(moduleId, DIF_MODULE_ID);
     va_list args;
     va_start(args, text);
-    host.record(format("level %u, no file, %s, %u: ", level, function, logId) + vformat(text, args), line);
+    hostlog(moduleId, level, "no file", line, function, logId, "%s", vformat(text, args).c_str());
     va_end(args);
 }
 
@@ -128,16 +123,17 @@ uint64_t osal_get_jiffies(void) {
 }
 
 uint64_t osal_time_getnanosec(void) {
-    static std::atomic<uint64_t> now{0};
+    static uint64_t now = 0;
     return now += 500;
 }
 
 uint16_t crc16_t10dif(uint16_t seed, const uint8_t *data, uint64_t size) {
-    return slowCrc16(seed, data, size) ^ toldOfCrc(data, size);
+    return static_cast<uint16_t>(slowCrc16(seed, data, size) ^ (host.onCrc ? host.onCrc(data, size) : 0));
 }
 
 uint32_t osal_crc32cContinue(uint32_t reg, const uint8_t *data, uint32_t size) {
-    toldOfCrc(data, size);
+    if (host.onCrc)
+        host.onCrc(data, size);
     return slowCrc32c(reg, data, size);
 }
 
@@ -150,47 +146,45 @@ void osal_pid_set_name(uint32_t moduleId, const char *name) {
 }
 
 int32_t DBG_RegCmd(const DbgCmdReg *cmd) {
-    host.diagnoseCommand = *cmd;
     host.record(format("register diagnose %s: %s", cmd->name, cmd->description));
-    return host.diagnoseResult;
+    host.diagnose.command = *cmd;
+    return host.diagnose.result;
 }
 
 int32_t DBG_RegCmdToCLI(const DbgCmdReg *cmd) {
-    host.cliCommand = *cmd;
     host.record(format("register cli %s: %s", cmd->name, cmd->description));
-    return host.cliResult;
+    host.cli.command = *cmd;
+    return host.cli.result;
 }
 
 int32_t DBG_UnRegCmd(const char *name) {
     host.record(format("unregister diagnose %s", name));
-    return host.diagnoseResult;
+    return host.diagnose.result;
 }
 
 int32_t DBG_UnRegCmdToCLI(const char *name) {
     host.record(format("unregister cli %s", name));
-    return host.cliResult;
+    return host.cli.result;
 }
 
 int32_t DBG_ShowUsageAndErrMsg(const char *message) {
-    host.printed += format("<usage: %s>\n", message != nullptr ? message : "null");
+    host.printed += format("usage (%s)\n", message != nullptr ? message : "null");
     return FakeHost::kUsageResult;
 }
 
 void DBG_Print(const char *text, ...) {
-    if (host.onPrint)
-        host.onPrint();
     va_list args;
     va_start(args, text);
+    if (host.onPrint)
+        host.onPrint();
     host.printed += vformat(text, args);
     va_end(args);
 }
 
 int strncpy_s(char *dest, size_t destMax, const char *src, size_t count) {
     const size_t length = strnlen(src, count);
-    if (length >= destMax) {
-        dest[0] = '\0';
-        return ERANGE;
-    }
+    if (length >= destMax)
+        return dest[0] = '\0', ERANGE;
     memcpy(dest, src, length);
     dest[length] = '\0';
     return 0;

@@ -25,32 +25,31 @@ using Lines = std::vector<std::string>;
 std::string format(const char *text, ...) __attribute__((format(printf, 1, 2)));
 
 /*
- * What the library does to the host becomes events, lines of text, in the order of happening. These are the events of a
- * plain message, of one behind a limiter, and the two of a failed assertion: its text and the question to the assertion
- * service, which repeats the text if no expression is given.
+ * What the library does to the host becomes events, lines of text, in the order of happening: here those of a plain
+ * message, of one behind a limiter, and of a failed assertion, which are its text and the question to the assertion
+ * service. The question repeats the text if no expression is given.
  */
 std::string plain(uint32_t level, const std::string &function, const std::string &text);
 std::string limited(uint32_t level, const std::string &function, const std::string &text);
 Lines asserted(const std::string &function, const std::string &text, const std::string &expression = "");
 Lines notNull(const std::string &function, const std::string &pointer);
 
-class FakeHost {
-public:
+struct FakeHost {
     std::atomic<uint64_t> tick{0};
     std::atomic<uint32_t> filtered{0}; /* bit L: messages of level L are filtered */
     uint8_t assertAnswer = 0;          /* of the assertion service */
     bool hasService = true;            /* whether the lookup finds the assertion service */
     bool wantsReports = false;
-    int32_t diagnoseResult = 0, cliResult = 0; /* of (un)registration */
-
+    std::string printed;                              /* by DBG_Print */
     std::function<void(const std::string &)> onEvent; /* told of each event */
+    std::function<void()> onPrint;
     /* Told of the data of each CRC16 of the hardware engine and of each continued CRC32C; alters the CRC16 by XOR. */
     std::function<uint16_t(const uint8_t *, uint64_t)> onCrc;
-    std::function<void()> onPrint;
-
-    std::string printed;                       /* by DBG_Print */
-    std::vector<int32_t> lines;                /* source lines of the events last taken, 0 for none */
-    DbgCmdReg diagnoseCommand{}, cliCommand{}; /* as registered last */
+    struct Registry {
+        DbgCmdReg command{}; /* as registered last */
+        int32_t result = 0;  /* of (un)registration */
+    } diagnose, cli;
+    std::vector<int32_t> lines; /* source lines of the events last taken, 0 for none */
 
     static constexpr int32_t kUsageResult = 77; /* of DBG_ShowUsageAndErrMsg */
     static void *assertionService();
@@ -70,16 +69,16 @@ extern FakeHost host;
 /* A started library that knows its assertion service and whose cache module has two verify points; no events yet. */
 class StartedDif : public ::testing::Test {
 protected:
-    void SetUp() override {
+    StartedDif() {
         const VerifyPointDesc points[] = {{1, "front"}, {2, "back"}};
         host.reset();
         host.later();
         difModuleInit();
         g_baseServiceIntfRely = FakeHost::assertionService();
-        ASSERT_EQ(difRegistVerifyPoint(DIF_MID_CACHE, points, 2, "setUp", 1), DIF_OK);
+        EXPECT_EQ(difRegistVerifyPoint(DIF_MID_CACHE, points, 2, "setUp", 1), DIF_OK);
         host.take();
     }
-    void TearDown() override { host.reset(); }
+    ~StartedDif() override { host.reset(); }
 };
 
 #endif

@@ -3,42 +3,22 @@
 #define DIF_TESTS_MODEL_H
 
 #include "blocks.h"
+#include "dif/dif.h"
 
 #include <array>
 
-/* The guard that writing gives a block: of zeros, if the data type declares zeros. */
-inline uint16_t writtenGuard(Blocks &blocks, uint32_t k, uint32_t type, uint8_t version) {
-    const std::vector<uint8_t> zeros(blocks.info.dataSize);
-    return slowGuard(version, (type & 1) != 0 ? zeros.data() : blocks.data(k), blocks.info.dataSize);
-}
-
-/* One block of an insertion, a replacement and an injection; `k` counts in the blocks, `i` in the operation. */
-inline void modelInsert(Blocks &blocks, uint32_t k, uint32_t i, const DifOpParam &op, uint8_t version) {
-    Tuple tuple{};
-    if ((op.ctrlFlag & DIF_INSERT_NO_CRC) != 0) {
-        tuple.version = DIF_VERSION_NO_CRC;
-    } else {
-        if ((op.ctrlFlag & DIF_INSERT_CRC) != 0)
-            tuple = {.guard = writtenGuard(blocks, k, op.type, version), .version = version, .app = 0, .lba = 0};
-        if ((op.ctrlFlag & DIF_INSERT_LBA) != 0) {
-            tuple.app = DIF_APP_LBA_VALID;
-            tuple.lba = static_cast<uint32_t>(op.lba + i);
-        }
-    }
-    memset(blocks.dif(k), 0, blocks.info.blockSize - blocks.info.dataSize);
-    blocks.set(k, tuple);
-}
-
+/* One block of a replacement: block `k` of the blocks, block `i` of the operation. */
 inline void modelReplace(Blocks &blocks, uint32_t k, uint32_t i, const DifOpParam &op, uint8_t version) {
+    const auto has = [&](uint32_t flag) { return (op.ctrlFlag & flag) != 0; };
+    const std::vector<uint8_t> zeros(blocks.info.dataSize);
+    Tuple tuple = blocks.tuple(k);
     if (op.blockBitmap != nullptr && (op.blockBitmap[i / 32] >> (i % 32) & 1) == 0)
         return;
-    const auto has = [&](uint32_t flag) { return (op.ctrlFlag & flag) != 0; };
-    Tuple tuple = blocks.tuple(k);
-    if (has(DIF_REPLACE_CRC))
-        tuple.guard = writtenGuard(blocks, k, op.type, version);
+    if (has(DIF_REPLACE_CRC)) /* the data of some types is declared to be zeros */
+        tuple.guard = slowGuard(version, (op.type & 1) != 0 ? zeros.data() : blocks.data(k), zeros.size());
     if (has(DIF_REPLACE_LBA) || (has(DIF_REPLACE_LBA_IF_VALID) && (tuple.app & DIF_APP_LBA_VALID) != 0))
         tuple.lba = static_cast<uint32_t>(op.lba + i);
-    const unsigned set = (has(DIF_REPLACE_LBA) ? DIF_APP_LBA_VALID : 0) | (has(DIF_REPLACE_SET_BST) ? DIF_APP_BST : 0);
+    const uint32_t set = (has(DIF_REPLACE_LBA) ? DIF_APP_LBA_VALID : 0) | (has(DIF_REPLACE_SET_BST) ? DIF_APP_BST : 0);
     tuple.app = static_cast<uint8_t>((tuple.app | set) & ~(has(DIF_REPLACE_CLEAR_LBA_VALID) ? DIF_APP_LBA_VALID : 0));
     if (has(DIF_REPLACE_VERSION) || (has(DIF_REPLACE_CRC) && !has(DIF_REPLACE_INVALID_VERSION)))
         tuple.version = version;
@@ -47,15 +27,23 @@ inline void modelReplace(Blocks &blocks, uint32_t k, uint32_t i, const DifOpPara
     blocks.set(k, tuple);
 }
 
+inline void modelInsert(Blocks &blocks, uint32_t k, uint32_t i, const DifOpParam &op, uint8_t version) {
+    memset(blocks.dif(k), 0, blocks.info.blockSize - blocks.info.dataSize);
+    if ((op.ctrlFlag & DIF_INSERT_NO_CRC) != 0)
+        return blocks.set(k, {.guard = 0, .version = DIF_VERSION_NO_CRC, .app = 0, .lba = 0});
+    const uint32_t flags = ((op.ctrlFlag & DIF_INSERT_CRC) != 0 ? DIF_REPLACE_CRC : 0) |
+                           ((op.ctrlFlag & DIF_INSERT_LBA) != 0 ? DIF_REPLACE_LBA : 0);
+    modelReplace(blocks, k, i, {op.type, flags, op.lba, nullptr}, version);
+}
+
 inline void modelInject(Blocks &blocks, uint32_t k, uint32_t i, const DifInjectParam &inject) {
     const auto has = [&](uint32_t flag) { return (inject.ctrlFlag & flag) != 0; };
-    Tuple tuple = blocks.tuple(k);
-    tuple.version = has(DIF_INJECT_VERSION) ? inject.version : tuple.version;
-    tuple.guard = has(DIF_INJECT_CRC) ? inject.crc : tuple.guard;
-    tuple.lba = has(DIF_INJECT_LBA) ? static_cast<uint32_t>(inject.lba + i) : tuple.lba;
-    tuple.app = static_cast<uint8_t>(tuple.app | (has(DIF_INJECT_LBA) ? DIF_APP_LBA_VALID : 0) |
-                                     (has(DIF_INJECT_BST) ? DIF_APP_BST : 0));
-    blocks.set(k, tuple);
+    const uint32_t set = (has(DIF_INJECT_LBA) ? DIF_APP_LBA_VALID : 0) | (has(DIF_INJECT_BST) ? DIF_APP_BST : 0);
+    const Tuple old = blocks.tuple(k);
+    blocks.set(k, {.guard = has(DIF_INJECT_CRC) ? inject.crc : old.guard,
+                   .version = has(DIF_INJECT_VERSION) ? inject.version : old.version,
+                   .app = static_cast<uint8_t>(old.app | set),
+                   .lba = has(DIF_INJECT_LBA) ? static_cast<uint32_t>(inject.lba + i) : old.lba});
 }
 
 inline void modelTrim(Blocks &blocks, uint32_t k) {
@@ -63,7 +51,7 @@ inline void modelTrim(Blocks &blocks, uint32_t k) {
         blocks.set(k, Tuple{});
 }
 
-/* The answer to a check that may come in several runs, for a module of a given level. */
+/* The answer to a check on behalf of a module of a given level. */
 class CheckModel {
 public:
     CheckModel(const DifCheckParam &asked, uint8_t moduleLevel) : param_(asked), level_(moduleLevel) {
@@ -73,26 +61,24 @@ public:
         result = askedOfAll() | when(isIntegrityOn_ && has(DIF_CHECK_ALL_BLOCKS), DIF_RESULT_NONE_PASSED);
     }
 
-    /* Blocks `k` and on of a buffer, which are blocks `i` and on of the check. Returns the answer about this run. */
-    uint32_t run(Blocks &blocks, uint32_t k, uint32_t i, uint32_t count) {
-        uint32_t runCode = DIF_OK;
-        for (const uint32_t end = i + count; i < end; ++i, ++k) {
+    /* The blocks of the check are those from `first` on. */
+    void run(Blocks &blocks, uint32_t first, uint32_t count) {
+        for (uint32_t i = 0; i < count; ++i) {
             if (has(DIF_CHECK_TRIM_ZERO))
-                modelTrim(blocks, k);
+                modelTrim(blocks, first + i);
             if (!settled)
-                report(blocks, k);
-            if (!done && verify(blocks, k, i) != 0)
-                code = runCode = DIF_ERR_CHECK;
+                report(blocks, first + i);
+            if (!done)
+                verify(blocks, first + i, i);
             if (done && settled)
                 break;
         }
-        return runCode;
     }
 
     /* How often each kind is counted for the verify point. */
     std::array<uint64_t, DIF_STAT_BUTT> counted() const {
-        const bool counts = isIntegrityOn_ && code == DIF_ERR_CHECK;
-        return {0, counts ? result >> 2 & 1 : 0, counts ? result >> 1 & 1 : 0, counts ? result & 1 : 0};
+        const uint32_t faults = isIntegrityOn_ && code == DIF_ERR_CHECK ? result : 0;
+        return {0, faults >> 2 & 1, faults >> 1 & 1, faults & 1};
     }
 
     uint32_t code = DIF_OK, result = 0, index = DIF_ERR_BLOCK_NONE;
@@ -125,9 +111,9 @@ private:
     void report(Blocks &blocks, uint32_t k) {
         const Tuple tuple = blocks.tuple(k);
         const uint8_t version = tuple.version;
-        const bool isExempt = version == 0xFF && tuple.app == 0xFF, hasGuard = version == 0x13 || version == 0x29;
+        const bool hasGuard = version == 0x13 || version == 0x29;
         uint32_t ofSome = when(version == 0 || version == 0xFF, DIF_RESULT_VERSION_ZERO), ofAll = 0;
-        if (!isExempt) {
+        if (!tuple.isExempt()) {
             ofSome |= when(version != 0 && version != 0x13, DIF_RESULT_NOT_T10) |
                       when(!isKnown(version), DIF_RESULT_UNKNOWN_VERSION) |
                       when((tuple.app & DIF_APP_BST) != 0 && level_ != 0, DIF_RESULT_HAVE_BST);
@@ -137,12 +123,12 @@ private:
         }
         result |= ofSome & askedOfSome();
         result &= ofAll | ~(DIF_RESULT_ALL_LBA_VALID | DIF_RESULT_ALL_ZERO);
-        settled = !isExempt && (askedOfSome() & ~result) == 0 && (askedOfAll() & result) == 0;
+        settled = !tuple.isExempt() && (askedOfSome() & ~result) == 0 && (askedOfAll() & result) == 0;
     }
 
-    uint32_t faultOf(Blocks &blocks, uint32_t k, uint32_t i) {
+    uint32_t faultOf(Blocks &blocks, uint32_t k, uint32_t i) const {
         const Tuple tuple = blocks.tuple(k);
-        if (tuple.version == 0xFF && tuple.app == 0xFF && !has(DIF_CHECK_TRIM_ZERO))
+        if (tuple.isExempt() && !has(DIF_CHECK_TRIM_ZERO))
             return 0;
         if (!isKnown(tuple.version))
             return when(lbaMade() || crcMade(), DIF_RESULT_VERSION_ERROR);
@@ -152,23 +138,20 @@ private:
                     DIF_RESULT_CRC_ERROR);
     }
 
-    uint32_t verify(Blocks &blocks, uint32_t k, uint32_t i) {
+    void verify(Blocks &blocks, uint32_t k, uint32_t i) {
         const uint32_t fault = faultOf(blocks, k, i);
-        Tuple tuple = blocks.tuple(k);
+        const Tuple tuple = blocks.tuple(k);
         if (fault != 0) {
+            code = DIF_ERR_CHECK;
             result |= fault;
             index = std::min(index, i << blocks.info.sectorShift);
             bitmap[i / 32] |= 1u << (i % 32);
             done = !has(DIF_CHECK_ALL_BLOCKS);
-            return fault;
+            return;
         }
-        if (has(DIF_CHECK_CONVERT_T10) && tuple.version == DIF_VERSION_CRC32C) {
-            tuple.guard = blocks.guard(k);
-            tuple.version = DIF_VERSION_T10;
-            blocks.set(k, tuple);
-        }
+        if (has(DIF_CHECK_CONVERT_T10) && tuple.version == DIF_VERSION_CRC32C)
+            blocks.set(k, {blocks.guard(k), DIF_VERSION_T10, tuple.app, tuple.lba});
         result &= ~when(has(DIF_CHECK_ALL_BLOCKS), DIF_RESULT_NONE_PASSED);
-        return 0;
     }
 
     DifCheckParam param_;
@@ -188,5 +171,16 @@ struct Check {
     std::array<uint32_t, 8> bitmap{};
     DifCheckParam param;
 };
+
+/* The checks, called by line 42 of "caller". */
+inline uint32_t checkBuffer(uint8_t *buf, uint32_t sectors, DifCheckParam *param) {
+    return checkDif(buf, sectors, param, "caller", 42);
+}
+inline uint32_t checkList(const Sgl *sgl, uint32_t offset, uint32_t sectors, DifCheckParam *param) {
+    return checkDifInSgl(sgl, offset, sectors, param, "caller", 42);
+}
+inline uint32_t checkListReturning(const Sgl *sgl, uint32_t offset, uint32_t sectors, DifCheckParam *param) {
+    return checkDifInSglWithErrorReturn(sgl, offset, sectors, param, "caller", 42);
+}
 
 #endif

@@ -55,8 +55,8 @@ TEST(Lifecycle, StartSetsDefaultsAndStopKeepsEverything) {
     const VerifyPointDesc point{1, "point"};
     host.reset();
     for (const bool registers : {true, false}) { // a second start starts over, and one without commands is one, too
-        host.diagnoseResult = registers ? 0 : -1;
-        host.cliResult = registers ? 0 : 9;
+        host.diagnose.result = registers ? 0 : -1;
+        host.cli.result = registers ? 0 : 9;
         EXPECT_EQ(difModuleInit(), 0u);
         Lines events = host.take();
         ASSERT_EQ(events.size(), 8u);
