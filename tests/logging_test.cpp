@@ -52,8 +52,7 @@ TEST_F(Logging, CreditLimiter) {
         {I - 1, false},     {I - 1, false},    {I, true, 3},               // dropped attempts keep what has gathered
         {5 * I, true},      {5 * I, true},     {5 * I, true},  {5 * I, false},  // no more than three
         {11 * I - 1, true}, {11 * I, true, 1}, {11 * I, true}, {11 * I, false}, // ten intervals between reports
-        {11 * I - 2, true},                                                     // time goes back
-    };
+        {11 * I - 2, true}};                                                    // time goes back
     const std::string text = format("DIF_INTEGRITY_CHECK_INFO: version(0xFF), app(0xFF), difPtr(%p), type(0),"
                                     "ctrlFlag(0x40080000), mid(4), subPid(1), crcLevel(2), lbaLevel(2).",
                                     static_cast<void *>(blocks.dif(0)));
@@ -65,108 +64,155 @@ TEST_F(Logging, CreditLimiter) {
 TEST_F(Logging, BurstLimiter) {
     constexpr uint64_t I = 15000;
     const std::vector<Attempt> attempts = {
-        {0, true},
-        {I - 1, true},
-        {2 * I - 2, true},
-        {2 * I - 2, false},
-        {3 * I - 3, false},
-        {3 * I - 2, true, 2},
-        {3 * I, true},
-        {3 * I, true},
-        {3 * I, false},
-        {4 * I, true},
-        {13 * I - 3, true}, // ten intervals between reports
-        {14 * I - 3, true, 1},
-    };
+        {0, true},          {I - 1, true},        {2 * I - 2, true},    {2 * I - 2, false}, // the third of the period
+        {3 * I - 3, false}, {3 * I - 2, true, 2}, {3 * I, true},        {3 * I, true},      {3 * I, false},
+        {4 * I, true},      {13 * I - 3, true},   {14 * I - 3, true, 1}}; // ten intervals between reports
     expectAttempts(attempts, 3, "checkDif", limited(3, "checkDif", "Input error, buf is (nil), param is (nil)."),
                    [] { checkBuffer(nullptr, 1, nullptr); });
 }
 
-/* Every limited site: three messages at once, none until an interval has passed, then one or three again. */
-TEST_F(Logging, LimitsInUse) {
-    Blocks blocks(DIF_DATA_520, 1);
-    uint8_t *const buf = blocks.data(0);
-    Chain empty(Lengths{{}}), chain(Lengths{{520}});
+std::string hex(const uint8_t *b) {
+    return format("%02x %02x %02x %02x %02x %02x %02x %02x", b[0], b[1], b[2], b[3], b[4], b[5], b[6], b[7]);
+}
+
+/* A limited message comes three times at once, then not until the interval has passed, then once or three times. */
+void expectLimit(uint64_t interval, const Call &cause) {
+    const auto written = [&](uint64_t tick) { // of four attempts at that tick
+        host.tick = tick;
+        int count = 0;
+        for (int i = 0; i < 4; ++i) {
+            cause();
+            count += host.take().empty() ? 0 : 1;
+        }
+        return count;
+    };
+    host.later();
+    const uint64_t start = host.tick;
+    const bool isBurst = interval == 2500 || interval == 15000;
+    EXPECT_EQ(written(start), 3);
+    EXPECT_EQ(written(start + interval - 1), 0);
+    EXPECT_EQ(written(start + interval), isBurst ? 3 : 1);
+}
+
+TEST_F(Logging, LimitsOfInputErrors) {
+    Chain chain(Lengths{{520}});
     const Sgl *const sgl = chain.at(0);
-    Check zero(DIF_DATA_520_ZERO, 0), good(DIF_DATA_520, 0);
-    DifCheckParam *const bad = &zero.param, *const none = &good.param;
-    const auto found = [&](const Tuple &tuple, uint32_t flags) {
-        return [=, &blocks] {
-            Check check(DIF_DATA_520, flags);
-            blocks.set(0, tuple);
-            checkBuffer(blocks.data(0), 1, &check.param);
-        };
-    };
-    const auto foundInList = [=](const Tuple &tuple, uint32_t flags) {
-        return [=] {
-            Check check(DIF_DATA_520, flags);
-            putTuple(sgl->entries[0].buf + 512, tuple);
-            checkDifInSglWithStdT10(sgl, 0, 1, &check.param);
-        };
-    };
-    const auto injected = [=](uint32_t flag) {
-        return [=] {
-            DifInjectParam inject{DIF_DATA_520, flag, 0, 0, 0};
-            injectDif(buf, 1, &inject);
-        };
-    };
-    const auto lbaOf = [&](const Tuple &tuple, uint32_t size) {
-        return [=, &blocks] {
-            uint64_t lba = 0;
-            blocks.set(0, tuple);
-            getDifLba(blocks.data(0), size, &lba);
-        };
-    };
-    constexpr uint32_t kLba = DIF_CHECK_LBA, kCrc = DIF_CHECK_CRC;
-    constexpr Tuple kWrong{0xBAD, 0x13, 3, 9}, kUnknown{0xBAD, 0x1F, 0, 0};
+    uint8_t buf[520] = {};
+    Check good(DIF_DATA_520, 0), bad(DIF_DATA_520_ZERO, 0);
+    expectLimit(15000, [&] { checkBuffer(nullptr, 1, &good.param); });
+    expectLimit(15000, [&] { checkBuffer(buf, 1, &bad.param); });
+    expectLimit(15000, [&] { checkList(nullptr, 0, 1, &good.param); });
+    expectLimit(15000, [&] { checkList(sgl, 0, 1, &bad.param); });
+    expectLimit(2500, [&] { checkListReturning(sgl, ~0u, 1, &good.param); });
+    expectLimit(2500, [&] { checkDifInSglWithStdT10(nullptr, 0, 1, &good.param); });
+    expectLimit(2500, [&] { checkDifInSglWithStdT10(sgl, 0, 1, &bad.param); });
+    expectLimit(1250, [&] { getDifLba(buf, 520, nullptr); });
+}
+
+/* What is written about a tuple, here of block 1 behind a right one. */
+TEST_F(Logging, MessagesAboutTuples) {
+    enum Cause { kCheck, kStdT10, kEviction, kLbaOf, kInjection };
+    constexpr uint32_t kLba = DIF_CHECK_LBA, kCrc = DIF_CHECK_CRC, kBoth = kLba | kCrc;
+    constexpr Tuple kWrong{0xABC, 0x13, 2, ~6u}, kCrc32c{0xABC, 0x29, 0xFD, 0}, kUnknown{0, 0x1F, 1, 0x01020304};
+    Blocks blocks(DIF_DATA_4160, 2), small(DIF_DATA_520, 1);
+    Chain chain(Lengths{{4160, 4160}});
+    const void *const at = blocks.dif(1), *const listed = chain.buffer(1) + 4096, *const alone = small.dif(0);
+    const unsigned guard = blocks.guard(1), crc32c = blocks.guard(1, DIF_VERSION_CRC32C);
+    const char *const check = "tryCheckDifIntegrity", *const lba = "isDifLbaCorrect", *const crc = "isDifCrcCorrect";
+    const char *const report = "tryCheckDifAppAndSetResult", *const t10 = "checkDifIntegrityWithStdT10";
+    const char *const evict = "isDifEvictable", *const getLba = "getDifLba", *const inject = "injectDifInOneBlock";
     const struct {
+        Cause cause;
+        Tuple tuple;
+        uint32_t flags;
         uint64_t interval;
-        uint32_t again; /* 1 after an interval with a credit limiter, 3 with a burst limiter */
-        Call attempt;
+        uint32_t level;
+        const char *function;
+        std::string text;
     } rows[] = {
-        {1250, 1, found(kUnknown, kLba)},
-        {1250, 1, found(kUnknown, kCrc)},
-        {1250, 1, found(kWrong, kLba)},
-        {1250, 1, found(kWrong, kCrc)},
-        {1250, 1, found({0xBAD, 0x29, 0, 0}, kCrc)},
-        {1250, 1, found(kWrong, DIF_CHECK_BST)},
-        {1250, 1, foundInList(kWrong, kLba)},
-        {1250, 1, foundInList(kWrong, kCrc)},
-        {1250, 1, lbaOf(kOnes, 520)},
-        {1250, 1, lbaOf(Tuple{}, 520)},
-        {1250, 1, lbaOf(kOnes, 521)},
-        {75000, 1, found(kOnes, kLba)},
-        {75000, 1, found(kOnes, DIF_CHECK_NOT_T10)},
-        {75000, 1, foundInList(kOnes, kLba)},
-        {75000, 1, [&] { blocks.set(0, kOnes), isDifEvictable(buf, 1); }},
-        {2500, 3, injected(DIF_INJECT_VERSION)},
-        {2500, 3, injected(DIF_INJECT_CRC)},
-        {2500, 3, injected(DIF_INJECT_LBA)},
-        {2500, 3, injected(DIF_INJECT_BST)},
-        {2500, 3, [=] { checkListReturning(sgl, ~0u, 1, none); }},
-        {2500, 3, [=] { checkDifInSglWithStdT10(nullptr, 0, 1, none); }},
-        {2500, 3, [=] { checkDifInSglWithStdT10(sgl, 0, 1, bad); }},
-        {15000, 3, [=] { checkBuffer(nullptr, 1, none); }},
-        {15000, 3, [=] { checkBuffer(buf, 1, bad); }},
-        {15000, 3, [=] { checkList(nullptr, 0, 1, none); }},
-        {15000, 3, [=] { checkList(sgl, 0, 1, bad); }},
+        {kCheck, kUnknown, kBoth, 1250, 4, check,
+         format("DIF_WARNING_CHECK_DIF: VERSION error: version(0x1f), block(1),difPtr(%p), type(2), "
+                "ctrlFlag(0x30000), mid(4), subPid(2), lbaLevel(2).",
+                at)},
+        {kCheck, kUnknown, kCrc, 1250, 4, check,
+         format("DIF_WARNING_CHECK_DIF: VERSION error: version(0x1f), block(1),difPtr(%p), type(2), "
+                "ctrlFlag(0x10000), mid(4), subPid(2), crcLevel(1).",
+                at)},
+        {kCheck, kWrong, kBoth, 1250, 4, lba,
+         format("DIF_WARNING_CHECK_DIF: LBA error: expected(8), actual(4294967289), block(1), difPtr(%p), type(2), "
+                "ctrlFlag(0x30000), mid(4), lbaLevel(2).",
+                at)},
+        {kCheck, kWrong, kCrc, 1250, 4, crc,
+         format("DIF_WARNING_CHECK_DIF: CRC error:expected(0x%x), actual(0xabc), ver(T10),block(1), difPtr(%p), "
+                "type(2), ctrlFlag(0x10000), mid(4), subPid(2), crcLevel(1).",
+                guard, at)},
+        {kCheck, kCrc32c, kCrc, 1250, 4, crc,
+         format("DIF_WARNING_CHECK_DIF: CRC error: expected(0x%x), actual(0xabc), ver(CRC32C),block(1), difPtr(%p), "
+                "type(2), ctrlFlag(0x10000), mid(4), subPid(2), crcLevel(1).",
+                crc32c, at)},
+        {kCheck, kUnknown, DIF_CHECK_BST, 1250, 4, report,
+         format("DIF_WARNING_CHECK_DIF: HAVE BST error: version(0x1f),difPtr(%p), type(2), ctrlFlag(0x40100000), "
+                "mid(4), subPid(2).",
+                at)},
+        {kStdT10, kWrong, kBoth, 1250, 4, t10,
+         format("DIF_WARNING_CHECK_DIF_WITH_STD_T10: LBA error: expected(8), actual(4294967289),block(1), "
+                "difPtr(%p), type(2), ctrlFlag(0x30000).",
+                listed)},
+        {kStdT10, kWrong, kCrc, 1250, 4, t10,
+         format("DIF_WARNING_CHECK_DIF_WITH_STD_T10: CRC error: expected(0x%x), actual(0xabc),block(1), difPtr(%p), "
+                "type(2), ctrlFlag(0x10000).",
+                guard, listed)},
+        {kCheck, kOnes, kLba, 75000, 6, check,
+         format("DIF_INTEGRITY_CHECK_INFO: version(0xFF), app(0xFF), difPtr(%p), type(2),ctrlFlag(0x40020000), "
+                "mid(4), subPid(2), crcLevel(1), lbaLevel(2).",
+                at)},
+        {kCheck, kOnes, DIF_CHECK_NOT_T10, 75000, 6, report,
+         format("DIF_APP_CHECK_INFO: version(0xFF), app(0xFF),difPtr(%p), type(2), ctrlFlag(0x40800000), mid(4).", at)},
+        {kStdT10, kOnes, kLba, 75000, 6, t10,
+         format("DIF_CHECK_WITH_STDT10_INFO: version(0xFF), app(0xFF), difPtr(%p),type(2), ctrlFlag(0x20000), "
+                "mid(4), subPid(2), crcLevel(1), lbaLevel(2).",
+                listed)},
+        {kEviction, kOnes, 0, 75000, 6, evict,
+         format("DIF_ISDIFEVICTABLE_INFO: version(0xFF),app(0xFF), difPtr(%p),type(512).", alone)},
+        {kLbaOf, kUnknown, 0, 1250, 4, getLba, "Dif version error,dif:0x00 0x00 0x1f 0x01 0x01 0x02 0x03 0x04"},
+        {kLbaOf, kCrc32c, 0, 1250, 4, getLba, "Lba valid flag error,dif:0xbc 0x0a 0x29 0xfd 0x00 0x00 0x00 0x00"},
+        {kInjection, kWrong, DIF_INJECT_VERSION, 2500, 6, inject, "DIF_INFO_INJECT_DIF: inject invalid version(0x1e)."},
+        {kInjection, kWrong, DIF_INJECT_CRC, 2500, 6, inject, "DIF_INFO_INJECT_DIF: inject invalid crc(0x1234)."},
+        {kInjection, kWrong, DIF_INJECT_LBA, 2500, 6, inject, "DIF_INFO_INJECT_DIF: inject invalid lba(4294967303)."},
+        {kInjection, kWrong, DIF_INJECT_BST, 2500, 6, inject, "DIF_INFO_INJECT_DIF: inject app BST."},
     };
     for (const auto &row : rows) {
-        SCOPED_TRACE(format("row %td", &row - rows));
-        const auto written = [&](uint64_t tick) { // of four attempts at that tick
-            host.tick = tick;
-            int attempts = 0;
-            for (int i = 0; i < 4; ++i) {
-                row.attempt();
-                attempts += host.take().empty() ? 0 : 1;
-            }
-            return attempts;
+        SCOPED_TRACE(row.text);
+        const auto call = [&] {
+            Check asked(DIF_DATA_4160, row.flags, 0x100000007);
+            asked.param.crcLevel = 1;
+            asked.param.subPid = 2;
+            DifInjectParam injected{DIF_DATA_520, row.flags, 0x100000007, 0x1234, 0x1E};
+            uint64_t found = 0;
+            if (row.cause == kCheck)
+                checkBuffer(blocks.data(0), 16, &asked.param);
+            else if (row.cause == kStdT10)
+                checkDifInSglWithStdT10(chain.at(0), 0, 16, &asked.param);
+            else if (row.cause == kInjection)
+                injectDif(small.data(0), 1, &injected);
+            else if (row.cause == kLbaOf)
+                EXPECT_EQ(getDifLba(small.data(0), 520, &found), DIF_FAIL);
+            else
+                EXPECT_TRUE(isDifEvictable(small.data(0), 1));
         };
+        blocks.set(0, blocks.right(0, 7));
+        blocks.set(1, row.tuple);
+        small.set(0, row.tuple);
+        chain.fill(blocks.bytes);
         host.later();
-        const uint64_t start = host.tick;
-        EXPECT_EQ(written(start), 3);
-        EXPECT_EQ(written(start + row.interval - 1), 0);
-        EXPECT_EQ(written(start + row.interval), row.again);
+        call();
+        Lines want = {limited(row.level, row.function, row.text)};
+        if (row.level == 4 && row.cause != kLbaOf)
+            want.push_back(limited(4, row.function,
+                                   "DIF_WARNING_CHECK_DIF_FAIL_BLOCK: data(size=4096): 0x" + hex(blocks.data(1)) +
+                                       "..." + hex(blocks.dif(1) - 8) + "; dif: 0x" + hex(blocks.dif(1)) + "."));
+        EXPECT_EQ(host.take(), want);
+        expectLimit(row.interval, call);
     }
 }
 

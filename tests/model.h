@@ -36,7 +36,7 @@ inline void modelInsert(Blocks &blocks, uint32_t k, uint32_t i, const DifOpParam
     modelReplace(blocks, k, i, {op.type, flags, op.lba, nullptr}, version);
 }
 
-inline void modelInject(Blocks &blocks, uint32_t k, uint32_t i, const DifInjectParam &inject) {
+inline void modelInject(Blocks &blocks, uint32_t k, uint32_t i, const DifInjectParam &inject, uint8_t /*version*/ = 0) {
     const auto has = [&](uint32_t flag) { return (inject.ctrlFlag & flag) != 0; };
     const uint32_t set = (has(DIF_INJECT_LBA) ? DIF_APP_LBA_VALID : 0) | (has(DIF_INJECT_BST) ? DIF_APP_BST : 0);
     const Tuple old = blocks.tuple(k);
@@ -54,7 +54,7 @@ inline void modelTrim(Blocks &blocks, uint32_t k) {
 /* The answer to a check on behalf of a module of a given level. */
 class CheckModel {
 public:
-    CheckModel(const DifCheckParam &asked, uint8_t moduleLevel) : param_(asked), level_(moduleLevel) {
+    CheckModel(const DifCheckParam &param, uint8_t moduleLevel) : asked(param), level_(moduleLevel) {
         settled = (askedOfSome() | askedOfAll()) == 0;
         isIntegrityOn_ = lbaMade() || crcMade() || has(DIF_CHECK_CONVERT_T10);
         done = !isIntegrityOn_;
@@ -81,6 +81,7 @@ public:
         return {0, faults >> 2 & 1, faults >> 1 & 1, faults & 1};
     }
 
+    DifCheckParam asked;
     uint32_t code = DIF_OK, result = 0, index = DIF_ERR_BLOCK_NONE;
     std::array<uint32_t, 8> bitmap{};
     bool settled, done;
@@ -90,12 +91,12 @@ private:
     static bool isKnown(uint8_t version) {
         return version == 0 || version == 0x13 || version == 0x29 || version == 0x34;
     }
-    bool has(uint32_t flag) const { return (param_.ctrlFlag & flag) != 0; }
+    bool has(uint32_t flag) const { return (asked.ctrlFlag & flag) != 0; }
     bool made(uint32_t flag, uint8_t level) const {
-        return has(flag) && level >= 1 && level <= 4 && level <= level_ && param_.mid < 16 && param_.subPid < 64;
+        return has(flag) && level >= 1 && level <= 4 && level <= level_ && asked.mid < 16 && asked.subPid < 64;
     }
-    bool lbaMade() const { return made(DIF_CHECK_LBA, param_.lbaLevel); }
-    bool crcMade() const { return made(DIF_CHECK_CRC, param_.crcLevel); }
+    bool lbaMade() const { return made(DIF_CHECK_LBA, asked.lbaLevel); }
+    bool crcMade() const { return made(DIF_CHECK_CRC, asked.crcLevel); }
 
     /* The bits of the result word that tell of some block, and those that tell of all blocks. */
     uint32_t askedOfSome() const {
@@ -132,7 +133,7 @@ private:
             return 0;
         if (!isKnown(tuple.version))
             return when(lbaMade() || crcMade(), DIF_RESULT_VERSION_ERROR);
-        if (lbaMade() && (tuple.app & DIF_APP_LBA_VALID) != 0 && tuple.lba != static_cast<uint32_t>(param_.lba + i))
+        if (lbaMade() && (tuple.app & DIF_APP_LBA_VALID) != 0 && tuple.lba != static_cast<uint32_t>(asked.lba + i))
             return DIF_RESULT_LBA_ERROR;
         return when(crcMade() && tuple.version != 0x34 && tuple.guard != blocks.guard(k, tuple.version),
                     DIF_RESULT_CRC_ERROR);
@@ -154,7 +155,6 @@ private:
         result &= ~when(has(DIF_CHECK_ALL_BLOCKS), DIF_RESULT_NONE_PASSED);
     }
 
-    DifCheckParam param_;
     uint8_t level_;
     bool isIntegrityOn_;
 };

@@ -266,46 +266,4 @@ TEST_F(Lists, ErrorReturnDiscardsTheCallButNotWhatItFound) {
     EXPECT_EQ(untouched.index, Check::kUntouched);
 }
 
-TEST_F(Lists, StandardT10Messages) {
-    for (const uint32_t type : {DIF_DATA_520, DIF_DATA_4160}) {
-        Blocks blocks(type, 2);
-        const unsigned guard = blocks.guard(1), size = blocks.info.blockSize;
-        Chain chain(Lengths{{size}, {size}});
-        const std::string where = format("difPtr(%p)", static_cast<void *>(chain.buffer(1) + blocks.info.difOffset));
-        const std::string call = format("type(%u), ctrlFlag(0x30000)", type);
-        const std::string warning = "DIF_WARNING_CHECK_DIF_WITH_STD_T10: ";
-        const struct {
-            Tuple tuple;
-            uint32_t level;
-            std::string text;
-        } rows[] = {
-            {{0xBAD, 0xFF, 0xFF, 7},
-             6,
-             "DIF_CHECK_WITH_STDT10_INFO: version(0xFF), app(0xFF), " + where + "," + call +
-                 ", mid(99), subPid(1), crcLevel(2), lbaLevel(2)."},
-            {{0xBAD, 0xFF, 0x02, 7},
-             4,
-             warning + "LBA error: expected(0), actual(7),block(1), " + where + ", " + call + "."},
-            {{0xBAD, 0x34, 0, 0},
-             4,
-             warning + format("CRC error: expected(0x%x), actual(0xbad),block(1), ", guard) + where + ", " + call +
-                 "."},
-        };
-        for (const auto &row : rows) {
-            blocks.set(0, blocks.right(0, 0xFFFFFFFF));
-            blocks.set(1, row.tuple);
-            chain.fill(blocks.bytes);
-            Check check(type, DIF_CHECK_CRC | DIF_CHECK_LBA, 0x1FFFFFFFF);
-            check.param.mid = 99; // nobody asks
-            const DifCheckParam before = check.param;
-            EXPECT_EQ(checkDifInSglWithStdT10(chain.at(0), 0, blocks.sectors(), &check.param),
-                      row.level == 4 ? DIF_ERR_CHECK : DIF_OK);
-            EXPECT_EQ(memcmp(&before, &check.param, sizeof before), 0);
-            const Lines events = host.take();
-            EXPECT_EQ(events[0], limited(row.level, "checkDifIntegrityWithStdT10", row.text));
-            EXPECT_EQ(events.size(), row.level == 4 ? 2u : 1u); // with the dump of a failed block
-        }
-    }
-}
-
 } // namespace
