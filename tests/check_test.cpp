@@ -19,7 +19,7 @@ TEST_F(CheckDif, OnlyTheFirstFailureMayBeLogged) {
     blocks.set(0, blocks.right(0, 9));
     blocks.set(1, {0xBAD, 0x13, 2, 1});
     Check check(DIF_DATA_520, DIF_CHECK_LBA | DIF_CHECK_CRC | DIF_CHECK_ALL_BLOCKS);
-    for (const size_t written : {2, 2, 2, 0}) { // the LBA site runs out of credit; the CRC site does not step in
+    for (const size_t written : {2u, 2u, 2u, 0u}) { // the LBA site runs out of credit; the CRC site does not step in
         EXPECT_EQ(run(check, blocks), DIF_ERR_CHECK);
         EXPECT_EQ(check.result, DIF_RESULT_CRC_ERROR | DIF_RESULT_LBA_ERROR | DIF_RESULT_NONE_PASSED);
         EXPECT_EQ(host.take().size(), written);
@@ -28,7 +28,7 @@ TEST_F(CheckDif, OnlyTheFirstFailureMayBeLogged) {
     check.param.ctrlFlag = DIF_CHECK_CRC | DIF_CHECK_ALL_BLOCKS | DIF_CHECK_LOG_FIRST;
     uint8_t settled = 9, done = 9;
     initDifCheckResults(&check.param, &settled, &done);
-    for (const uint32_t k : {0, 1, 1}) { // the claim is used up even if the level is filtered
+    for (const uint32_t k : {0u, 1u, 1u}) { // the claim is used up even if the level is filtered
         host.filtered = (check.param.ctrlFlag & DIF_CHECK_LOG_FIRST) != 0 ? 1u << 4 : 0;
         EXPECT_EQ(checkDifInBlocks(blocks.data(k), 1, &blocks.info, &check.param, 64 + k, &settled, &done),
                   k == 0 ? DIF_OK : DIF_ERR_CHECK); // of this run, not of those before
@@ -78,7 +78,7 @@ TEST_F(CheckDif, ResultWordIsWrittenBeforeTheLevelsAreAsked) {
 TEST_F(CheckDif, EveryBlockAsksForTheLevel) {
     Blocks blocks(DIF_DATA_520, 3);
     blocks.set(0, blocks.right(0, 0));
-    for (const uint32_t k : {1, 2})
+    for (const uint32_t k : {1u, 2u})
         blocks.set(k, {0xBAD, 0x13, 2, k});
     host.onCrc = [](const uint8_t *, uint64_t) { // the engine at work on block 0
         setDifVerifyLevelByMid(DIF_MID_CACHE, 1);
@@ -132,7 +132,7 @@ TEST_F(NoDif, ZeroScanStopsAtTheFirstNonZeroWord) {
 TEST_F(NoDif, OnlyDataIsLookedAt) {
     for (const uint32_t type : {DIF_DATA_520, DIF_DATA_4160}) {
         Blocks blocks(type, 2); // the DIF areas are not zero
-        for (const uint32_t k : {0, 1})
+        for (const uint32_t k : {0u, 1u})
             blocks.zeroData(k);
         EXPECT_TRUE(noDifZeroDataCheckInBlocks(blocks.data(0), 2, &blocks.info));
         for (uint32_t at = 0; at < blocks.info.dataSize; ++at) {

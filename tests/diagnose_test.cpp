@@ -121,29 +121,29 @@ TEST_F(Diagnose, Help) {
     const std::string levels = level + gap + " : show module's verify level for all modules.\n";
     const std::string states = state + gap + "   : show dif is on or off.\n";
     const std::string results = result + gap + ": show verify result for all modules.\n";
-    EXPECT_EQ(printed(diagnose.doHelp, "dif", 0), "\n" + level + "\n" + state + "\n" + result + "\n" + tables);
-    EXPECT_EQ(printed(cli.doHelp, "dif", 0), "\n" + level + "\n" + result + "\n" + tables);
-    EXPECT_EQ(printed(diagnose.doHelp, "dif", 2), "SYNOPSIS\n" + levels + states + results + tables);
-    EXPECT_EQ(printed(cli.doHelp, "dif", 1), "SYNOPSIS\n" + levels + results + tables);
-    EXPECT_EQ(printed(diagnose.doHelp, "DIF", 0), tables);
-    EXPECT_EQ(printed(cli.doHelp, "diff", 1), tables);
+    EXPECT_EQ(printed(diagnose.doHelp, "dif", 0u), "\n" + level + "\n" + state + "\n" + result + "\n" + tables);
+    EXPECT_EQ(printed(cli.doHelp, "dif", 0u), "\n" + level + "\n" + result + "\n" + tables);
+    EXPECT_EQ(printed(diagnose.doHelp, "dif", 2u), "SYNOPSIS\n" + levels + states + results + tables);
+    EXPECT_EQ(printed(cli.doHelp, "dif", 1u), "SYNOPSIS\n" + levels + results + tables);
+    EXPECT_EQ(printed(diagnose.doHelp, "DIF", 0u), tables);
+    EXPECT_EQ(printed(cli.doHelp, "diff", 1u), tables);
 }
 
 /* The clock of the fake host moves by 500 ns whenever it is read. */
 TEST_F(Diagnose, SelfTest) {
-    EXPECT_EQ(printed(testCRCPerf, 3, 0), "Test FAIL:len is not a positive number.\n");
-    EXPECT_EQ(printed(testCRCPerf, 3, uint64_t{1} << 32), "Test FAIL:len(4294967296) is not below 2^32.\n");
-    EXPECT_EQ(printed(testCRCPerf, 3, 4096),
+    EXPECT_EQ(printed(testCRCPerf, 3u, 0u), "Test FAIL:len is not a positive number.\n");
+    EXPECT_EQ(printed(testCRCPerf, 3u, uint64_t{1} << 32), "Test FAIL:len(4294967296) is not below 2^32.\n");
+    EXPECT_EQ(printed(testCRCPerf, 3u, 4096u),
               "Test PASS:\nTime:\nt10_time: 1 us 8192000000 B/s\nasm_t10_time: 1 us 8192000000 B/s\n"
               "table_t10_time: 1 us 8192000000 B/s\n");
-    EXPECT_NE(printed(testCRCPerf, 0, 1).find("\nt10_time: 0 us 0 B/s\n"), std::string::npos);
-    for (const uint32_t wrong : {1, 2, 3, 4}) { // two calls a round: the library's way in, then the engine itself
+    EXPECT_NE(printed(testCRCPerf, 0u, 1u).find("\nt10_time: 0 us 0 B/s\n"), std::string::npos);
+    for (const uint32_t wrong : {1u, 2u, 3u, 4u}) { // two calls a round: the library's way in, then the engine itself
         uint32_t calls = 0, crc = 0;
         host.onCrc = [&](const uint8_t *data, uint64_t size) {
             crc = slowCrc16(0, data, size);
             return static_cast<uint16_t>(++calls == wrong ? 0x0101 : 0);
         };
-        const std::string text = printed(testCRCPerf, 9, 100);
+        const std::string text = printed(testCRCPerf, 9u, 100u);
         const uint32_t t10 = (crc >> 8 | (crc & 0xFF) << 8) ^ (wrong % 2 == 1 ? 0x0101 : 0);
         EXPECT_EQ(text, format("t10:%x\nasm_t10:%x\ntable_t10:%x\nTest FAIL:\ncrcT10 result is different, index(%u)\n",
                                t10, crc ^ (wrong % 2 == 0 ? 0x0101 : 0), crc, (wrong - 1) / 2));

@@ -25,7 +25,7 @@ void expectNothingBeforeStart() {
     EXPECT_EQ(host.take(), Lines{plain(3, "difRegistVerifyPoint",
                                        "dif regist mid(1-fc)'s 0th verify point(1,early) failed, has registed as(0,), "
                                        "num(1), funcName(caller), line(42)")});
-    for (const size_t written : {1, 1, 1, 0}) { // limiters are open at tick 0, too
+    for (const size_t written : {1u, 1u, 1u, 0u}) { // limiters are open at tick 0, too
         EXPECT_EQ(getDifLba(nullptr, 0, nullptr), DIF_FAIL);
         EXPECT_EQ(host.take().size(), written);
     }
@@ -129,7 +129,7 @@ TEST_F(Settings, RepairTypeAndConfiguration) {
     EXPECT_EQ(getDifRepairType(), 1);
     Lines events = host.take();
     ASSERT_EQ(events.size(), 5u);
-    for (const size_t own : {0, 2})
+    for (const size_t own : {0u, 2u})
         events[own] = withoutLine(events[own]);
     EXPECT_EQ(events,
               (Lines{plain(5, name, type + "(1) succeeded,funcName(setDifAllConfig)"),

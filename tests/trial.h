@@ -17,7 +17,7 @@ struct Trial {
     enum Form { kBuffer, kList, kReturning };
 
     explicit Trial(Random &source) : random(source) {
-        blocks = Blocks(random.of({0, 0, 0, 2}), random.from(1, random.oneIn(4) ? 40 : 8), random.bits());
+        blocks = Blocks(random.of({0u, 0u, 0u, 2u}), random.from(1, random.oneIn(4) ? 40 : 8), random.bits());
         offset = random.from(0, blocks.count - 1);
         count = random.from(0, blocks.count - offset);
         sectors = (count << blocks.info.sectorShift) + random.from(0, (1u << blocks.info.sectorShift) - 1);
