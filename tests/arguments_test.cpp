@@ -11,181 +11,152 @@ Lines operator+(Lines lines, const Lines &more) {
     return lines;
 }
 
-/* Arguments with something that the operation refuses, its answer if it gives one, and what the host sees. */
-template <typename Place, typename Param>
-struct Refusal {
-    Place *place;
-    uint32_t sectors;
-    Param *param;
-    uint32_t answer;
-    Lines events;
-};
-
-using BufferRows = std::vector<Refusal<uint8_t, DifCheckParam>>;
-using ListRows = std::vector<Refusal<const Sgl, DifCheckParam>>;
-
-template <typename Place, typename Param, typename Operation>
-void expectRefused(Operation operation, const std::vector<Refusal<Place, Param>> &rows) {
-    for (const auto &row : rows) {
-        SCOPED_TRACE(format("row %td", &row - rows.data()));
-        host.later();
-        if constexpr (std::is_void_v<decltype(operation(row.place, row.sectors, row.param))>)
-            operation(row.place, row.sectors, row.param);
-        else
-            EXPECT_EQ(uint32_t{operation(row.place, row.sectors, row.param)}, row.answer);
-        EXPECT_EQ(host.take(), row.events);
-    }
-}
-
 /* An operation over a list, from its start on. */
 template <typename Operation>
 auto fromStart(Operation operation) {
     return [=](const Sgl *sgl, uint32_t sectors, auto *param) { return operation(sgl, 0, sectors, param); };
 }
 
-/* Of 7 sectors of 4160-byte blocks. */
-Lines noBlocks(const std::string &function, uint32_t type) {
-    return {plain(3, function, format("DIF_ERROR_BLOCK_NUM: sectorNum(7),type(%u),blockSize(4160).", type))};
-}
-
 TEST_F(Arguments, OfWriting) {
     Blocks blocks(DIF_DATA_4160, 1);
     Chain chain(Lengths{{4160}}, blocks.bytes);
-    DifOpParam op{DIF_DATA_4160_ZERO, 0x2FF, 9, nullptr}, badOp{DIF_DATA_BUTT, 0x2FF, 9, nullptr};
-    DifInjectParam inject{DIF_DATA_4160_ZERO, 0x4000000F, 9, 1, 1}, badInject{DIF_DATA_BUTT, 0x4000000F, 9, 1, 1};
+    DifOpParam op{DIF_DATA_4160_ZERO, 0x2FF, 9, nullptr};
+    DifInjectParam inject{DIF_DATA_4160_ZERO, 0x4000000F, 9, 1, 1};
     const auto expect = [](const std::string &name, const char *placeName, const char *lookedAtFirst, auto *place,
-                           auto &good, auto &bad, auto operation) {
-        using Row = Refusal<std::remove_pointer_t<decltype(place)>, std::remove_reference_t<decltype(good)>>;
-        const std::vector<Row> rows = {
-            {nullptr, 8, nullptr, 0, notNull(name, lookedAtFirst)},
-            {nullptr, 8, &good, 0, notNull(name, placeName)},
-            {place, 8, nullptr, 0, notNull(name, "param")},
-            {place, 8, &bad, 0, asserted(name, "(param->type) < DIF_DATA_BUTT")},
-            {place, 7, &good, 0, noBlocks(name, 3) + asserted(name, "0")},
-        };
-        expectRefused(operation, rows);
-        EXPECT_EQ(good.lba, 9u);
+                           auto &record, auto operation) {
+        const decltype(place) noPlace = nullptr;
+        decltype(&record) noRecord = nullptr;
+        host.later();
+        operation(noPlace, 8, noRecord);
+        EXPECT_EQ(host.take(), notNull(name, lookedAtFirst));
+        host.later();
+        operation(noPlace, 8, &record);
+        operation(place, 8, noRecord);
+        record.type = DIF_DATA_BUTT;
+        operation(place, 8, &record);
+        record.type = DIF_DATA_4160_ZERO;
+        operation(place, 7, &record);
+        const Lines noBlocks = {plain(3, name, "DIF_ERROR_BLOCK_NUM: sectorNum(7),type(3),blockSize(4160).")};
+        EXPECT_EQ(host.take(), notNull(name, placeName) + notNull(name, "param") +
+                                   asserted(name, "(param->type) < DIF_DATA_BUTT") + noBlocks + asserted(name, "0"));
+        EXPECT_EQ(record.lba, 9u);
     };
-    expect("insertDif", "buf", "buf", blocks.data(0), op, badOp, insertDif);
-    expect("replaceDif", "buf", "param", blocks.data(0), op, badOp, replaceDif);
-    expect("insertDifInSgl", "sgl", "sgl", chain.at(0), op, badOp, fromStart(insertDifInSgl));
-    expect("replaceDifInSgl", "sgl", "param", chain.at(0), op, badOp, fromStart(replaceDifInSgl));
-    expect("injectDif", "buf", "buf", blocks.data(0), inject, badInject, injectDif);
-    EXPECT_EQ(inject.ctrlFlag, 0xFu); // the call without blocks has cleared the bit that it sets
-    inject.ctrlFlag = badInject.ctrlFlag;
-    expect("injectDifInSgl", "sgl", "param", chain.at(0), inject, badInject, fromStart(injectDifInSgl));
+    expect("insertDif", "buf", "buf", blocks.data(0), op, insertDif);
+    expect("replaceDif", "buf", "param", blocks.data(0), op, replaceDif);
+    expect("injectDif", "buf", "buf", blocks.data(0), inject, injectDif);
+    EXPECT_EQ(inject.ctrlFlag, 0xFu); // only the call without blocks got that far
+    expect("insertDifInSgl", "sgl", "sgl", chain.at(0), op, fromStart(insertDifInSgl));
+    expect("replaceDifInSgl", "sgl", "param", chain.at(0), op, fromStart(replaceDifInSgl));
+    inject.ctrlFlag = 0x4000000F;
+    expect("injectDifInSgl", "sgl", "param", chain.at(0), inject, fromStart(injectDifInSgl));
     EXPECT_EQ(inject.ctrlFlag, 0xFu);
-    EXPECT_EQ(badInject.ctrlFlag, 0x4000000Fu);
     EXPECT_TRUE(blocks.bytes == Blocks(DIF_DATA_4160, 1).bytes && chain.bytes() == blocks.bytes);
 }
 
+/* All four checks refuse the same, in words of their own. */
 TEST_F(Arguments, OfChecks) {
-    constexpr uint32_t kTrim = DIF_CHECK_TRIM_ZERO, kFail = DIF_ERR_CHECK, kSgl = DIF_ERR_SGL;
     Blocks blocks(DIF_DATA_4160, 1);
-    Chain chain(Lengths{{4160}}, blocks.bytes), emptyChain(Lengths{{}});
-    uint8_t *const buf = blocks.data(0);
-    const Sgl *const sgl = chain.at(0), *const empty = emptyChain.at(0);
-    Check check(DIF_DATA_4160, kTrim | DIF_CHECK_ZERO_DATA), declared(DIF_DATA_4160_ZERO, kTrim), strange(99, 0);
-    Check unknown(DIF_DATA_4160, DIF_CHECK_CRC);
-    unknown.param.subPid = 3;
-    DifCheckParam *const good = &check.param, *const zero = &declared.param, *const bad = &strange.param;
-    DifCheckParam *const stranger = &unknown.param;
-    const auto text = [](const void *pointer) { return format("%p", pointer); };
-    const std::string p = text(good), s = text(sgl), b = text(buf);
-    const auto error = [](const std::string &message) { return Lines{limited(3, "checkDif", message)}; };
-    const auto inputError = [](const std::string &message) {
-        return Lines{limited(3, "checkDifInSglInputCheck", message)};
+    Chain chain(Lengths{{4160}}, blocks.bytes), empty(Lengths{{}});
+    Sgl *const sgl = chain.at(0);
+    const auto buffer = [](const Sgl *list, uint32_t sectors, DifCheckParam *param) {
+        return checkBuffer(list != nullptr ? list->entries[0].buf : nullptr, sectors, param);
     };
-    const auto returned = [](const std::string &message) {
-        return Lines{plain(3, "checkDifInSglWithErrRetInputCheck", "DIF_ARG_ERROR: " + message)};
+    const std::string input = "level 3, no file, checkDifInSglInputCheck, 0: ";
+    const std::string returned = "level 3, dif_util, checkDifInSglWithErrRetInputCheck, 4660: DIF_ARG_ERROR: ";
+    const std::string stdT10 = "level 3, no file, checkDifInSglWithStdT10, 0: ",
+                      own = "level 3, no file, checkDif, 0: ";
+    const std::string noBlock = "DIF_ERROR_BLOCK_NUM: sectorNum(7),type(2),blockSize(4160).";
+    const struct {
+        std::function<uint32_t(const Sgl *, uint32_t, DifCheckParam *)> check;
+        uint32_t code;
+        std::string nulls, type; /* what is written about null pointers and about a type of 3 */
+        bool knowsPoints;
+        Lines noBlocks;
+    } rows[] = {
+        {buffer, DIF_ERR_CHECK, own + "Input error, buf is %p, param is %p.",
+         own + "Dif data type error, cur dif data type is 3.", true,
+         Lines{plain(3, "checkDif", noBlock)} + asserted("checkDif", "0")},
+        {fromStart(checkList), DIF_ERR_CHECK, input + "Input err, sgl:%p, param:%p, func: caller.",
+         input + "Dif type err, data type: 3, func: caller.", true,
+         Lines{plain(3, "checkDifInSgl", noBlock)} + asserted("checkDifInSgl", "0")},
+        {fromStart(checkListReturning), DIF_ERR_SGL, returned + "sgl(%p), param(%p), func(caller).",
+         returned + "type(3), func(caller).", true, Lines{plain(3, "checkDifInSglWithErrorReturn", noBlock)}},
+        {fromStart(checkDifInSglWithStdT10), DIF_ERR_SGL, stdT10 + "DIF_ARG_ERROR: sgl(%p), param(%p).",
+         stdT10 + "DIF_ARG_ERROR: invalid type(3).", false, Lines{stdT10 + noBlock}},
     };
-    const auto t10Error = [](const std::string &message) {
-        return Lines{limited(3, "checkDifInSglWithStdT10", message)};
-    };
-    const Lines point = {plain(3, "checkDifParamCheck",
-                               "DIF_ERROR_MID_OR_VERIFY_POINT: mid(4), verify_point(3), verify_point_num(2), "
-                               "funcName(caller), line(42).")};
-    const Lines noEntry = {
-        plain(3, "getStartSglByOffset", "DIF_ERROR_SGL: sgl(" + text(empty) + "),entrySumInSgl(0),entryIndex(0).")};
-    const std::string list = "checkDifInSgl";
-    const Lines asserts = asserted(list, "0"), positioning = noEntry + asserted("getStartSglByOffset", "0");
-
     host.filtered = 1u << 4; // no dumps, no warnings
-    const BufferRows ofBuffers = {
-        {nullptr, 8, good, kFail, error("Input error, buf is (nil), param is " + p + ".")},
-        {buf, 8, nullptr, kFail, error("Input error, buf is " + b + ", param is (nil).")},
-        {buf, 8, zero, kFail, error("Dif data type error, cur dif data type is 3.")},
-        {buf, 8, bad, kFail, error("Dif data type error, cur dif data type is 99.")},
-        {buf, 7, good, DIF_OK, noBlocks("checkDif", 2) + asserted("checkDif", "0")},
-        {buf, 8, stranger, kFail, point + asserted("checkDif", "0")},
-    };
-    const ListRows ofLists = {
-        {nullptr, 8, good, kFail, inputError("Input err, sgl:(nil), param:" + p + ", func: caller.")},
-        {sgl, 8, nullptr, kFail, inputError("Input err, sgl:" + s + ", param:(nil), func: caller.")},
-        {sgl, 8, zero, kFail, inputError("Dif type err, data type: 3, func: caller.")},
-        {sgl, 8, stranger, kFail, point + asserts},
-        {empty, 7, stranger, DIF_OK, point + asserts + noBlocks(list, 2) + asserts + positioning}, // goes on each time
-    };
-    const ListRows ofReturning = {
-        {nullptr, 8, good, kSgl, returned("sgl((nil)), param(" + p + "), func(caller).")},
-        {sgl, 8, nullptr, kSgl, returned("sgl(" + s + "), param((nil)), func(caller).")},
-        {sgl, 8, zero, kSgl, returned("type(3), func(caller).")},
-        {sgl, 8, stranger, kSgl, point},
-        {sgl, 7, good, kSgl, noBlocks("checkDifInSglWithErrorReturn", 2)},
-    };
-    const ListRows ofStdT10 = {
-        {nullptr, 8, good, kSgl, t10Error("DIF_ARG_ERROR: sgl((nil)), param(" + p + ").")},
-        {sgl, 8, nullptr, kSgl, t10Error("DIF_ARG_ERROR: sgl(" + s + "), param((nil)).")},
-        {sgl, 8, zero, kSgl, t10Error("DIF_ARG_ERROR: invalid type(3).")},
-        {sgl, 7, good, kSgl, t10Error("DIF_ERROR_BLOCK_NUM: sectorNum(7),type(2),blockSize(4160).")},
-    };
-    expectRefused(checkBuffer, ofBuffers);
-    expectRefused(fromStart(checkList), ofLists);
-    expectRefused(fromStart(checkListReturning), ofReturning);
-    expectRefused(fromStart(checkDifInSglWithStdT10), ofStdT10);
-    EXPECT_EQ(strange.result, Check::kUntouched);
-    host.filtered = 1u << 3; // the dump does not depend on the message
+    for (const auto &row : rows) {
+        const bool asserts = row.noBlocks.size() > 1; // and goes on
+        Check check(DIF_DATA_4160, DIF_CHECK_CRC);
+        DifCheckParam *const param = &check.param, *const none = nullptr;
+        for (const auto &[list, record] : {std::pair(static_cast<Sgl *>(nullptr), param), {sgl, none}}) {
+            host.later();
+            EXPECT_EQ(row.check(list, 8, record), row.code);
+            const void *const place =
+                list != nullptr && row.type.starts_with(own) ? sgl->entries[0].buf : static_cast<void *>(list);
+            EXPECT_EQ(host.take(), Lines{format(row.nulls.c_str(), place, static_cast<void *>(record))});
+        }
+        param->type = DIF_DATA_4160_ZERO;
+        EXPECT_EQ(row.check(sgl, 8, param), row.code);
+        EXPECT_EQ(host.take(), Lines{row.type});
+        param->type = 99;
+        EXPECT_EQ(row.check(sgl, 8, param), row.code);
+        EXPECT_EQ(host.take().size(), 1u);
+        EXPECT_EQ(check.result, Check::kUntouched);
+        param->type = DIF_DATA_4160;
+        host.later();
+        EXPECT_EQ(row.check(sgl, 7, param), asserts ? DIF_OK : DIF_ERR_SGL);
+        EXPECT_EQ(host.take(), row.noBlocks);
+        if (!row.knowsPoints)
+            continue;
+        host.later();
+        param->subPid = 3;
+        EXPECT_EQ(row.check(sgl, 8, param), row.code);
+        const Lines point = {plain(3, "checkDifParamCheck",
+                                   "DIF_ERROR_MID_OR_VERIFY_POINT: mid(4), verify_point(3), verify_point_num(2), "
+                                   "funcName(caller), line(42).")};
+        EXPECT_EQ(host.take(), asserts ? point + Lines(row.noBlocks.begin() + 1, row.noBlocks.end()) : point);
+    }
     host.later();
-    EXPECT_EQ(checkDifInSglWithStdT10(sgl, 0, 7, good), DIF_ERR_SGL);
+    Check check(DIF_DATA_4160, 0);
+    EXPECT_EQ(checkList(empty.at(0), 0, 7, &check.param), DIF_OK); // without blocks, too, it positions itself
+    EXPECT_EQ(host.take().size(), 6u);
+    host.filtered = 1u << 3; // the dump does not depend on the message
+    EXPECT_EQ(checkDifInSglWithStdT10(sgl, 0, 7, &check.param), DIF_ERR_SGL);
     EXPECT_EQ(host.take().size(), 4u);
-    unknown.param.mid = 200; // beyond every table
-    unknown.param.ctrlFlag = DIF_CHECK_LBA | DIF_CHECK_BST;
-    EXPECT_EQ(checkBuffer(buf, 8, stranger), DIF_OK);
-    EXPECT_EQ(checkDifParamCheck(stranger, "caller", 42), DIF_FAIL);
-    unknown.param.ctrlFlag = DIF_CHECK_BST; // needs no identity
-    EXPECT_EQ(checkDifParamCheck(stranger, "caller", 42), DIF_OK);
+    check.param.mid = 200; // beyond every table
+    check.param.ctrlFlag = DIF_CHECK_LBA | DIF_CHECK_BST;
+    EXPECT_EQ(checkBuffer(blocks.data(0), 8, &check.param), DIF_OK);
+    EXPECT_EQ(checkDifParamCheck(&check.param, "caller", 42), DIF_FAIL);
+    check.param.ctrlFlag = DIF_CHECK_BST; // needs no identity
+    EXPECT_EQ(checkDifParamCheck(&check.param, "caller", 42), DIF_OK);
 }
 
 TEST_F(Arguments, OfZeroTestsAndTrim) {
     const std::string type = "param->type == DIF_DATA_520 || param->type == DIF_DATA_4160";
     const std::string buffer = "noDifZeroDataCheck", list = "noDifZeroDataCheckInSgl", trim = "trimDataInSgl";
-    Blocks blocks(DIF_DATA_4160, 1);
-    Chain chain(Lengths{{4160}}, blocks.bytes);
-    uint8_t *const buf = blocks.data(0);
+    uint8_t buf[4160] = {};
+    Chain chain(Lengths{{4160}});
     const Sgl *const sgl = chain.at(0);
-    Check check(DIF_DATA_4160, DIF_CHECK_TRIM_ZERO), declared(DIF_DATA_4160_ZERO, DIF_CHECK_TRIM_ZERO), strange(99, 0);
-    DifCheckParam *const good = &check.param, *const zero = &declared.param, *const bad = &strange.param;
-    const BufferRows ofBuffers = {
-        {nullptr, 8, good, 0, notNull(buffer, "buf")},
-        {buf, 8, zero, 0, asserted(buffer, type)},
-        {buf, 8, bad, 0, asserted(buffer, type)},
-        {buf, 7, good, 1, asserted(buffer, "blockNum != 0")},
-    };
-    const ListRows ofLists = {
-        {nullptr, 8, good, 0, notNull(list, "sgl")},
-        {sgl, 8, zero, 0, asserted(list, type)},
-        {sgl, 7, good, 1, asserted(list, "blockNum != 0")},
-    };
-    const ListRows ofAnswers = {
-        {nullptr, 8, nullptr, 0, notNull("noDifSetCheckResultInSgl", "param")},
-        {nullptr, 8, zero, 0, notNull(trim, "sgl")},
-        {sgl, 8, zero, 0, asserted(trim, type)},
-        {sgl, 7, good, 0, asserted(trim, "blockNum != 0")},
-    };
-    expectRefused(noDifZeroDataCheck, ofBuffers);
-    expectRefused(noDifSetCheckResult, BufferRows{{buf, 8, nullptr, 0, notNull("noDifSetCheckResult", "param")}});
-    expectRefused(fromStart(noDifZeroDataCheckInSgl), ofLists);
-    expectRefused(fromStart(noDifSetCheckResultInSgl), ofAnswers);
+    Check check(DIF_DATA_4160, DIF_CHECK_TRIM_ZERO), other(DIF_DATA_4160_ZERO, DIF_CHECK_TRIM_ZERO), strange(99, 0);
+    const DifCheckParam &good = check.param, &zero = other.param;
+    EXPECT_FALSE(noDifZeroDataCheck(nullptr, 8, &good));
+    EXPECT_TRUE(noDifZeroDataCheck(buf, 8, &zero)); // goes on with the geometry that this type has
+    EXPECT_TRUE(noDifZeroDataCheck(buf, 7, &good));
+    noDifSetCheckResult(buf, 8, nullptr);
+    EXPECT_EQ(host.take(), notNull(buffer, "buf") + asserted(buffer, type) + asserted(buffer, "blockNum != 0") +
+                               notNull("noDifSetCheckResult", "param"));
+    EXPECT_FALSE(noDifZeroDataCheck(buf, 8, &strange.param));
+    EXPECT_FALSE(noDifZeroDataCheckInSgl(nullptr, 0, 8, &good));
+    EXPECT_FALSE(noDifZeroDataCheckInSgl(sgl, 0, 8, &zero));
+    EXPECT_TRUE(noDifZeroDataCheckInSgl(sgl, 0, 7, &good));
+    EXPECT_EQ(host.take(), notNull(list, "sgl") + asserted(list, type) + asserted(list, "blockNum != 0"));
+    noDifSetCheckResultInSgl(sgl, 0, 8, nullptr);
+    noDifSetCheckResultInSgl(nullptr, 0, 8, &good);
+    noDifSetCheckResultInSgl(sgl, 0, 8, &zero);
+    noDifSetCheckResultInSgl(sgl, 0, 7, &good);
+    EXPECT_EQ(host.take(), notNull("noDifSetCheckResultInSgl", "param") + notNull(trim, "sgl") + asserted(trim, type) +
+                               asserted(trim, "blockNum != 0"));
 }
 
 TEST_F(Arguments, OfTupleTools) {

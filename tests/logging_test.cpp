@@ -9,66 +9,84 @@ namespace {
 using Logging = StartedDif;
 using Call = std::function<void()>;
 
-struct Attempt {
-    uint64_t tick; /* counted from the first one */
-    bool isWritten;
-    uint32_t reported = 0; /* suppressed messages, before the message */
-};
-
-/* Attempts of a site with that gate level, all of whose limiter is free. */
-void expectAttempts(const std::vector<Attempt> &attempts, uint32_t gate, const std::string &function,
-                    const std::string &message, const Call &attempt) {
-    attempt(); // reports what earlier tests left
-    host.later();
-    host.filtered = 1u << gate; // what the gate filters leaves the limiter as it is
-    for (int i = 0; i < 5; ++i)
-        attempt();
-    host.filtered = ~host.filtered;
-    host.take();
-    host.wantsReports = true;
-    const uint64_t start = host.tick;
-    for (const Attempt &row : attempts) {
-        SCOPED_TRACE(format("attempt %td", &row - attempts.data()));
-        host.tick = start + row.tick;
-        attempt();
-        const Lines events = host.take();
-        Lines want = row.isWritten ? Lines{message} : Lines{};
-        if (row.reported != 0 && !events.empty())
-            want.insert(want.begin(), format("level %u, dif_util, %s, 0: print: %u messages suppressed.%s,line=%d.",
-                                             gate, function.c_str(), row.reported, function.c_str(), host.lines[0]));
-        EXPECT_EQ(events, want);
-        EXPECT_TRUE(events.empty() || host.lines.front() == host.lines.back());
+/* A place that logs behind a limiter, which is free at first. Ticks count from now on. */
+class Site {
+public:
+    explicit Site(const Call &attempt) : attempt_(attempt) {
+        attempt(); // reports what earlier tests left
+        host.later();
+        host.take();
+        host.wantsReports = true;
+        start_ = host.tick;
     }
-}
+    ~Site() { host.wantsReports = false; }
+
+    /* How many of some attempts at a tick are written. */
+    uint32_t written(uint32_t attempts, uint64_t tick) {
+        uint32_t count = 0;
+        host.tick = start_ + tick;
+        while (attempts-- > 0) {
+            attempt_();
+            Lines events = host.take();
+            if (!events.empty() && events[0].find(": print: ") != std::string::npos) {
+                reports.push_back(events[0]);
+                EXPECT_TRUE(events[0].ends_with(format(",line=%d.", host.lines.back())));
+                events.erase(events.begin());
+            }
+            count += events.empty() ? 0 : 1;
+        }
+        return count;
+    }
+
+    Lines reports; /* of suppressed messages, before one that is written */
+
+private:
+    const Call attempt_;
+    uint64_t start_;
+};
 
 /* Credit grows by one a tick up to three intervals, and a message costs an interval. */
 TEST_F(Logging, CreditLimiter) {
     Blocks blocks(DIF_DATA_520, 1);
     blocks.set(0, kOnes);
     Check check(DIF_DATA_520, DIF_CHECK_CONVERT_T10);
+    Site site([&] { checkBuffer(blocks.data(0), 1, &check.param); });
     constexpr uint64_t I = 75000;
-    const std::vector<Attempt> attempts = {
-        {0, true},          {0, true},         {0, true},      {0, false}, // all credit
-        {I - 1, false},     {I - 1, false},    {I, true, 3},               // dropped attempts keep what has gathered
-        {5 * I, true},      {5 * I, true},     {5 * I, true},  {5 * I, false},  // no more than three
-        {11 * I - 1, true}, {11 * I, true, 1}, {11 * I, true}, {11 * I, false}, // ten intervals between reports
-        {11 * I - 2, true}};                                                    // time goes back
-    const std::string text = format("DIF_INTEGRITY_CHECK_INFO: version(0xFF), app(0xFF), difPtr(%p), type(0),"
-                                    "ctrlFlag(0x40080000), mid(4), subPid(1), crcLevel(2), lbaLevel(2).",
-                                    static_cast<void *>(blocks.dif(0)));
-    expectAttempts(attempts, 6, "tryCheckDifIntegrity", limited(6, "tryCheckDifIntegrity", text),
-                   [&] { checkBuffer(blocks.data(0), 1, &check.param); });
+    host.filtered = 1u << 6; // what the gate filters leaves the limiter as it is
+    EXPECT_EQ(site.written(5, 0), 0u);
+    host.filtered = ~host.filtered;
+    EXPECT_EQ(site.written(4, 0), 3u);
+    EXPECT_EQ(site.written(2, I - 1), 0u); // dropped attempts keep what has gathered
+    EXPECT_EQ(site.written(2, I), 1u);
+    EXPECT_EQ(site.written(4, 11 * I - 1), 3u); // no more than three gather
+    EXPECT_EQ(site.reports.size(), 1u);
+    EXPECT_EQ(site.written(1, 12 * I), 1u);     // more than ten intervals after the report
+    EXPECT_EQ(site.written(4, 12 * I - 2), 3u); // time goes back
+    const std::string report = "level 6, dif_util, tryCheckDifIntegrity, 0: print: ";
+    ASSERT_EQ(site.reports.size(), 2u);
+    EXPECT_TRUE(site.reports[0].starts_with(report + "3 messages suppressed.tryCheckDifIntegrity,line="));
+    EXPECT_TRUE(site.reports[1].starts_with(report + "2 messages suppressed.tryCheckDifIntegrity,line="));
 }
 
 /* Three messages a period, which starts anew with every message written. */
 TEST_F(Logging, BurstLimiter) {
+    Site site([] { checkBuffer(nullptr, 1, nullptr); });
     constexpr uint64_t I = 15000;
-    const std::vector<Attempt> attempts = {
-        {0, true},          {I - 1, true},        {2 * I - 2, true},    {2 * I - 2, false}, // the third of the period
-        {3 * I - 3, false}, {3 * I - 2, true, 2}, {3 * I, true},        {3 * I, true},      {3 * I, false},
-        {4 * I, true},      {13 * I - 3, true},   {14 * I - 3, true, 1}}; // ten intervals between reports
-    expectAttempts(attempts, 3, "checkDif", limited(3, "checkDif", "Input error, buf is (nil), param is (nil)."),
-                   [] { checkBuffer(nullptr, 1, nullptr); });
+    host.filtered = 1u << 3;
+    EXPECT_EQ(site.written(5, 0), 0u);
+    host.filtered = ~host.filtered;
+    EXPECT_EQ(site.written(1, 0), 1u);
+    EXPECT_EQ(site.written(1, I - 1), 1u);
+    EXPECT_EQ(site.written(2, 2 * I - 2), 1u); // the third of the period
+    EXPECT_EQ(site.written(1, 3 * I - 3), 0u);
+    EXPECT_EQ(site.written(4, 3 * I - 2), 3u);
+    EXPECT_EQ(site.written(1, 13 * I - 3), 1u); // not ten intervals after the report
+    EXPECT_EQ(site.reports.size(), 1u);
+    EXPECT_EQ(site.written(1, 14 * I - 3), 1u);
+    const std::string report = "level 3, dif_util, checkDif, 0: print: ";
+    ASSERT_EQ(site.reports.size(), 2u);
+    EXPECT_TRUE(site.reports[0].starts_with(report + "2 messages suppressed.checkDif,line="));
+    EXPECT_TRUE(site.reports[1].starts_with(report + "1 messages suppressed.checkDif,line="));
 }
 
 std::string hex(const uint8_t *b) {
@@ -77,21 +95,10 @@ std::string hex(const uint8_t *b) {
 
 /* A limited message comes three times at once, then not until the interval has passed, then once or three times. */
 void expectLimit(uint64_t interval, const Call &cause) {
-    const auto written = [&](uint64_t tick) { // of four attempts at that tick
-        host.tick = tick;
-        int count = 0;
-        for (int i = 0; i < 4; ++i) {
-            cause();
-            count += host.take().empty() ? 0 : 1;
-        }
-        return count;
-    };
-    host.later();
-    const uint64_t start = host.tick;
-    const bool isBurst = interval == 2500 || interval == 15000;
-    EXPECT_EQ(written(start), 3);
-    EXPECT_EQ(written(start + interval - 1), 0);
-    EXPECT_EQ(written(start + interval), isBurst ? 3 : 1);
+    Site site(cause);
+    EXPECT_EQ(site.written(4, 0), 3u);
+    EXPECT_EQ(site.written(4, interval - 1), 0u);
+    EXPECT_EQ(site.written(4, interval), interval == 2500 || interval == 15000 ? 3u : 1u);
 }
 
 TEST_F(Logging, LimitsOfInputErrors) {
