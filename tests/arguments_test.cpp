@@ -94,11 +94,11 @@ TEST_F(Arguments, OfChecks) {
             EXPECT_EQ(row.check(list, 8, record), row.code);
             const void *const place =
                 list != nullptr && row.type.starts_with(own) ? sgl->entries[0].buf : static_cast<void *>(list);
-            EXPECT_EQ(host.take(), Lines{format(row.nulls.c_str(), place, static_cast<void *>(record))});
+            EXPECT_EVENTS(format(row.nulls.c_str(), place, static_cast<void *>(record)));
         }
         param->type = DIF_DATA_4160_ZERO;
         EXPECT_EQ(row.check(sgl, 8, param), row.code);
-        EXPECT_EQ(host.take(), Lines{row.type});
+        EXPECT_EVENTS(row.type);
         param->type = 99;
         EXPECT_EQ(row.check(sgl, 8, param), row.code);
         EXPECT_EQ(host.take().size(), 1u);
@@ -202,7 +202,7 @@ TEST_F(Arguments, WhileDifIsOff) {
     check.param.mid = 200;
     EXPECT_EQ(checkBuffer(nullptr, 1, &check.param), DIF_OK);
     EXPECT_EQ(check.result, DIF_RESULT_NOT_T10);
-    EXPECT_EQ(host.take(), Lines{});
+    EXPECT_EVENTS();
     EXPECT_EQ(checkBuffer(nullptr, 0, nullptr), DIF_OK);
     EXPECT_EQ(checkList(nullptr, 0, 0, nullptr), DIF_OK);
     EXPECT_EQ(host.take(), notNull("noDifSetCheckResult", "param") + notNull("noDifSetCheckResultInSgl", "param"));

@@ -12,6 +12,8 @@
 #include <random>
 #include <vector>
 
+using Bytes = std::initializer_list<uint8_t>;
+
 /* Both checksums a bit at a time, as registers. */
 inline uint16_t slowCrc16(uint16_t reg, const uint8_t *data, uint64_t size) {
     for (uint64_t bit = 0; bit < size * 8; ++bit) {
@@ -34,35 +36,31 @@ inline uint16_t slowGuard(uint32_t version, const uint8_t *data, size_t size) {
 }
 
 /* Random numbers, by default of a printed seed; DIF_TEST_SEED in the environment repeats a run. */
-class Random {
-public:
-    explicit Random(uint64_t seed = seedOfRun()) : engine_(seed) {}
-    uint64_t bits() { return engine_(); }
-    uint32_t from(uint32_t least, uint32_t most) { return least + static_cast<uint32_t>(bits() % (most - least + 1)); }
-    bool oneIn(uint32_t n) { return bits() % n == 0; }
+struct Random {
+    Random() {
+        const char *given = std::getenv("DIF_TEST_SEED");
+        const uint64_t seed = given != nullptr ? std::strtoull(given, nullptr, 0) : std::random_device{}();
+        std::printf("DIF_TEST_SEED=%ju\n", uintmax_t{seed});
+        engine.seed(seed);
+    }
+    explicit Random(uint64_t seed) : engine(seed) {}
+    uint32_t from(uint32_t least, uint32_t most) {
+        return least + static_cast<uint32_t>(engine() % (most - least + 1));
+    }
+    bool oneIn(uint32_t n) { return engine() % n == 0; }
     template <typename T = uint32_t>
     T of(std::initializer_list<T> values) {
-        return values.begin()[bits() % values.size()];
+        return values.begin()[engine() % values.size()];
     }
     void fill(uint8_t *bytes, size_t size) {
         for (size_t at = 0; at < size; at += 8) {
-            const uint64_t next = bits();
+            const uint64_t next = engine();
             memcpy(bytes + at, &next, std::min(size - at, sizeof next));
         }
     }
 
-private:
-    static uint64_t seedOfRun() {
-        const char *given = std::getenv("DIF_TEST_SEED");
-        const uint64_t seed = given != nullptr ? std::strtoull(given, nullptr, 0) : std::random_device{}();
-        std::printf("DIF_TEST_SEED=%llu\n", static_cast<unsigned long long>(seed));
-        return seed;
-    }
-
-    std::mt19937_64 engine_;
+    std::mt19937_64 engine;
 };
-
-using Bytes = std::initializer_list<uint8_t>;
 
 struct Tuple {
     uint16_t guard;
@@ -77,8 +75,7 @@ inline constexpr Tuple kOnes{.guard = 0xFFFF, .version = 0xFF, .app = 0xFF, .lba
 inline Tuple tupleAt(const uint8_t *bytes) {
     Tuple tuple;
     memcpy(&tuple, bytes, sizeof tuple);
-    tuple.lba = __builtin_bswap32(tuple.lba);
-    return tuple;
+    return {tuple.guard, tuple.version, tuple.app, __builtin_bswap32(tuple.lba)};
 }
 
 inline void putTuple(uint8_t *bytes, Tuple tuple) {
@@ -104,9 +101,7 @@ struct Blocks {
     Tuple tuple(uint32_t k) { return tupleAt(dif(k)); }
     void set(uint32_t k, const Tuple &tuple) { putTuple(dif(k), tuple); }
     void zeroData(uint32_t k) { memset(data(k), 0, info.dataSize); }
-    bool isZero(uint32_t k) {
-        return std::all_of(data(k), data(k) + info.dataSize, [](uint8_t byte) { return byte == 0; });
-    }
+    bool isZero(uint32_t k) { return data(k)[0] == 0 && memcmp(data(k), data(k) + 1, info.dataSize - 1) == 0; }
     uint32_t sectors() const { return count << info.sectorShift; }
 
     /* The right guard of a block's data, and the tuple of a block that is all right. */

@@ -21,12 +21,11 @@ inline Lengths randomLengths(Random &random, uint32_t count, uint32_t blockSize)
 
 class Chain {
 public:
-    /* Holds `bytes`. Every buffer starts `misalignment` bytes behind an address that is a multiple of 16. */
+    /* Holds `bytes`, or zeros. Every buffer starts `misalignment` bytes behind an address that is a multiple of 16. */
     explicit Chain(const Lengths &lengths, const std::vector<uint8_t> &bytes = {}, uint32_t misalignment = 0)
         : misalignment_(misalignment) {
-        constexpr uint64_t kOwners = 0xDEADBEEFDEADBEEF;
         for (const auto &node : lengths) {
-            nodes_.emplace_back((sizeof(Sgl) + node.size() * sizeof(SglEntry)) / sizeof(uint64_t), kOwners);
+            nodes_.emplace_back((sizeof(Sgl) + node.size() * sizeof(SglEntry)) / sizeof(uint64_t), 0xDEADBEEFDEADBEEF);
             Sgl *const sgl = at(nodes_.size() - 1);
             sgl->nextSgl = nullptr;
             sgl->entrySum = static_cast<uint16_t>(node.size());
@@ -48,11 +47,9 @@ public:
     /* The data of all entries, in order. */
     void fill(const std::vector<uint8_t> &bytes) {
         auto from = bytes.begin();
-        for (auto &buffer : buffers_) {
-            const auto size = static_cast<ptrdiff_t>(buffer.size() - misalignment_);
-            std::copy_n(from, size, buffer.begin() + misalignment_);
-            from += size;
-        }
+        for (auto &buffer : buffers_)
+            for (auto to = buffer.begin() + misalignment_; to != buffer.end();)
+                *to++ = *from++;
     }
     std::vector<uint8_t> bytes() const {
         std::vector<uint8_t> result;

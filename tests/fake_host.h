@@ -66,6 +66,9 @@ private:
 
 extern FakeHost host;
 
+/* The events since the last ones were taken are these. */
+#define EXPECT_EVENTS(...) EXPECT_EQ(host.take(), (Lines{__VA_ARGS__}))
+
 /* A started library that knows its assertion service and whose cache module has two verify points; no events yet. */
 class StartedDif : public ::testing::Test {
 protected:

@@ -12,68 +12,55 @@ struct Range {
     uint32_t offset, sectors;
 };
 
-template <typename Param>
-uint32_t write(void (*op)(const Sgl *, uint32_t, uint32_t, Param *), uint32_t flags, const Range &range) {
+/* A call that must put its record back. */
+template <typename Param, typename Call>
+uint32_t restoring(Param param, Call call) {
+    const Param before = param;
+    const uint32_t answer = call(param);
+    EXPECT_EQ(memcmp(&before, &param, sizeof before), 0);
+    return answer;
+}
+
+template <auto operation, uint32_t flags>
+uint32_t write(const Range &range) {
+    using Param =
+        std::conditional_t<std::is_same_v<decltype(operation), decltype(&injectDifInSgl)>, DifInjectParam, DifOpParam>;
     Param param{};
     param.ctrlFlag = flags;
     param.lba = kLba;
-    op(range.sgl, range.offset, range.sectors, &param);
-    EXPECT_EQ(param.lba, kLba);
-    EXPECT_EQ(param.ctrlFlag, flags);
-    return 0;
+    return restoring(param, [&](Param &p) { return operation(range.sgl, range.offset, range.sectors, &p), 0u; });
 }
 
-uint32_t check(decltype(checkDifInSgl) *op, uint32_t flags, const Range &range) {
+template <auto operation, uint32_t flags>
+uint32_t check(const Range &range) {
     Check call(DIF_DATA_520, flags, kLba);
     call.param.checkResult = nullptr;
-    const DifCheckParam before = call.param;
-    const uint32_t ret = op(range.sgl, range.offset, range.sectors, &call.param, "caller", 42);
-    EXPECT_EQ(memcmp(&before, &call.param, sizeof before), 0);
-    return ret;
+    return restoring(call.param, [&](DifCheckParam &param) -> uint32_t {
+        return operation(range.sgl, range.offset, range.sectors, &param);
+    });
 }
 
 struct Operation {
     const char *name; /* the function that its messages name */
     bool returnsErrors;
     uint32_t whole, cut; /* its answers about all-ones tuples behind zero data, and if the chain ends too early */
-    Tuple (*after)(uint32_t lba); /* what becomes of such a tuple */
+    Tuple after;         /* what becomes of such a tuple; with the LBA 0 that of the block */
     uint32_t (*call)(const Range &);
 };
 
 constexpr uint32_t kTrimmed = DIF_CHECK_TRIM_ZERO | DIF_CHECK_CRC;
-const Check zeroCheck(DIF_DATA_520, DIF_CHECK_TRIM_ZERO);
-
-Tuple untouched(uint32_t) {
-    return kOnes;
-}
-Tuple trimmed(uint32_t) {
-    return {};
-}
-Tuple inserted(uint32_t lba) {
-    return {0, 0, 2, lba};
-}
-Tuple replaced(uint32_t lba) {
-    return {0xFFFF, 0xFF, 0xFF, lba};
-}
-
+constexpr Tuple kZeros{}, kInserted{0, 0, 2, 0}, kReplaced{0xFFFF, 0xFF, 0xFF, 0};
 const Operation kOperations[] = {
-    {"insertDifInSgl", false, 0, 0, inserted, [](auto &range) { return write(insertDifInSgl, DIF_INSERT_LBA, range); }},
-    {"replaceDifInSgl", false, 0, 0, replaced,
-     [](auto &range) { return write(replaceDifInSgl, DIF_REPLACE_LBA, range); }},
-    {"injectDifInSgl", false, 0, 0, replaced, [](auto &range) { return write(injectDifInSgl, DIF_INJECT_LBA, range); }},
-    {"checkDifInSgl", false, 0, 0, trimmed, [](auto &range) { return check(checkDifInSgl, kTrimmed, range); }},
-    {"trimDataInSgl", false, 0, 0, trimmed,
-     [](auto &range) { return check(checkDifInSgl, DIF_CHECK_TRIM_ZERO, range); }},
-    {"noDifZeroDataCheckInSgl", false, 1, 0, untouched,
-     [](auto &range) -> uint32_t {
-         return noDifZeroDataCheckInSgl(range.sgl, range.offset, range.sectors, &zeroCheck.param);
-     }},
-    {"isDifEvictableInSgl", false, 1, 0, untouched,
-     [](auto &range) -> uint32_t { return isDifEvictableInSgl(range.sgl, range.offset, range.sectors); }},
-    {"checkDifInSglWithErrorReturn", true, 0, 0, trimmed,
-     [](auto &range) { return check(checkDifInSglWithErrorReturn, kTrimmed, range); }},
-    {"checkDifInSglWithStdT10", true, 0, 0, untouched,
-     [](auto &range) { return checkDifInSglWithStdT10(range.sgl, range.offset, range.sectors, &zeroCheck.param); }},
+    {"insertDifInSgl", false, 0, 0, kInserted, write<insertDifInSgl, DIF_INSERT_LBA>},
+    {"replaceDifInSgl", false, 0, 0, kReplaced, write<replaceDifInSgl, DIF_REPLACE_LBA>},
+    {"injectDifInSgl", false, 0, 0, kReplaced, write<injectDifInSgl, DIF_INJECT_LBA>},
+    {"checkDifInSgl", false, 0, 0, kZeros, check<checkList, kTrimmed>},
+    {"trimDataInSgl", false, 0, 0, kZeros, check<checkList, DIF_CHECK_TRIM_ZERO>},
+    {"noDifZeroDataCheckInSgl", false, 1, 0, kOnes, check<noDifZeroDataCheckInSgl, 0>},
+    {"isDifEvictableInSgl", false, 1, 0, kOnes,
+     [](const Range &range) -> uint32_t { return isDifEvictableInSgl(range.sgl, range.offset, range.sectors); }},
+    {"checkDifInSglWithErrorReturn", true, 0, 0, kZeros, check<checkListReturning, kTrimmed>},
+    {"checkDifInSglWithStdT10", true, 0, 0, kOnes, check<checkDifInSglWithStdT10, 0>},
 };
 
 /* A fault of a chain, found by positioning in it or by the walk over the range. */
@@ -97,9 +84,8 @@ Lines eventsOf(const Fault &fault, const Operation &op, Chain &chain, const Rang
                fault.entry, fault.length, fault.start),
         format("DIF_ERROR_SGL_PTR: sgl is NULL, blockSize(520),rootSgl(%p),offsetByte(%u),sectorNum(%u).", root,
                range.offset, range.sectors)};
-    Lines events = {plain(3, function, texts[fault.kind])};
-    if (!op.returnsErrors)
-        events.insert(events.end(), {asserted(function, "0")[0], asserted(function, "0")[1]});
+    Lines events = op.returnsErrors ? Lines{} : asserted(function, "0");
+    events.insert(events.begin(), plain(3, function, texts[fault.kind]));
     return events;
 }
 
@@ -119,8 +105,7 @@ TEST_F(Lists, FaultsOfEveryOperation) {
         {{{520}, {}}, 520, 1, {{kEmptyNode, true, 1}}, {}, 0, true},
         {{{1040, 520}}, 1560, 1, {{kChainEnd, true}}, {}, 0, true},
         {{{520, 1040}}, 620, 2, {{kStart, true, 0, 1, 940, 100}, {kChainEnd, false}}, {620}, 0, true},
-        {{{520}, {520}}, 100, 1, {{kStart, true, 0, 0, 420, 100}}, {520}, 0, false}, // no block behind the start
-        {{{520}, {520}}, 519, 1, {{kStart, true, 0, 0, 1, 519}}, {520}, 0, false},   // an entry's last byte
+        {{{520}, {520}}, 519, 1, {{kStart, true, 0, 0, 1, 519}}, {520}, 0, false}, // no block behind the start
         {{{520}, {520}}, 520, 2, {{kChainEnd, false}}, {520}, 1, true},
         {{{1040}, {}, {520}}, 520, 2, {{kEmptyNode, false, 1}}, {520}, 1, true},
         {{{520}, {520, 1559, 520}}, 0, 5, {{kEntryLength, false, 1, 1, 1559}}, {0, 520, 1040, 1560, 2599}, 2, false},
@@ -140,8 +125,11 @@ TEST_F(Lists, FaultsOfEveryOperation) {
                 putTuple(&bytes[block + 512], kOnes);
             chain.fill(bytes);
             const bool isRefused = op.returnsErrors && !row.faults.empty();
-            for (uint32_t k = 0; k < (isRefused ? row.beforeFault : row.visited.size()); ++k)
-                putTuple(&bytes[row.visited[k] + 512], op.after(5 + k));
+            for (uint32_t k = 0; k < (isRefused ? row.beforeFault : row.visited.size()); ++k) {
+                Tuple after = op.after;
+                after.lba += after.app != 0 && after.lba == 0 ? 5 + k : 0;
+                putTuple(&bytes[row.visited[k] + 512], after);
+            }
             Lines expected;
             for (const Fault &fault : row.faults) {
                 const Lines events = eventsOf(fault, op, chain, range);
@@ -159,109 +147,90 @@ TEST_F(Lists, FaultsOfEveryOperation) {
 TEST_F(Lists, AssertionSites) {
     host.filtered = 1u << 4 | 1u << 6;
     Chain chain(Lengths{{520}});
+    const Range beyond{chain.at(0), 520, 1}, noPlace{chain.at(0), 0xFFFFFFFF, 1};
+    const Lines overflow = asserted("getStartSglByOffset", "residBytesPara > 0");
+    const Lines returned = {
+        limited(3, "getStartSglByOffsetWithReturn", "DIF_SGL_ERROR: invalid offsetByte:0xffffffff")};
     for (const Operation &op : kOperations) {
+        const bool isFirst = &op == kOperations;
         const Range range{chain.at(0), 0, 2};
-        Lines events = eventsOf({Fault::kChainEnd, false}, op, chain, range);
+        const Lines events = eventsOf({Fault::kChainEnd, false}, op, chain, range);
         op.call(range);
         EXPECT_EQ(host.take(), events);
         op.call(range);
-        EXPECT_EQ(host.take(), Lines{events[0]});
-    }
-    Lines events = eventsOf({Fault::kChainEnd, true}, kOperations[0], chain, {chain.at(0), 520, 1});
-    for (const Operation &op : kOperations) {
-        op.call({chain.at(0), 520, 1});
-        EXPECT_EQ(host.take().size(), &op == kOperations ? events.size() : 1);
-    }
-    const Lines beyond = asserted("getStartSglByOffset", "residBytesPara > 0");
-    const Lines returned = {
-        limited(3, "getStartSglByOffsetWithReturn", "DIF_SGL_ERROR: invalid offsetByte:0xffffffff")};
-    for (const Operation &op : kOperations) { // the last offset is no place
-        EXPECT_EQ(op.call({chain.at(0), 0xFFFFFFFF, 1}), op.returnsErrors ? DIF_ERR_SGL : op.cut) << op.name;
-        EXPECT_EQ(host.take(), op.returnsErrors ? returned : &op == kOperations ? beyond : Lines{}) << op.name;
-    }
-    for (const Lines &lines : {returned, Lines{}}) {
-        kOperations[7].call({chain.at(0), 0xFFFFFFFF, 1});
-        EXPECT_EQ(host.take(), lines);
+        EXPECT_EVENTS(events[0]);
+        op.call(beyond);
+        EXPECT_EQ(host.take().size(), isFirst ? 3u : 1u);
+        EXPECT_EQ(op.call(noPlace), op.returnsErrors ? DIF_ERR_SGL : op.cut) << op.name;
+        EXPECT_EQ(host.take(), op.returnsErrors ? returned : isFirst ? overflow : Lines{}) << op.name;
     }
 }
 
 TEST_F(Lists, Dump) {
     Chain chain(Lengths{{1040, 520}, {520, 1000}, {520}});
-    *chain.at(0) = {chain.at(1), 9, 2, 0xAB, 0x123456789ABC};
-    *chain.at(1) = {chain.at(2), 0, 2, 0, 0};
-    *chain.at(2) = {nullptr, 0, 1, 0xFFFFFFFF, ~0ull};
-    const auto line = [](const std::string &text) { return plain(5, "difPrintSglDetail", text); };
+    for (uint16_t n = 0; n < 3; ++n) {
+        chain.at(n)->totalEntryNum = static_cast<uint16_t>(9 + n);
+        chain.at(n)->flag = 0xABCDEF00 + n;
+        chain.at(n)->serialNum = 0xFEDCBA9876543210 + n;
+    }
     const void *const root = chain.at(0);
-    const auto dump = [&](uint32_t sectors, uint32_t nodes, uint32_t total) {
-        Lines lines = {line(format("DIF_SGL_INFO_BEGIN: srcSgl(%p), offsetByte(100), sectorNum(%u), blockSize(520), "
-                                   "totalEntryNum(9), flag(0xab), serialNum(0x123456789abc).",
+    const auto line = [](const std::string &text) { return plain(5, "difPrintSglDetail", "DIF_SGL_INFO" + text); };
+    const auto dump = [&](uint32_t sectors, uint16_t nodes, uint32_t total) {
+        Lines lines = {line(format("_BEGIN: srcSgl(%p), offsetByte(100), sectorNum(%u), blockSize(520), "
+                                   "totalEntryNum(9), flag(0xabcdef00), serialNum(0xfedcba9876543210).",
                                    root, sectors))};
-        for (uint32_t n = 0; n < nodes; ++n) {
+        for (uint16_t n = 0; n < nodes; ++n) {
             const Sgl &sgl = *chain.at(n);
-            const auto *const at = static_cast<const void *>(&sgl), *const next = static_cast<void *>(sgl.nextSgl);
-            lines.push_back(
-                line(format("DIF_SGL_INFO: sglIndex(%u), sgl(%p), entrySum(%u), nextSgl(%p), flag(0x%x), "
-                            "serialNum(0x%llx).",
-                            n, at, sgl.entrySum, next, sgl.flag, static_cast<unsigned long long>(sgl.serialNum))));
+            const void *const at = &sgl, *const next = sgl.nextSgl;
+            lines.push_back(line(format(": sglIndex(%u), sgl(%p), entrySum(%u), nextSgl(%p), flag(0xabcdef0%u), "
+                                        "serialNum(0xfedcba987654321%u).",
+                                        n, at, sgl.entrySum, next, n, n)));
             for (uint32_t i = 0; i < sgl.entrySum; ++i)
-                lines.push_back(line(format("DIF_SGL_INFO_ENTRY: sglIndex(%u), sgl(%p), entryIndex(%u), bytes(%u), "
-                                            "buf(%p).",
-                                            n, at, i, sgl.entries[i].bytes, static_cast<void *>(sgl.entries[i].buf))));
+                lines.push_back(line(format("_ENTRY: sglIndex(%u), sgl(%p), entryIndex(%u), bytes(%u), buf(%p).", n, at,
+                                            i, sgl.entries[i].bytes, static_cast<void *>(sgl.entries[i].buf))));
         }
-        lines.push_back(line(format("DIF_SGL_INFO_END: srcSgl(%p), actualTotalEntrySum(%u).", root, total)));
+        lines.push_back(line(format("_END: srcSgl(%p), actualTotalEntrySum(%u).", root, total)));
         return lines;
     };
     const auto dumped = [&](uint32_t sectors) {
-        Check call(DIF_DATA_520, 0);
-        EXPECT_EQ(checkDifInSglWithErrorReturn(chain.at(0), 100, sectors, &call.param, "caller", 42), DIF_ERR_SGL);
+        EXPECT_EQ((check<checkListReturning, 0>({chain.at(0), 100, sectors})), DIF_ERR_SGL);
         Lines lines = host.take();
         lines.erase(lines.begin()); // the fault
         return lines;
     };
-    dumped(0); // reports what earlier tests left
-    host.later();
-    host.wantsReports = true;
     EXPECT_EQ(dumped(3), dump(3, 1, 2)); // counts from the chain's start
     EXPECT_EQ(dumped(4), dump(4, 2, 4)); // 1000 bytes count one sector
     EXPECT_EQ(dumped(0), dump(0, 0, 0));
-    EXPECT_EQ(dumped(4), Lines{});
+    EXPECT_EQ(dumped(4), Lines{}); // suppressed
     host.later();
     host.filtered = 1u << 4;
     EXPECT_EQ(dumped(5), Lines{});
     host.filtered = 0;
+    host.wantsReports = true;
     const Lines lines = dumped(~0u);
-    Lines reported = dump(~0u, 3, 5);
-    reported.insert(reported.begin(), format("level 4, dif_util, difPrintSglDetail, 0: print: 1 messages suppressed."
-                                             "difPrintSglDetail,line=%d.",
-                                             host.lines[1]));
-    EXPECT_EQ(lines, reported);
+    EXPECT_EQ(Lines(lines.begin() + 1, lines.end()), dump(~0u, 3, 5));
+    EXPECT_TRUE(lines[0].starts_with("level 4, dif_util, difPrintSglDetail, 0: print: 1 messages suppressed."));
 }
 
-TEST_F(Lists, ChecksEndWithTheirLastQuestion) {
-    Chain chain(Lengths{{520, 7}});
-    chain.buffer(0)[0] = 1;
-    for (auto *const op : {checkDifInSgl, checkDifInSglWithErrorReturn}) {
-        EXPECT_EQ(check(op, DIF_CHECK_CRC, {chain.at(0), 0, 2}), DIF_ERR_CHECK);
+TEST_F(Lists, ChecksEndWithTheirLastQuestionOrFault) {
+    constexpr uint32_t kFlags = DIF_CHECK_CRC | DIF_CHECK_ALL_BLOCKS;
+    Chain chain(Lengths{{520, 7}}), cut(Lengths{{520, 520}});
+    chain.buffer(0)[0] = cut.buffer(0)[0] = 1;
+    for (const auto call : {check<checkList, DIF_CHECK_CRC>, check<checkListReturning, DIF_CHECK_CRC>}) {
+        EXPECT_EQ(call({chain.at(0), 0, 2}), DIF_ERR_CHECK);
         EXPECT_EQ(host.take().size(), 2u); // of the failed block, nothing of the second entry
     }
-}
-
-TEST_F(Lists, ErrorReturnDiscardsTheCallButNotWhatItFound) {
-    Chain chain(Lengths{{520, 520}});
-    chain.buffer(0)[0] = 1;
-    constexpr uint32_t kFlags = DIF_CHECK_CRC | DIF_CHECK_ALL_BLOCKS;
-    Check call(DIF_DATA_520, kFlags, kLba), untouched(DIF_DATA_520, kFlags, kLba);
-    EXPECT_EQ(checkDifInSglWithErrorReturn(chain.at(0), 0, 3, &call.param, "caller", 42), DIF_ERR_SGL);
-    EXPECT_EQ(call.result, DIF_RESULT_CRC_ERROR);
-    EXPECT_EQ(call.index, 0u);
-    EXPECT_EQ(call.bitmap[0], 1u);
-    EXPECT_EQ(call.param.lba, kLba);
-    EXPECT_EQ(call.param.ctrlFlag, kFlags);
+    difVerifyStatisticClean();
+    Check found(DIF_DATA_520, kFlags), untouched(DIF_DATA_520, kFlags);
+    EXPECT_EQ(checkListReturning(cut.at(0), 0, 3, &found.param), DIF_ERR_SGL); // discards the call, not what it found
+    EXPECT_EQ(found.result, DIF_RESULT_CRC_ERROR);
+    EXPECT_EQ(found.index, 0u);
+    EXPECT_EQ(found.bitmap[0], 1u);
     std::array<uint64_t, DIF_STAT_BUTT> counters;
     difVerifyStatisticGet(DIF_MID_CACHE, 0, counters.data());
     EXPECT_EQ(counters, (std::array<uint64_t, DIF_STAT_BUTT>{})); // nothing is counted
-    EXPECT_EQ(checkDifInSglWithErrorReturn(chain.at(0), 1, 1, &untouched.param, "caller", 42), DIF_ERR_SGL);
-    EXPECT_EQ(checkDifInSglWithStdT10(chain.at(0), 1, 1, &untouched.param), DIF_ERR_SGL);
+    EXPECT_EQ(checkListReturning(cut.at(0), 1, 1, &untouched.param), DIF_ERR_SGL);
+    EXPECT_EQ(checkDifInSglWithStdT10(cut.at(0), 1, 1, &untouched.param), DIF_ERR_SGL);
     EXPECT_EQ(untouched.result, Check::kUntouched); // positioning fails before anything changes
     EXPECT_EQ(untouched.index, Check::kUntouched);
 }

@@ -17,7 +17,7 @@ struct Trial {
     enum Form { kBuffer, kList, kReturning };
 
     explicit Trial(Random &source) : random(source) {
-        blocks = Blocks(random.of({0u, 0u, 0u, 2u}), random.from(1, random.oneIn(4) ? 40 : 8), random.bits());
+        blocks = Blocks(random.of({0u, 0u, 0u, 2u}), random.from(1, random.oneIn(4) ? 40 : 8), random.engine());
         offset = random.from(0, blocks.count - 1);
         count = random.from(0, blocks.count - offset);
         sectors = (count << blocks.info.sectorShift) + random.from(0, (1u << blocks.info.sectorShift) - 1);
@@ -30,7 +30,7 @@ struct Trial {
 
     /* Insertion, replacement and injection, whichever version each block gets. */
     void write(bool isOn) {
-        uint32_t bitmap[] = {static_cast<uint32_t>(random.bits()), static_cast<uint32_t>(random.bits())};
+        uint32_t bitmap[] = {static_cast<uint32_t>(random.engine()), static_cast<uint32_t>(random.engine())};
         const uint32_t flags = random.from(0, random.oneIn(2) ? 0x3FF : ~0u - 1),
                        type = blocks.type + random.from(0, 1);
         const DifOpParam op{type, flags, lba, random.oneIn(2) ? bitmap : nullptr};

@@ -100,7 +100,7 @@ void live(uint32_t seconds, uint32_t threadNum, Random &random) {
         require(difRegistVerifyPoint(module.mid, points, 2, __func__, __LINE__) == DIF_OK, "no verify points");
     std::vector<std::thread> threads;
     for (uint32_t i = 0; i < threadNum; ++i)
-        threads.emplace_back([&module = modules[i % std::size(modules)], own = Random(random.bits())]() mutable {
+        threads.emplace_back([&module = modules[i % std::size(modules)], own = Random(random.engine())]() mutable {
             repeat([&] { work(module, own); });
         });
     threads.emplace_back([&] { repeat([&] { operate(random); }); });
