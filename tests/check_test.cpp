@@ -114,15 +114,6 @@ TEST_F(NoDif, EveryByteOfTheDataCounts) {
             bytes[start + size] = 0;
         }
     }
-    for (const uint32_t type : {DIF_DATA_520, DIF_DATA_4160}) {
-        Blocks blocks(type, 2); // the DIF areas are not zero
-        for (const uint32_t k : {0u, 1u})
-            blocks.zeroData(k);
-        EXPECT_TRUE(noDifZeroDataCheckInBlocks(blocks.data(0), 2, &blocks.info));
-        blocks.dif(1)[-1] = 1;
-        EXPECT_FALSE(noDifZeroDataCheckInBlocks(blocks.data(0), 2, &blocks.info));
-        EXPECT_TRUE(noDifZeroDataCheckInBlocks(blocks.data(0), 1, &blocks.info));
-    }
 }
 
 } // namespace

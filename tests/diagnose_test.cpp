@@ -24,26 +24,20 @@ protected:
         return host.printed;
     }
 
-    const DbgCmdReg &diagnose = host.diagnose.command, &cli = host.cli.command;
+    const DbgCmdReg &diagnose = host.diagnose, &cli = host.cli;
     const std::string invalid = "Error: invalid input!\nusage (null)\n";
 };
 
 TEST_F(Diagnose, LinesThatCannotBeRun) {
-    const std::vector<Lines> rows = {{"dif"},
-                                     {"DIF", "showverifylevel"},
-                                     {"di", "showverifylevel"},
-                                     {"diff", "showverifylevel"},
-                                     {"dif", "showverify"},
-                                     {"dif", "showverifylevels"},
-                                     {"(null)", "showverifylevel"},
-                                     {"dif", "(null)"},
-                                     {"dif", "showverifylevel", "x"},
-                                     {"dif", "showverifyresult", "x"},
-                                     {"dif", "showdifswitch", "x"}};
     for (const DbgCmdFunc command : {diagnoseDoDifCmd, cliDoDifCmd}) {
         EXPECT_EQ(printed(command, 2, nullptr), "usage (Error: cmd input is null.)\n");
-        for (const Lines &words : rows)
-            EXPECT_EQ(run(command, words, FakeHost::kUsageResult), invalid);
+        EXPECT_EQ(run(command, {"dif"}, FakeHost::kUsageResult), invalid);
+        for (const char *word : {"DIF", "di", "diff", "(null)"})
+            EXPECT_EQ(run(command, {word, "showverifylevel"}, FakeHost::kUsageResult), invalid);
+        for (const char *word : {"showverify", "showverifylevels", "(null)"})
+            EXPECT_EQ(run(command, {"dif", word}, FakeHost::kUsageResult), invalid);
+        for (const char *word : {"showverifylevel", "showverifyresult", "showdifswitch"})
+            EXPECT_EQ(run(command, {"dif", word, "x"}, FakeHost::kUsageResult), invalid);
     }
     EXPECT_EQ(run(cliDoDifCmd, {"dif", "showdifswitch"}, FakeHost::kUsageResult), invalid);
     EXPECT_EQ(g_difArray[0].handler(1, nullptr), FakeHost::kUsageResult);
@@ -127,6 +121,7 @@ TEST_F(Diagnose, Help) {
     EXPECT_EQ(printed(cli.doHelp, "dif", 1u), "SYNOPSIS\n" + levels + results + tables);
     EXPECT_EQ(printed(diagnose.doHelp, "DIF", 0u), tables);
     EXPECT_EQ(printed(cli.doHelp, "diff", 1u), tables);
+    EXPECT_EQ(diagnoseDoDifHelp("dif", 0) | cliDoDifHelp("dif", 0), 0);
 }
 
 /* The clock of the fake host moves by 500 ns whenever it is read. */
@@ -152,9 +147,8 @@ TEST_F(Diagnose, SelfTest) {
 
 /* The buffer is free again when the result is printed: the allocator hands it out once more, if it does that at all. */
 TEST_F(Diagnose, SelfTestFreesItsBufferFirst) {
-    constexpr size_t kSize = 1000;
     const auto next = [] {
-        void *const block = malloc(kSize);
+        void *const block = malloc(1000);
         const auto address = reinterpret_cast<uintptr_t>(block);
         free(block);
         return address;
@@ -163,7 +157,7 @@ TEST_F(Diagnose, SelfTestFreesItsBufferFirst) {
     uintptr_t used = 0, found = 1;
     host.onCrc = [&](const uint8_t *data, uint64_t) { return used = reinterpret_cast<uintptr_t>(data), uint16_t{0}; };
     host.onPrint = [&] { found = next(); };
-    testCRCPerf(1, kSize);
+    testCRCPerf(1, 1000);
     EXPECT_TRUE(found == used || !reuses);
 }
 

@@ -38,23 +38,6 @@ std::string format(const char *text, ...) {
     return result;
 }
 
-std::string plain(uint32_t level, const std::string &function, const std::string &text) {
-    return format("level %u, dif_util, %s, 4660: ", level, function.c_str()) + text;
-}
-
-std::string limited(uint32_t level, const std::string &function, const std::string &text) {
-    return format("level %u, no file, %s, 0: ", level, function.c_str()) + text;
-}
-
-Lines asserted(const std::string &function, const std::string &text, const std::string &expression) {
-    return {"level 0, dif_util, " + function + ", 0: " + text,
-            "ask " + function + "(" + (expression.empty() ? text : expression) + ")"};
-}
-
-Lines notNull(const std::string &function, const std::string &pointer) {
-    return asserted(function, pointer + " != NULL", pointer + " != ((void *)0)");
-}
-
 void *FakeHost::assertionService() {
     return reinterpret_cast<void *>(&onAssertion);
 }
@@ -68,14 +51,7 @@ Lines FakeHost::take() {
 void FakeHost::reset() {
     take();
     filtered = 0;
-    assertAnswer = 0;
-    hasService = true;
-    wantsReports = false;
-    printed.clear();
-    onEvent = nullptr;
-    onPrint = nullptr;
-    onCrc = nullptr;
-    diagnose.result = cli.result = 0;
+    static_cast<HostState &>(*this) = {};
 }
 
 void FakeHost::record(const std::string &event, int32_t line) {
@@ -147,24 +123,24 @@ void osal_pid_set_name(uint32_t moduleId, const char *name) {
 
 int32_t DBG_RegCmd(const DbgCmdReg *cmd) {
     host.record(format("register diagnose %s: %s", cmd->name, cmd->description));
-    host.diagnose.command = *cmd;
-    return host.diagnose.result;
+    host.diagnose = *cmd;
+    return host.diagnoseResult;
 }
 
 int32_t DBG_RegCmdToCLI(const DbgCmdReg *cmd) {
     host.record(format("register cli %s: %s", cmd->name, cmd->description));
-    host.cli.command = *cmd;
-    return host.cli.result;
+    host.cli = *cmd;
+    return host.cliResult;
 }
 
 int32_t DBG_UnRegCmd(const char *name) {
     host.record(format("unregister diagnose %s", name));
-    return host.diagnose.result;
+    return host.diagnoseResult;
 }
 
 int32_t DBG_UnRegCmdToCLI(const char *name) {
     host.record(format("unregister cli %s", name));
-    return host.cli.result;
+    return host.cliResult;
 }
 
 int32_t DBG_ShowUsageAndErrMsg(const char *message) {

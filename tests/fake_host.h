@@ -1,10 +1,8 @@
 /*
- * A host that records what libdif asks of it. The test executable supplies every platform symbol itself, as a real host
- * process would.
+ * A host that records what libdif asks of it; it supplies every platform symbol, as a real host process would.
  *
  * The library's limiters last for the whole process. Every test, and every case that needs fresh ones, therefore starts
- * later(), when all of them are open again. They would then report what they dropped before; such a report becomes an
- * event only if a test wants it.
+ * later(), when all are open again. What they then report of earlier drops is an event only if a test wants it.
  */
 #ifndef DIF_TESTS_FAKE_HOST_H
 #define DIF_TESTS_FAKE_HOST_H
@@ -29,27 +27,38 @@ std::string format(const char *text, ...) __attribute__((format(printf, 1, 2)));
  * message, of one behind a limiter, and of a failed assertion, which are its text and the question to the assertion
  * service. The question repeats the text if no expression is given.
  */
-std::string plain(uint32_t level, const std::string &function, const std::string &text);
-std::string limited(uint32_t level, const std::string &function, const std::string &text);
-Lines asserted(const std::string &function, const std::string &text, const std::string &expression = "");
-Lines notNull(const std::string &function, const std::string &pointer);
+inline std::string plain(uint32_t level, const std::string &function, const std::string &text) {
+    return "level " + std::to_string(level) + ", dif_util, " + function + ", 4660: " + text;
+}
+inline std::string limited(uint32_t level, const std::string &function, const std::string &text) {
+    return "level " + std::to_string(level) + ", no file, " + function + ", 0: " + text;
+}
+inline Lines asserted(const std::string &function, const std::string &text, const std::string &expression = "") {
+    return {"level 0, dif_util, " + function + ", 0: " + text,
+            "ask " + function + "(" + (expression.empty() ? text : expression) + ")"};
+}
+inline Lines notNull(const std::string &function, const std::string &pointer) {
+    return asserted(function, pointer + " != NULL", pointer + " != ((void *)0)");
+}
 
-struct FakeHost {
-    std::atomic<uint64_t> tick{0};
-    std::atomic<uint32_t> filtered{0}; /* bit L: messages of level L are filtered */
-    uint8_t assertAnswer = 0;          /* of the assertion service */
-    bool hasService = true;            /* whether the lookup finds the assertion service */
+/* What a test may set, and what it finds in the end. */
+struct HostState {
+    uint8_t assertAnswer = 0; /* of the assertion service */
+    bool hasService = true;   /* whether the lookup finds the assertion service */
     bool wantsReports = false;
-    std::string printed;                              /* by DBG_Print */
     std::function<void(const std::string &)> onEvent; /* told of each event */
     std::function<void()> onPrint;
     /* Told of the data of each CRC16 of the hardware engine and of each continued CRC32C; alters the CRC16 by XOR. */
     std::function<uint16_t(const uint8_t *, uint64_t)> onCrc;
-    struct Registry {
-        DbgCmdReg command{}; /* as registered last */
-        int32_t result = 0;  /* of (un)registration */
-    } diagnose, cli;
-    std::vector<int32_t> lines; /* source lines of the events last taken, 0 for none */
+    int32_t diagnoseResult = 0, cliResult = 0; /* of (un)registration */
+    DbgCmdReg diagnose{}, cli{};               /* as registered last */
+    std::string printed;                       /* by DBG_Print */
+    std::vector<int32_t> lines;                /* source lines of the events last taken, 0 for none */
+};
+
+struct FakeHost : HostState {
+    std::atomic<uint64_t> tick{0};
+    std::atomic<uint32_t> filtered{0}; /* bit L: messages of level L are filtered */
 
     static constexpr int32_t kUsageResult = 77; /* of DBG_ShowUsageAndErrMsg */
     static void *assertionService();

@@ -55,21 +55,22 @@ inline void modelTrim(Blocks &blocks, uint32_t k) {
 class CheckModel {
 public:
     CheckModel(const DifCheckParam &param, uint8_t moduleLevel) : asked(param), level_(moduleLevel) {
-        settled = (askedOfSome() | askedOfAll()) == 0;
         isIntegrityOn_ = lbaMade() || crcMade() || has(DIF_CHECK_CONVERT_T10);
-        done = !isIntegrityOn_;
-        result = askedOfAll() | when(isIntegrityOn_ && has(DIF_CHECK_ALL_BLOCKS), DIF_RESULT_NONE_PASSED);
+        result = when(has(DIF_CHECK_ALL_LBA_VALID), DIF_RESULT_ALL_LBA_VALID) |
+                 when(has(DIF_CHECK_ZERO_DATA), DIF_RESULT_ALL_ZERO) |
+                 when(isIntegrityOn_ && has(DIF_CHECK_ALL_BLOCKS), DIF_RESULT_NONE_PASSED);
     }
 
     /* The blocks of the check are those from `first` on. */
     void run(Blocks &blocks, uint32_t first, uint32_t count) {
+        bool settled = !has(DIF_CHECK_REPORT_MASK), done = !isIntegrityOn_;
         for (uint32_t i = 0; i < count; ++i) {
             if (has(DIF_CHECK_TRIM_ZERO))
                 modelTrim(blocks, first + i);
             if (!settled)
-                report(blocks, first + i);
+                settled = report(blocks, first + i);
             if (!done)
-                verify(blocks, first + i, i);
+                done = !verify(blocks, first + i, i) && !has(DIF_CHECK_ALL_BLOCKS);
             if (done && settled)
                 break;
         }
@@ -84,7 +85,6 @@ public:
     DifCheckParam asked;
     uint32_t code = DIF_OK, result = 0, index = DIF_ERR_BLOCK_NONE;
     std::array<uint32_t, 8> bitmap{};
-    bool settled, done;
 
 private:
     static uint32_t when(bool condition, uint32_t bits) { return condition ? bits : 0; }
@@ -98,33 +98,29 @@ private:
     bool lbaMade() const { return made(DIF_CHECK_LBA, asked.lbaLevel); }
     bool crcMade() const { return made(DIF_CHECK_CRC, asked.crcLevel); }
 
-    /* The bits of the result word that tell of some block, and those that tell of all blocks. */
-    uint32_t askedOfSome() const {
-        return when(has(DIF_CHECK_BST), DIF_RESULT_HAVE_BST) | when(has(DIF_CHECK_NOT_T10), DIF_RESULT_NOT_T10) |
-               when(has(DIF_CHECK_UNKNOWN_VERSION), DIF_RESULT_UNKNOWN_VERSION) |
-               when(has(DIF_CHECK_VERSION_ZERO), DIF_RESULT_VERSION_ZERO);
-    }
-    uint32_t askedOfAll() const {
-        return when(has(DIF_CHECK_ALL_LBA_VALID), DIF_RESULT_ALL_LBA_VALID) |
-               when(has(DIF_CHECK_ZERO_DATA), DIF_RESULT_ALL_ZERO);
-    }
-
-    void report(Blocks &blocks, uint32_t k) {
-        const Tuple tuple = blocks.tuple(k);
-        const uint8_t version = tuple.version;
-        const bool hasGuard = version == 0x13 || version == 0x29;
-        uint32_t ofSome = when(version == 0 || version == 0xFF, DIF_RESULT_VERSION_ZERO), ofAll = 0;
-        if (!tuple.isExempt()) {
-            ofSome |= when(version != 0 && version != 0x13, DIF_RESULT_NOT_T10) |
-                      when(!isKnown(version), DIF_RESULT_UNKNOWN_VERSION) |
-                      when((tuple.app & DIF_APP_BST) != 0 && level_ != 0, DIF_RESULT_HAVE_BST);
-            ofAll =
-                when((tuple.app & DIF_APP_LBA_VALID) != 0, DIF_RESULT_ALL_LBA_VALID) |
-                when(blocks.isZero(k) && (!hasGuard || tuple.guard == blocks.guard(k, version)), DIF_RESULT_ALL_ZERO);
+    /* Whether no further block can change an answer. */
+    bool report(Blocks &blocks, uint32_t k) {
+        const Tuple t = blocks.tuple(k);
+        const bool counts = !t.isExempt(), hasGuard = t.version == 0x13 || t.version == 0x29;
+        const bool isZero = blocks.isZero(k) && (!hasGuard || t.guard == blocks.guard(k, t.version));
+        const struct {
+            uint32_t flag, bit;
+            bool ofAll, holds; /* whether the bit tells of all blocks or of some, and what this one says */
+        } questions[] = {
+            {DIF_CHECK_VERSION_ZERO, DIF_RESULT_VERSION_ZERO, false, t.version == 0 || t.version == 0xFF},
+            {DIF_CHECK_NOT_T10, DIF_RESULT_NOT_T10, false, counts && t.version != 0 && t.version != 0x13},
+            {DIF_CHECK_UNKNOWN_VERSION, DIF_RESULT_UNKNOWN_VERSION, false, counts && !isKnown(t.version)},
+            {DIF_CHECK_BST, DIF_RESULT_HAVE_BST, false, counts && (t.app & DIF_APP_BST) != 0 && level_ != 0},
+            {DIF_CHECK_ALL_LBA_VALID, DIF_RESULT_ALL_LBA_VALID, true, counts && (t.app & DIF_APP_LBA_VALID) != 0},
+            {DIF_CHECK_ZERO_DATA, DIF_RESULT_ALL_ZERO, true, counts && isZero},
+        };
+        bool settled = counts;
+        for (const auto &question : questions) {
+            if (has(question.flag) && question.holds != question.ofAll)
+                result = question.ofAll ? result & ~question.bit : result | question.bit;
+            settled = settled && (!has(question.flag) || ((result & question.bit) == 0) == question.ofAll);
         }
-        result |= ofSome & askedOfSome();
-        result &= ofAll | ~(DIF_RESULT_ALL_LBA_VALID | DIF_RESULT_ALL_ZERO);
-        settled = !tuple.isExempt() && (askedOfSome() & ~result) == 0 && (askedOfAll() & result) == 0;
+        return settled;
     }
 
     uint32_t faultOf(Blocks &blocks, uint32_t k, uint32_t i) const {
@@ -139,20 +135,21 @@ private:
                     DIF_RESULT_CRC_ERROR);
     }
 
-    void verify(Blocks &blocks, uint32_t k, uint32_t i) {
+    /* Whether the block passes. */
+    bool verify(Blocks &blocks, uint32_t k, uint32_t i) {
         const uint32_t fault = faultOf(blocks, k, i);
         const Tuple tuple = blocks.tuple(k);
-        if (fault != 0) {
-            code = DIF_ERR_CHECK;
-            result |= fault;
-            index = std::min(index, i << blocks.info.sectorShift);
-            bitmap[i / 32] |= 1u << (i % 32);
-            done = !has(DIF_CHECK_ALL_BLOCKS);
-            return;
+        if (fault == 0) {
+            if (has(DIF_CHECK_CONVERT_T10) && tuple.version == DIF_VERSION_CRC32C)
+                blocks.set(k, {blocks.guard(k), DIF_VERSION_T10, tuple.app, tuple.lba});
+            result &= ~when(has(DIF_CHECK_ALL_BLOCKS), DIF_RESULT_NONE_PASSED);
+            return true;
         }
-        if (has(DIF_CHECK_CONVERT_T10) && tuple.version == DIF_VERSION_CRC32C)
-            blocks.set(k, {blocks.guard(k), DIF_VERSION_T10, tuple.app, tuple.lba});
-        result &= ~when(has(DIF_CHECK_ALL_BLOCKS), DIF_RESULT_NONE_PASSED);
+        code = DIF_ERR_CHECK;
+        result |= fault;
+        index = std::min(index, i << blocks.info.sectorShift);
+        bitmap[i / 32] |= 1u << (i % 32);
+        return false;
     }
 
     uint8_t level_;

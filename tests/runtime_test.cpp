@@ -21,21 +21,16 @@ std::array<uint64_t, DIF_STAT_BUTT> countersOf(uint8_t mid, uint32_t point) {
 /* What only a process that has not started the library yet can see; run in one of its own. */
 void expectNothingBeforeStart() {
     EXPECT_EQ(getDifOn() + getSysDifCrcVersion() + getDifRepairType() + getDifVerifyLevelByMid(DIF_MID_CACHE), 0);
-    Blocks blocks(DIF_DATA_520, 2), before = blocks;
-    DifOpParam op{DIF_DATA_520, DIF_INSERT_CRC | DIF_INSERT_LBA | DIF_REPLACE_CRC, 9, nullptr};
-    insertDif(blocks.data(0), 2, &op);
-    replaceDif(blocks.data(0), 2, &op);
-    Check check(DIF_DATA_520, DIF_CHECK_CRC | DIF_CHECK_LBA);
-    EXPECT_EQ(checkBuffer(blocks.data(0), 2, &check.param), DIF_OK);
-    EXPECT_EQ(check.result, DIF_RESULT_NOT_T10);
-    EXPECT_EQ(blocks.bytes, before.bytes);
     const VerifyPointDesc point{1, "early"}; // the registry does not look empty yet
     EXPECT_EQ(difRegistVerifyPoint(DIF_MID_FC, &point, 1, "caller", 42), DIF_FAIL);
     EXPECT_EVENTS(plain(3, "difRegistVerifyPoint",
                         "dif regist mid(1-fc)'s 0th verify point(1,early) failed, has registed as(0,), "
                         "num(1), funcName(caller), line(42)"));
-    for (const size_t written : {1u, 1u, 1u, 0u}) { // limiters are free at tick 0, too
+    const DifInjectParam inject{DIF_DATA_520, DIF_INJECT_BST, 0, 0, 0};
+    DifTuple tuple{};
+    for (const size_t written : {2u, 2u, 2u, 0u}) { // limiters of both kinds are free at tick 0, too
         getDifLba(nullptr, 0, nullptr);
+        injectDifInOneBlock(&tuple, &inject, 0);
         EXPECT_EQ(host.take().size(), written);
     }
     difModuleInit();
@@ -64,8 +59,8 @@ TEST(Lifecycle, StartSetsDefaultsAndStopKeepsEverything) {
     const VerifyPointDesc point{1, "point"};
     host.reset();
     for (const bool works : {true, false}) { // a second start starts over, and one without commands is one, too
-        host.diagnose.result = works ? 0 : -1;
-        host.cli.result = works ? 0 : 9;
+        host.diagnoseResult = works ? 0 : -1;
+        host.cliResult = works ? 0 : 9;
         const std::string level = works ? "level 5, " : "level 3, ", outcome = works ? "success." : "fail.";
         EXPECT_EQ(difModuleInit(), 0u);
         EXPECT_EQ(withoutOwnLines(),
@@ -160,6 +155,7 @@ TEST_F(VerifyPoints, LevelsDecideWhichChecksAreMade) {
             EXPECT_EQ(isOn(1, mid, 1), stored != 0);
     }
     setDifVerifyLevelByMid(16, 1); // beyond the table
+    EXPECT_EVENTS(plain(3, "setDifVerifyLevelByMid", "mid(16) is invalid."));
     EXPECT_EQ(getDifVerifyLevelByMid(16), 0);
     EXPECT_EQ(difVerifyMsgGetByMid(16), nullptr);
     EXPECT_EQ(difVerifyMsgGetByMid(15), &g_verifyPointMsg[15]);

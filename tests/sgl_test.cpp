@@ -12,33 +12,25 @@ struct Range {
     uint32_t offset, sectors;
 };
 
-/* A call that must put its record back. */
-template <typename Param, typename Call>
-uint32_t restoring(Param param, Call call) {
+template <typename Param, auto operation, uint32_t flags>
+uint32_t call(const Range &range) {
+    Param param{};
+    param.ctrlFlag = flags;
+    param.lba = kLba;
+    if constexpr (std::is_same_v<Param, DifCheckParam>)
+        param = {0, flags, 1, 1, DIF_MID_CACHE, 1, kLba, nullptr, nullptr, nullptr};
     const Param before = param;
-    const uint32_t answer = call(param);
-    EXPECT_EQ(memcmp(&before, &param, sizeof before), 0);
+    uint32_t answer = 0;
+    if constexpr (std::is_void_v<decltype(operation(range.sgl, range.offset, range.sectors, &param))>)
+        operation(range.sgl, range.offset, range.sectors, &param);
+    else
+        answer = operation(range.sgl, range.offset, range.sectors, &param);
+    EXPECT_EQ(memcmp(&before, &param, sizeof before), 0); // is put back
     return answer;
 }
 
 template <auto operation, uint32_t flags>
-uint32_t write(const Range &range) {
-    using Param =
-        std::conditional_t<std::is_same_v<decltype(operation), decltype(&injectDifInSgl)>, DifInjectParam, DifOpParam>;
-    Param param{};
-    param.ctrlFlag = flags;
-    param.lba = kLba;
-    return restoring(param, [&](Param &p) { return operation(range.sgl, range.offset, range.sectors, &p), 0u; });
-}
-
-template <auto operation, uint32_t flags>
-uint32_t check(const Range &range) {
-    Check call(DIF_DATA_520, flags, kLba);
-    call.param.checkResult = nullptr;
-    return restoring(call.param, [&](DifCheckParam &param) -> uint32_t {
-        return operation(range.sgl, range.offset, range.sectors, &param);
-    });
-}
+constexpr auto check = call<DifCheckParam, operation, flags>;
 
 struct Operation {
     const char *name; /* the function that its messages name */
@@ -51,9 +43,9 @@ struct Operation {
 constexpr uint32_t kTrimmed = DIF_CHECK_TRIM_ZERO | DIF_CHECK_CRC;
 constexpr Tuple kZeros{}, kInserted{0, 0, 2, 0}, kReplaced{0xFFFF, 0xFF, 0xFF, 0};
 const Operation kOperations[] = {
-    {"insertDifInSgl", false, 0, 0, kInserted, write<insertDifInSgl, DIF_INSERT_LBA>},
-    {"replaceDifInSgl", false, 0, 0, kReplaced, write<replaceDifInSgl, DIF_REPLACE_LBA>},
-    {"injectDifInSgl", false, 0, 0, kReplaced, write<injectDifInSgl, DIF_INJECT_LBA>},
+    {"insertDifInSgl", false, 0, 0, kInserted, call<DifOpParam, insertDifInSgl, DIF_INSERT_LBA>},
+    {"replaceDifInSgl", false, 0, 0, kReplaced, call<DifOpParam, replaceDifInSgl, DIF_REPLACE_LBA>},
+    {"injectDifInSgl", false, 0, 0, kReplaced, call<DifInjectParam, injectDifInSgl, DIF_INJECT_LBA>},
     {"checkDifInSgl", false, 0, 0, kZeros, check<checkList, kTrimmed>},
     {"trimDataInSgl", false, 0, 0, kZeros, check<checkList, DIF_CHECK_TRIM_ZERO>},
     {"noDifZeroDataCheckInSgl", false, 1, 0, kOnes, check<noDifZeroDataCheckInSgl, 0>},
@@ -212,12 +204,24 @@ TEST_F(Lists, Dump) {
     EXPECT_TRUE(lines[0].starts_with("level 4, dif_util, difPrintSglDetail, 0: print: 1 messages suppressed."));
 }
 
+/* An exempt tuple speaks for the blocks behind it in its own entry. */
+TEST_F(Lists, EvictableByEntries) {
+    Chain chain(Lengths{{1040, 1040}});
+    putTuple(chain.buffer(0) + 512, kOnes);
+    putTuple(chain.buffer(0) + 1032, {0, 0, DIF_APP_BST, 0});
+    EXPECT_TRUE(isDifEvictableInSgl(chain.at(0), 0, 4));
+    EXPECT_FALSE(isDifEvictableInSgl(chain.at(0), 520, 1));
+    putTuple(chain.buffer(1) + 1032, {0, 0, DIF_APP_BST, 0});
+    EXPECT_FALSE(isDifEvictableInSgl(chain.at(0), 0, 4));
+    EXPECT_TRUE(isDifEvictableInSgl(chain.at(0), 0, 3));
+}
+
 TEST_F(Lists, ChecksEndWithTheirLastQuestionOrFault) {
     constexpr uint32_t kFlags = DIF_CHECK_CRC | DIF_CHECK_ALL_BLOCKS;
     Chain chain(Lengths{{520, 7}}), cut(Lengths{{520, 520}});
     chain.buffer(0)[0] = cut.buffer(0)[0] = 1;
-    for (const auto call : {check<checkList, DIF_CHECK_CRC>, check<checkListReturning, DIF_CHECK_CRC>}) {
-        EXPECT_EQ(call({chain.at(0), 0, 2}), DIF_ERR_CHECK);
+    for (const auto ask : {check<checkList, DIF_CHECK_CRC>, check<checkListReturning, DIF_CHECK_CRC>}) {
+        EXPECT_EQ(ask({chain.at(0), 0, 2}), DIF_ERR_CHECK);
         EXPECT_EQ(host.take().size(), 2u); // of the failed block, nothing of the second entry
     }
     difVerifyStatisticClean();

@@ -87,8 +87,6 @@ struct Trial {
                                       : DIF_OK) &&
                     call.result == (isOn && count != 0 ? fault : Check::kUntouched),
                 "a check of plain T10 tuples has the wrong answer");
-        if (blocks.type == DIF_DATA_520)
-            require(isDifEvictableInSgl(chain.at(0), start(), count) == isEvictable(), "evictable or not?");
         require(buffer.bytes() == blocks.bytes && chain.bytes() == blocks.bytes, "a question changes blocks");
     }
 
@@ -184,19 +182,6 @@ private:
                 return DIF_RESULT_CRC_ERROR;
         }
         return 0;
-    }
-
-    /* An exempt tuple speaks for the blocks of its own entry. */
-    bool isEvictable() {
-        bool answer = true;
-        uint32_t k = 0;
-        for (const auto &node : lengths) {
-            for (const uint32_t length : node) {
-                const uint32_t from = std::max(k, offset), to = std::min(k += length / 520, offset + count);
-                answer = answer && (from >= to || isDifEvictable(blocks.data(from), to - from));
-            }
-        }
-        return answer;
     }
 };
 

@@ -38,15 +38,7 @@ TEST_F(Writing, BlockRoutinesTrustTheirCaller) {
     EXPECT_EQ(blocks.tuple(0), blocks.right(0, 0xFFFFFFFF));
     EXPECT_EQ(blocks.tuple(1), blocks.right(1, 0));
     EXPECT_EQ(blocks.dif(0)[0], slowCrc16(0, blocks.data(0), 512) >> 8); // big-endian
-    op = {DIF_DATA_520, DIF_REPLACE_LBA, 7, nullptr};
-    replaceDifInBlocks(blocks.data(0), 2, &blocks.info, &op, 0);
-    EXPECT_EQ(op.lba, 9u);
-    EXPECT_EQ(blocks.tuple(1), blocks.right(1, 8));
-    DifInjectParam inject{DIF_DATA_520, 0, 7, 0, 0};
-    injectDifInBlocks(blocks.data(0), 2, &blocks.info, &inject, 1);
-    EXPECT_EQ(inject.lba, 9u);
     EXPECT_EVENTS();
-
     const Tuple old{0xC2C1, 0xC3, 0xFC, 0xC4C5C6C7};
     const Tuple after[] = {{old.guard, 0x34, old.app, old.lba}, // one block is not cleared first
                            {blocks.guard(0), 0x13, old.app, old.lba},

@@ -1,11 +1,10 @@
 /*
  * Sequences of calls of every operation over lists and buffers, malformed lists and refused arguments included, under a
- * host that says go on after every assertion. Every node, buffer and output is a heap block of exactly its size. After
- * each call the caller's record must be as it was.
+ * host that says go on after every assertion. Every node, buffer and output is a heap block of exactly its size.
  */
 #include "chain.h"
 #include "fake_host.h"
-#include "trial.h"
+#include "model.h"
 
 #include <fuzzer/FuzzedDataProvider.h>
 
@@ -37,10 +36,10 @@ public:
             lengths_[0].push_back((sectors_ >> info_.sectorShift) * info_.blockSize);
         }
         const auto misalignment = number<uint32_t>(0, 7);
-        std::vector<uint8_t> bytes(Chain(lengths_).bytes());
+        std::vector<uint8_t> bytes = Chain(lengths_).bytes();
         fill(bytes);
         Chain chain(lengths_, bytes, misalignment);
-        operate(data_.ConsumeIntegralInRange(0, 31) == 0 ? nullptr : chain.at(0));
+        operate(number(0, 31) == 0 ? nullptr : chain.at(0));
         host.take();
     }
 
@@ -109,9 +108,6 @@ private:
                             .errBlockIndex = data_.ConsumeBool() ? index.data() : nullptr};
         if (number(0, 7) == 0)
             check.ctrlFlag = DIF_CHECK_TRIM_ZERO;
-        const auto opBefore = op;
-        const auto injectBefore = inject;
-        const auto checkBefore = check;
         DifOpParam *const writing = noRecord ? nullptr : &op;
         DifInjectParam *const injecting = noRecord ? nullptr : &inject;
         DifCheckParam *const checking = noRecord ? nullptr : &check;
@@ -140,16 +136,6 @@ private:
             [&] { checkDifInSglWithStdT10(sgl, offset_, sectors_, checking); },
         };
         calls[number(0, 8) + (isList_ ? 9 : 0)]();
-        requireRestored(opBefore, op);
-        requireRestored(injectBefore, inject);
-        requireRestored(checkBefore, check);
-    }
-
-    template <typename Param>
-    static void requireRestored(Param before, Param after) {
-        before.ctrlFlag &= ~DIF_CHECK_LOG_FIRST; /* which is clear after some calls */
-        after.ctrlFlag &= ~DIF_CHECK_LOG_FIRST;
-        require(memcmp(&before, &after, sizeof before) == 0, "a record is not as it was");
     }
 
     FuzzedDataProvider &data_;
