@@ -28,11 +28,12 @@ struct Trial {
             fillBlock(k, mostlyZero, allRight);
     }
 
-    /* Insertion, replacement and injection, whichever version each block gets. */
-    void write(bool isOn) {
+    /* Insertion, replacement and injection, whichever version each block gets. While that may change, a version that is
+     * written on its own need not be the guard's. */
+    void write(bool isOn, uint32_t exceptFlags = 0) {
         uint32_t bitmap[] = {static_cast<uint32_t>(random.engine()), static_cast<uint32_t>(random.engine())};
-        const uint32_t flags = random.from(0, random.oneIn(2) ? 0x3FF : ~0u - 1),
-                       type = blocks.type + random.from(0, 1);
+        const uint32_t flags = random.from(0, random.oneIn(2) ? 0x3FF : ~0u - 1) & ~exceptFlags;
+        const uint32_t type = blocks.type + random.from(0, 1);
         const DifOpParam op{type, flags, lba, random.oneIn(2) ? bitmap : nullptr};
         const DifInjectParam inject{type, flags, lba, 0x1234, 0x1F};
         expectWritten(insertDif, insertDifInSgl, op, isOn, modelInsert);

@@ -33,7 +33,7 @@ void work(Module &module, Random &random) {
         std::this_thread::yield();
     const std::shared_lock lock(settings);
     Trial trial(random);
-    trial.write(isOn);
+    trial.write(isOn, DIF_REPLACE_VERSION);
     trial.ask(isOn);
     const auto form = random.of({Trial::kBuffer, Trial::kList, Trial::kReturning});
     const CheckModel model = trial.check(form, isOn, module.mid, module.level);
