@@ -1,125 +1,121 @@
-/* Buffers of blocks with tuples written in a short notation, guards computed apart from the library, and a check call. */
+/* Random numbers, blocks in one buffer, and their guards computed apart from the library. */
 #ifndef DIF_TESTS_BLOCKS_H
 #define DIF_TESTS_BLOCKS_H
 
-#include "fake_host.h"
-
-#include "platform/osal.h"
+#include "dif/types.h"
 
 #include <algorithm>
-#include <array>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 #include <random>
-#include <string_view>
+#include <vector>
 
-inline uint16_t slowCrc16(uint16_t reg, const uint8_t *data, size_t size) {
-    for (size_t bit = 0; bit < size * 8; ++bit) {
+using Bytes = std::initializer_list<uint8_t>;
+
+/* Both checksums a bit at a time, as registers. */
+inline uint16_t slowCrc16(uint16_t reg, const uint8_t *data, uint64_t size) {
+    for (uint64_t bit = 0; bit < size * 8; ++bit) {
         const bool out = ((reg >> 15) ^ (data[bit / 8] >> (7 - bit % 8) & 1)) != 0;
         reg = static_cast<uint16_t>((reg << 1) ^ (out ? 0x8BB7 : 0));
     }
     return reg;
 }
 
-/* The guard as its two bytes read as a little-endian number. */
-inline uint16_t slowGuard(uint8_t version, const uint8_t *data, size_t size) {
-    if (version == DIF_VERSION_CRC32C)
-        return static_cast<uint16_t>(osal_crc32c(data, static_cast<uint32_t>(size)));
-    const uint16_t crc = slowCrc16(0, data, size);
-    return static_cast<uint16_t>((crc >> 8) | (crc << 8));
+inline uint32_t slowCrc32c(uint32_t reg, const uint8_t *data, uint64_t size) {
+    for (uint64_t bit = 0; bit < size * 8; ++bit)
+        reg = (reg >> 1) ^ (((reg ^ (data[bit / 8] >> (bit % 8))) & 1) != 0 ? 0x82F63B78u : 0u);
+    return reg;
 }
 
-using Bytes = std::initializer_list<uint8_t>;
+/* A guard is its two bytes read as a little-endian number, as the library's messages show it. */
+inline uint16_t slowGuard(uint32_t version, const uint8_t *data, size_t size) {
+    return version == DIF_VERSION_CRC32C ? static_cast<uint16_t>(~slowCrc32c(~0u, data, size))
+                                         : __builtin_bswap16(slowCrc16(0, data, size));
+}
 
-/* Random numbers of a printed seed; DIF_TEST_SEED in the environment repeats a run. */
-class Random {
-public:
+/* Random numbers, by default of a printed seed; DIF_TEST_SEED in the environment repeats a run. */
+struct Random {
     Random() {
         const char *given = std::getenv("DIF_TEST_SEED");
-        const uint32_t seed =
-            given != nullptr ? static_cast<uint32_t>(std::strtoul(given, nullptr, 0)) : std::random_device{}();
-        printf("DIF_TEST_SEED=%u\n", seed);
-        engine_.seed(seed);
+        const uint64_t seed = given != nullptr ? std::strtoull(given, nullptr, 0) : std::random_device{}();
+        std::printf("DIF_TEST_SEED=%ju\n", uintmax_t{seed});
+        engine.seed(seed);
     }
-    uint32_t below(uint32_t limit) { return static_cast<uint32_t>(engine_() % limit); }
-    bool oneIn(uint32_t n) { return below(n) == 0; }
-    uint32_t of(std::initializer_list<uint32_t> values) {
-        return values.begin()[below(static_cast<uint32_t>(values.size()))];
+    explicit Random(uint64_t seed) : engine(seed) {}
+    uint32_t from(uint32_t least, uint32_t most) {
+        return least + static_cast<uint32_t>(engine() % (most - least + 1));
     }
-
-private:
-    std::mt19937 engine_;
-};
-
-/* `count` blocks of random data, every byte of the DIF areas 0xA5. */
-class Blocks {
-public:
-    Blocks(uint32_t dataType, uint32_t count, uint32_t seed = 1)
-        : info(dataType < 2 ? DifTypeInfo{520, 512, 0, 512} : DifTypeInfo{4160, 4096, 3, 4096}), type(dataType),
-          bytes(size_t{count} * info.blockSize) {
-        std::mt19937 random(seed);
-        std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<uint8_t>(random()); });
-        for (uint32_t k = 0; k < count; ++k)
-            memset(tuple(k), 0xA5, info.blockSize - info.dataSize);
+    bool oneIn(uint32_t n) { return engine() % n == 0; }
+    template <typename T = uint32_t>
+    T of(std::initializer_list<T> values) {
+        return values.begin()[engine() % values.size()];
     }
-
-    uint8_t *data(uint32_t k) { return bytes.data() + size_t{k} * info.blockSize; }
-    uint8_t *tuple(uint32_t k) { return data(k) + info.difOffset; }
-
-    /*
-     * The eight bytes that `notation` stands for: hex digits, blanks ignored; "gg" is a byte of the right guard for the
-     * version given, ".." the byte that the tuple has now. "gggg 13 02 00000007" is a right T10 tuple of LBA 7.
-     */
-    std::array<uint8_t, 8> expand(uint32_t k, std::string_view notation) {
-        std::string text(notation);
-        std::erase(text, ' ');
-        std::array<uint8_t, 8> result{};
-        for (size_t i : {2, 3, 4, 5, 6, 7, 0, 1}) { // the guard depends on the version
-            const std::string digits = text.substr(2 * i, 2);
-            const std::vector<uint8_t> zeros(info.dataSize);
-            if (digits == "..")
-                result[i] = tuple(k)[i];
-            else if (digits == "gg")
-                result[i] = static_cast<uint8_t>(
-                    slowGuard(result[2], (type & 1) != 0 ? zeros.data() : data(k), info.dataSize) >> (8 * i));
-            else
-                result[i] = static_cast<uint8_t>(std::stoul(digits, nullptr, 16));
+    void fill(uint8_t *bytes, size_t size) {
+        for (size_t at = 0; at < size; at += 8) {
+            const uint64_t next = engine();
+            memcpy(bytes + at, &next, std::min(size - at, sizeof next));
         }
-        return result;
     }
 
-    void set(uint32_t k, std::string_view notation) { memcpy(tuple(k), expand(k, notation).data(), 8); }
-    void zeroData(uint32_t k) { memset(data(k), 0, info.dataSize); }
-    std::array<uint8_t, 8> get(uint32_t k) {
-        std::array<uint8_t, 8> result;
-        memcpy(result.data(), tuple(k), 8);
-        return result;
-    }
-
-    DifTypeInfo info;
-    uint32_t type;
-    std::vector<uint8_t> bytes;
+    std::mt19937_64 engine;
 };
 
-/* A check at point 1 of the cache module, both levels 2, with all outputs. */
-struct Check {
-    Check(uint32_t type, uint32_t ctrlFlag, uint64_t lba = 0)
-        : param{type, ctrlFlag, 2, 2, DIF_MID_CACHE, 1, lba, &result, bitmap.data(), &index} {}
-    Check(const Check &) = delete;
-    Check &operator=(const Check &) = delete;
+struct Tuple {
+    uint16_t guard;
+    uint8_t version, app;
+    uint32_t lba;
+    bool isExempt() const { return version == 0xFF && app == 0xFF; }
+    bool operator==(const Tuple &) const = default;
+};
 
-    uint32_t run(Blocks &blocks, uint32_t sectors) {
-        return checkDif(blocks.bytes.data(), sectors, &param, "caller", 42);
+inline constexpr Tuple kOnes{.guard = 0xFFFF, .version = 0xFF, .app = 0xFF, .lba = 0xFFFFFFFF};
+
+inline Tuple tupleAt(const uint8_t *bytes) {
+    Tuple tuple;
+    memcpy(&tuple, bytes, sizeof tuple);
+    return {tuple.guard, tuple.version, tuple.app, __builtin_bswap32(tuple.lba)};
+}
+
+inline void putTuple(uint8_t *bytes, Tuple tuple) {
+    tuple.lba = __builtin_bswap32(tuple.lba);
+    memcpy(bytes, &tuple, sizeof tuple);
+}
+
+inline DifTypeInfo infoOf(uint32_t type) {
+    return (type & 2) == 0 ? DifTypeInfo{520, 512, 0, 512} : DifTypeInfo{4160, 4096, 3, 4096};
+}
+
+/* Blocks of random data, every byte of their DIF areas 0xA5. */
+struct Blocks {
+    Blocks(uint32_t dataType, uint32_t number, uint64_t seed = 1)
+        : type(dataType), info(infoOf(dataType)), count(number), bytes(size_t{number} * info.blockSize) {
+        Random(seed).fill(bytes.data(), bytes.size());
+        for (uint32_t k = 0; k < count; ++k)
+            memset(dif(k), 0xA5, info.blockSize - info.dataSize);
     }
-    uint32_t run(Blocks &blocks) {
-        return run(blocks, static_cast<uint32_t>(blocks.bytes.size() / blocks.info.blockSize)
-                               << blocks.info.sectorShift);
+    uint8_t *data(uint32_t k) { return &bytes[size_t{k} * info.blockSize]; }
+    uint8_t *dif(uint32_t k) { return data(k) + info.difOffset; }
+    DifTuple *difTuple(uint32_t k) { return reinterpret_cast<DifTuple *>(dif(k)); }
+    Tuple tuple(uint32_t k) { return tupleAt(dif(k)); }
+    void set(uint32_t k, const Tuple &tuple) { putTuple(dif(k), tuple); }
+    void zeroData(uint32_t k) { memset(data(k), 0, info.dataSize); }
+    bool isZero(uint32_t k) { return data(k)[0] == 0 && memcmp(data(k), data(k) + 1, info.dataSize - 1) == 0; }
+    uint32_t sectors() const { return count << info.sectorShift; }
+
+    /* The right guard of a block's data, and the tuple of a block that is all right. */
+    uint16_t guard(uint32_t k, uint32_t version = DIF_VERSION_T10) {
+        return slowGuard(version, data(k), info.dataSize);
+    }
+    Tuple right(uint32_t k, uint64_t lba, uint8_t version = DIF_VERSION_T10) {
+        return {guard(k, version), version, DIF_APP_LBA_VALID, static_cast<uint32_t>(lba)};
     }
 
-    uint32_t result = 0x5A5A5A5A;
-    uint32_t index = 7;
-    std::array<uint32_t, 4> bitmap{};
-    DifCheckParam param;
+    uint32_t type;
+    DifTypeInfo info;
+    uint32_t count;
+    std::vector<uint8_t> bytes;
 };
 
 #endif

@@ -1,10 +1,8 @@
 /*
- * A host that records what libdif asks of it. The test executable supplies every platform symbol itself, as a real host
- * process would (crc16_t10dif comes with ISA-L).
+ * A host that records what libdif asks of it; it supplies every platform symbol, as a real host process would.
  *
- * The library's limiters, its state before the start and the assertion service that it has found last for the whole
- * process. Every test therefore counts on a process of its own: run the tests through ctest, or one at a time with
- * --gtest_filter.
+ * The library's limiters last for the whole process. Every test, and every case that needs fresh ones, therefore starts
+ * later(), when all are open again. What they then report of earlier drops is an event only if a test wants it.
  */
 #ifndef DIF_TESTS_FAKE_HOST_H
 #define DIF_TESTS_FAKE_HOST_H
@@ -22,35 +20,52 @@
 
 using Lines = std::vector<std::string>;
 
-/*
- * Everything the library does to the host becomes one event, a line of text, in the order of happening:
- *   "L3 dif_util insertDif #4660: text"   hostlog: level, file, function, log id, formatted text
- *   "L4 - isDifLbaCorrect #0: text"       hostlog_standard
- *   "lookup INTERFACE METHOD"             lookupIntfMethod
- *   "ask insertDif(expression)"           a call of the assertion service; "null" for a null expression
- *   "name 250 DIF"                        osal_pid_set_name
- *   "register diagnose dif: description"  DBG_RegCmd; with "cli" DBG_RegCmdToCLI
- *   "unregister diagnose dif"             DBG_UnRegCmd; with "cli" DBG_UnRegCmdToCLI
- *   "usage message"                       DBG_ShowUsageAndErrMsg; "null" for a null message
- * A module id other than 250 and a nonzero reserved argument are marked in the line, so that it compares unequal.
- */
-class FakeHost {
-public:
-    std::atomic<uint64_t> tick{0};
-    std::atomic<uint32_t> filtered{0};                /* bit L: messages of level L are filtered */
-    std::atomic<uint8_t> assertAnswer{0};             /* what the assertion service answers */
-    std::atomic<bool> serviceRegistered{true};        /* whether the lookup finds the assertion service */
-    std::function<void(const std::string &)> onEvent; /* told of each event; set it before threads run */
-    std::atomic<int32_t> diagnoseResult{0};           /* what (un)registration answers, by registry */
-    std::atomic<int32_t> cliResult{0};
-    std::atomic<int32_t> usageResult{0};       /* what DBG_ShowUsageAndErrMsg answers */
-    DbgCmdReg diagnoseCommand{}, cliCommand{}; /* the records last registered */
-    std::string printed;                       /* by DBG_Print; the test empties it */
-    std::vector<int32_t> lines;                /* source lines of the events last taken, 0 for none */
+std::string format(const char *text, ...) __attribute__((format(printf, 1, 2)));
 
+/*
+ * What the library does to the host becomes events, lines of text, in the order of happening: here those of a plain
+ * message, of one behind a limiter, and of a failed assertion, which are its text and the question to the assertion
+ * service. The question repeats the text if no expression is given.
+ */
+inline std::string plain(uint32_t level, const std::string &function, const std::string &text) {
+    return "level " + std::to_string(level) + ", dif_util, " + function + ", 4660: " + text;
+}
+inline std::string limited(uint32_t level, const std::string &function, const std::string &text) {
+    return "level " + std::to_string(level) + ", no file, " + function + ", 0: " + text;
+}
+inline Lines asserted(const std::string &function, const std::string &text, const std::string &expression = "") {
+    return {"level 0, dif_util, " + function + ", 0: " + text,
+            "ask " + function + "(" + (expression.empty() ? text : expression) + ")"};
+}
+inline Lines notNull(const std::string &function, const std::string &pointer) {
+    return asserted(function, pointer + " != NULL", pointer + " != ((void *)0)");
+}
+
+/* What a test may set, and what it finds in the end. */
+struct HostState {
+    uint8_t assertAnswer = 0; /* of the assertion service */
+    bool hasService = true;   /* whether the lookup finds the assertion service */
+    bool wantsReports = false;
+    std::function<void(const std::string &)> onEvent; /* told of each event */
+    std::function<void()> onPrint;
+    /* Told of the data of each CRC16 of the hardware engine and of each continued CRC32C; alters the CRC16 by XOR. */
+    std::function<uint16_t(const uint8_t *, uint64_t)> onCrc;
+    int32_t diagnoseResult = 0, cliResult = 0; /* of (un)registration */
+    DbgCmdReg diagnose{}, cli{};               /* as registered last */
+    std::string printed;                       /* by DBG_Print */
+    std::vector<int32_t> lines;                /* source lines of the events last taken, 0 for none */
+};
+
+struct FakeHost : HostState {
+    std::atomic<uint64_t> tick{0};
+    std::atomic<uint32_t> filtered{0}; /* bit L: messages of level L are filtered */
+
+    static constexpr int32_t kUsageResult = 77; /* of DBG_ShowUsageAndErrMsg */
     static void *assertionService();
     Lines take(); /* the events since the last take */
-    void record(const std::string &event, int32_t line);
+    void later() { tick += 100'000'000; }
+    void reset();
+    void record(const std::string &event, int32_t line = 0);
 
 private:
     std::mutex mutex_;
@@ -60,21 +75,22 @@ private:
 
 extern FakeHost host;
 
-std::string format(const char *text, ...) __attribute__((format(printf, 1, 2)));
-
-/* The events of one failed assertion; the two texts are the same if only one is given. */
-Lines asserted(const std::string &function, const std::string &logged, const std::string &expression = "");
+/* The events since the last ones were taken are these. */
+#define EXPECT_EVENTS(...) EXPECT_EQ(host.take(), (Lines{__VA_ARGS__}))
 
 /* A started library that knows its assertion service and whose cache module has two verify points; no events yet. */
 class StartedDif : public ::testing::Test {
 protected:
-    void SetUp() override {
+    StartedDif() {
         const VerifyPointDesc points[] = {{1, "front"}, {2, "back"}};
+        host.reset();
+        host.later();
         difModuleInit();
         g_baseServiceIntfRely = FakeHost::assertionService();
-        ASSERT_EQ(difRegistVerifyPoint(DIF_MID_CACHE, points, 2, "setUp", 1), DIF_OK);
+        EXPECT_EQ(difRegistVerifyPoint(DIF_MID_CACHE, points, 2, "setUp", 1), DIF_OK);
         host.take();
     }
+    ~StartedDif() override { host.reset(); }
 };
 
 #endif

@@ -1,23 +1,14 @@
 /*
  * Sequences of calls of every operation over lists and buffers, malformed lists and refused arguments included, under a
- * host that says go on after every assertion. Every node, buffer and output is a heap block of exactly its size. After
- * each call the caller's record must be as it was, and no byte outside the range's DIF areas may have changed.
+ * host that says go on after every assertion. Every node, buffer and output is a heap block of exactly its size.
  */
 #include "chain.h"
 #include "fake_host.h"
+#include "model.h"
 
-#include <cstring>
 #include <fuzzer/FuzzedDataProvider.h>
-#include <random>
-
-/* The hardware engine, in code that the sanitizers see through. */
-extern "C" uint16_t crc16_t10dif(uint16_t seed, const uint8_t *buf, uint64_t len) {
-    return calcT10DifCrcByTable(seed, buf, len);
-}
 
 namespace {
-
-#define REQUIRE(condition) ((condition) ? void() : (fprintf(stderr, "not so: %s\n", #condition), __builtin_trap()))
 
 class Caller {
 public:
@@ -34,7 +25,7 @@ public:
     void call() {
         host.tick += number<uint32_t>(0, 200000);
         type_ = data_.PickValueInArray<uint32_t>({0, 2, 1, 3, 4, 0x80000000});
-        blockSize_ = (type_ & 2) != 0 ? 4160 : 520;
+        info_ = infoOf(type_);
         isList_ = data_.ConsumeBool();
         lengths_ = {{}};
         if (isList_) {
@@ -42,14 +33,13 @@ public:
         } else {
             sectors_ = number<uint32_t>(0, 40);
             offset_ = 0;
-            lengths_[0].push_back((sectors_ >> (blockSize_ == 520 ? 0 : 3)) * blockSize_);
+            lengths_[0].push_back((sectors_ >> info_.sectorShift) * info_.blockSize);
         }
-        Chain chain(lengths_, number<uint32_t>(0, 7));
-        std::vector<uint8_t> before = chain.bytes();
-        fill(before);
-        chain.fill(before);
-        operate(data_.ConsumeIntegralInRange(0, 31) == 0 ? nullptr : chain.at(0));
-        requireDataKept(before, chain.bytes());
+        const auto misalignment = number<uint32_t>(0, 7);
+        std::vector<uint8_t> bytes = Chain(lengths_).bytes();
+        fill(bytes);
+        Chain chain(lengths_, bytes, misalignment);
+        operate(number(0, 31) == 0 ? nullptr : chain.at(0));
         host.take();
     }
 
@@ -64,14 +54,13 @@ private:
         for (uint32_t left = number<uint32_t>(0, 8); left > 0; --left) {
             if (number(0, 2) == 0)
                 lengths_.emplace_back();
-            uint32_t length = number<uint32_t>(1, 3) * blockSize_;
+            uint32_t length = number<uint32_t>(1, 3) * info_.blockSize;
             if (number(0, 5) == 0)
-                length = number<uint32_t>(0, 3 * blockSize_);
+                length = number<uint32_t>(0, 3 * info_.blockSize);
             lengths_.back().push_back(length);
             total += length;
         }
-        const uint32_t blocks = number<uint32_t>(0, total / blockSize_ + 1);
-        offset_ = blocks * blockSize_;
+        offset_ = number<uint32_t>(0, total / info_.blockSize + 1) * info_.blockSize;
         sectors_ = number<uint32_t>(0, total / 512 + 9);
         if (number(0, 5) == 0)
             offset_ = data_.ConsumeBool() ? number<uint32_t>(0, total) : ~number<uint32_t>(0, 9);
@@ -82,12 +71,11 @@ private:
     /* Zeros or noise, and tuples of all kinds where right ones of the range belong. */
     void fill(std::vector<uint8_t> &bytes) {
         if (data_.ConsumeBool())
-            std::generate(bytes.begin(), bytes.end(), std::minstd_rand(data_.ConsumeIntegral<uint8_t>()));
+            Random(data_.ConsumeIntegral<uint8_t>()).fill(bytes.data(), bytes.size());
         DifOpParam op{type_ % 4, DIF_INSERT_CRC | DIF_INSERT_LBA, 0, nullptr};
-        const DifTypeInfo info{blockSize_, dataSize(), 0, dataSize()};
-        for (size_t at = offset_ % blockSize_; at + blockSize_ <= bytes.size(); at += blockSize_) {
-            insertDifInBlocks(&bytes[at], 1, &info, &op);
-            uint8_t *const tuple = &bytes[at + info.difOffset];
+        for (size_t at = offset_ % info_.blockSize; at + info_.blockSize <= bytes.size(); at += info_.blockSize) {
+            insertDifInBlocks(&bytes[at], 1, &info_, &op);
+            uint8_t *const tuple = &bytes[at + info_.difOffset];
             if (number(0, 3) == 0)
                 memset(tuple, data_.ConsumeBool() ? 0xFF : 0, 8);
             if (number(0, 3) == 0)
@@ -98,99 +86,61 @@ private:
     void operate(const Sgl *sgl) {
         uint8_t *const buf = sgl == nullptr || lengths_[0].empty() ? nullptr : sgl->entries[0].buf;
         const bool noRecord = number(0, 31) == 0;
-        const uint32_t blocks = capacity();
-        std::vector<uint32_t> bitmap((blocks + 31) / 32, 0x5A5A5A5A), result(1), index(1);
+        uint32_t blocks = 0; /* that a call can reach, which is what its bitmap must cover */
+        for (const auto &node : lengths_)
+            for (const uint32_t length : node)
+                blocks += length / info_.blockSize;
+        std::vector<uint32_t> bitmap((std::min(blocks, sectors_ >> info_.sectorShift) + 31) / 32, 0x5A5A5A5A), word(1),
+            index(1);
         const uint32_t flags = data_.ConsumeIntegral<uint32_t>();
         const uint64_t lba = data_.ConsumeIntegral<uint64_t>() >> (data_.ConsumeBool() ? 56 : 0);
-
         DifOpParam op{type_, flags, lba, data_.ConsumeBool() ? bitmap.data() : nullptr};
         DifInjectParam inject{type_, flags, lba, static_cast<uint16_t>(flags >> 8), static_cast<uint8_t>(lba)};
-        DifCheckParam check{type_,
-                            flags,
-                            number<uint8_t>(0, 5),
-                            number<uint8_t>(0, 5),
-                            number<uint8_t>(0, 17),
-                            number<uint8_t>(0, 3),
-                            number(0, 3) == 0 ? 0 : lba,
-                            data_.ConsumeBool() ? result.data() : nullptr,
-                            data_.ConsumeBool() ? bitmap.data() : nullptr,
-                            data_.ConsumeBool() ? index.data() : nullptr};
+        DifCheckParam check{.type = type_,
+                            .ctrlFlag = flags,
+                            .crcLevel = number<uint8_t>(0, 5),
+                            .lbaLevel = number<uint8_t>(0, 5),
+                            .mid = number<uint8_t>(0, 17),
+                            .subPid = number<uint8_t>(0, 3),
+                            .lba = number(0, 3) == 0 ? 0 : lba,
+                            .checkResult = data_.ConsumeBool() ? word.data() : nullptr,
+                            .errBlockBitmap = data_.ConsumeBool() ? bitmap.data() : nullptr,
+                            .errBlockIndex = data_.ConsumeBool() ? index.data() : nullptr};
         if (number(0, 7) == 0)
             check.ctrlFlag = DIF_CHECK_TRIM_ZERO;
-        const DifOpParam opBefore = op;
-        const DifInjectParam injectBefore = inject;
-        const DifCheckParam checkBefore = check;
-        DifOpParam *const opOrNull = noRecord ? nullptr : &op;
-        DifInjectParam *const injectOrNull = noRecord ? nullptr : &inject;
-        DifCheckParam *const checkOrNull = noRecord ? nullptr : &check;
+        DifOpParam *const writing = noRecord ? nullptr : &op;
+        DifInjectParam *const injecting = noRecord ? nullptr : &inject;
+        DifCheckParam *const checking = noRecord ? nullptr : &check;
+        const uint32_t small =
+            info_.blockSize == 520 ? sectors_ : 0; /* for operations that know 520-byte blocks only */
         DifTuple tuple;
         uint64_t found = 0;
-        const std::function<void()> onLists[] = {
-            [&] { insertDifInSgl(sgl, offset_, sectors_, opOrNull); },
-            [&] { replaceDifInSgl(sgl, offset_, sectors_, opOrNull); },
-            [&] { injectDifInSgl(sgl, offset_, sectors_, injectOrNull); },
-            [&] { checkDifInSgl(sgl, offset_, sectors_, checkOrNull, "fuzz", 1); },
-            [&] { noDifZeroDataCheckInSgl(sgl, offset_, sectors_, &check); },
-            [&] { noDifSetCheckResultInSgl(sgl, offset_, sectors_, checkOrNull); },
-            [&] { isDifEvictableInSgl(sgl, offset_, sectors_); },
-            [&] { checkDifInSglWithErrorReturn(sgl, offset_, sectors_, checkOrNull, "fuzz", 1); },
-            [&] { checkDifInSglWithStdT10(sgl, offset_, sectors_, checkOrNull); },
-        };
-        const uint32_t smallSectors = isSmall() ? sectors_ : 0; // for operations that know 520-byte blocks only
-        const std::function<void()> onBuffers[] = {
-            [&] { insertDif(buf, sectors_, opOrNull); },
-            [&] { replaceDif(buf, sectors_, opOrNull); },
-            [&] { injectDif(buf, sectors_, injectOrNull); },
-            [&] { checkDif(buf, sectors_, checkOrNull, "fuzz", 1); },
+        const std::function<void()> calls[] = {
+            [&] { insertDif(buf, sectors_, writing); },
+            [&] { replaceDif(buf, sectors_, writing); },
+            [&] { injectDif(buf, sectors_, injecting); },
+            [&] { checkBuffer(buf, sectors_, checking); },
             [&] { noDifZeroDataCheck(buf, sectors_, &check); },
-            [&] { noDifSetCheckResult(buf, sectors_, checkOrNull); },
-            [&] { isDifEvictable(buf, smallSectors); },
-            [&] { getDifLba(buf, smallSectors != 0 ? 520 : 0, noRecord ? nullptr : &found); },
-            [&] { trans2LSectorDif(buf, smallSectors, noRecord ? nullptr : &tuple); },
+            [&] { noDifSetCheckResult(buf, sectors_, checking); },
+            [&] { isDifEvictable(buf, small); },
+            [&] { getDifLba(buf, small != 0 ? 520 : 0, noRecord ? nullptr : &found); },
+            [&] { trans2LSectorDif(buf, small, noRecord ? nullptr : &tuple); },
+            [&] { insertDifInSgl(sgl, offset_, sectors_, writing); },
+            [&] { replaceDifInSgl(sgl, offset_, sectors_, writing); },
+            [&] { injectDifInSgl(sgl, offset_, sectors_, injecting); },
+            [&] { checkList(sgl, offset_, sectors_, checking); },
+            [&] { noDifZeroDataCheckInSgl(sgl, offset_, sectors_, &check); },
+            [&] { noDifSetCheckResultInSgl(sgl, offset_, sectors_, checking); },
+            [&] { isDifEvictableInSgl(sgl, offset_, sectors_); },
+            [&] { checkListReturning(sgl, offset_, sectors_, checking); },
+            [&] { checkDifInSglWithStdT10(sgl, offset_, sectors_, checking); },
         };
-        (isList_ ? onLists : onBuffers)[number(0, 8)]();
-        requireRestored(opBefore, op);
-        requireRestored(injectBefore, inject);
-        requireRestored(checkBefore, check);
-        REQUIRE(check.checkResult == checkBefore.checkResult);
-    }
-
-    bool isSmall() const { return blockSize_ == 520; }
-    uint32_t dataSize() const { return isSmall() ? 512 : 4096; }
-
-    /* How many blocks a call can reach, which is what its bitmaps must cover. */
-    uint32_t capacity() const {
-        uint32_t blocks = 0;
-        for (const auto &node : lengths_) {
-            for (const uint32_t length : node)
-                blocks += length / blockSize_;
-        }
-        return std::min(blocks, sectors_ >> (isSmall() ? 0 : 3));
-    }
-
-    template <typename Param>
-    static void requireRestored(const Param &before, const Param &after) {
-        REQUIRE(after.type == before.type);
-        REQUIRE(after.lba == before.lba);
-        REQUIRE(after.ctrlFlag == before.ctrlFlag || after.ctrlFlag == (before.ctrlFlag & ~DIF_CHECK_LOG_FIRST));
-    }
-
-    /* Blocks lie behind one another from the offset, or from the start of a later entry. */
-    void requireDataKept(const std::vector<uint8_t> &before, const std::vector<uint8_t> &after) const {
-        size_t at = 0;
-        uint64_t skip = offset_;
-        for (const auto &node : lengths_) {
-            for (const uint32_t length : node) {
-                const uint64_t first = std::min<uint64_t>(skip, length);
-                skip -= first;
-                for (uint64_t i = 0; i < length; ++i, ++at)
-                    REQUIRE(after[at] == before[at] || (i >= first && (i - first) % blockSize_ >= dataSize()));
-            }
-        }
+        calls[number(0, 8) + (isList_ ? 9 : 0)]();
     }
 
     FuzzedDataProvider &data_;
-    uint32_t type_ = 0, blockSize_ = 0, offset_ = 0, sectors_ = 0;
+    DifTypeInfo info_{};
+    uint32_t type_ = 0, offset_ = 0, sectors_ = 0;
     bool isList_ = false;
     Lengths lengths_;
 };
