@@ -7,39 +7,34 @@
 #include "platform/osal.h"
 #include "platform/secure_string.h"
 
-#include <cerrno>
 #include <cstdarg>
+
+/* The text that a variadic function is called with. */
+#define FORMATTED(text)                                                                                                \
+    __extension__({                                                                                                    \
+        char buffer[1024];                                                                                             \
+        va_list args;                                                                                                  \
+        va_start(args, text);                                                                                          \
+        vsnprintf(buffer, sizeof buffer, text, args);                                                                  \
+        va_end(args);                                                                                                  \
+        static_cast<std::string>(buffer);                                                                              \
+    })
 
 FakeHost host;
 
-namespace {
-
-std::string vformat(const char *text, va_list args) {
-    char buffer[1024];
-    vsnprintf(buffer, sizeof buffer, text, args);
-    return buffer;
-}
-
-uint8_t onAssertion(const char *expression, uint64_t reserved0, uint64_t reserved1, uint32_t moduleId,
-                    const char *function, int32_t line) {
-    EXPECT_EQ(moduleId, DIF_MODULE_ID);
-    EXPECT_EQ(reserved0 | reserved1, 0u);
-    host.record(format("ask %s(%s)", function, expression != nullptr ? expression : "null"), line);
-    return host.assertAnswer;
-}
-
-} // namespace
-
 std::string format(const char *text, ...) {
-    va_list args;
-    va_start(args, text);
-    std::string result = vformat(text, args);
-    va_end(args);
-    return result;
+    return FORMATTED(text);
 }
 
 void *FakeHost::assertionService() {
-    return reinterpret_cast<void *>(&onAssertion);
+    const AssertionService service = [](const char *expression, uint64_t reserved0, uint64_t reserved1,
+                                        uint32_t moduleId, const char *function, int32_t line) {
+        EXPECT_EQ(moduleId, DIF_MODULE_ID);
+        EXPECT_EQ(reserved0 | reserved1, 0u);
+        host.record(format("ask %s(%s)", function, expression != nullptr ? expression : "null"), line);
+        return host.assertAnswer;
+    };
+    return reinterpret_cast<void *>(service);
 }
 
 Lines FakeHost::take() {
@@ -69,18 +64,12 @@ extern "C" {
 void hostlog(uint32_t moduleId, uint32_t level, const char *file, int32_t line, const char *function, uint32_t logId,
              const char *text, ...) {
     EXPECT_EQ(moduleId, DIF_MODULE_ID);
-    va_list args;
-    va_start(args, text);
-    host.record(format("level %u, %s, %s, %u: ", level, file, function, logId) + vformat(text, args), line);
-    va_end(args);
+    host.record(format("level %u, %s, %s, %u: ", level, file, function, logId) + FORMATTED(text), line);
 }
 
 void hostlog_standard(uint32_t moduleId, uint32_t level, const char *function, int32_t line, uint32_t logId,
                       const char *text, ...) {
-    va_list args;
-    va_start(args, text);
-    hostlog(moduleId, level, "no file", line, function, logId, "%s", vformat(text, args).c_str());
-    va_end(args);
+    hostlog(moduleId, level, "no file", line, function, logId, "%s", FORMATTED(text).c_str());
 }
 
 int32_t hostlog_level_check(uint32_t moduleId, uint32_t level) {
@@ -149,21 +138,12 @@ int32_t DBG_ShowUsageAndErrMsg(const char *message) {
 }
 
 void DBG_Print(const char *text, ...) {
-    va_list args;
-    va_start(args, text);
-    if (host.onPrint)
-        host.onPrint();
-    host.printed += vformat(text, args);
-    va_end(args);
+    host.printed += FORMATTED(text);
 }
 
 int strncpy_s(char *dest, size_t destMax, const char *src, size_t count) {
-    const size_t length = strnlen(src, count);
-    if (length >= destMax)
-        return dest[0] = '\0', ERANGE;
-    memcpy(dest, src, length);
-    dest[length] = '\0';
-    return 0;
+    EXPECT_LT(count, destMax);
+    return snprintf(dest, destMax, "%.*s", static_cast<int>(count), src) < 0 ? -1 : 0;
 }
 
 } // extern "C"

@@ -23,9 +23,8 @@ using Lines = std::vector<std::string>;
 std::string format(const char *text, ...) __attribute__((format(printf, 1, 2)));
 
 /*
- * What the library does to the host becomes events, lines of text, in the order of happening: here those of a plain
- * message, of one behind a limiter, and of a failed assertion, which are its text and the question to the assertion
- * service. The question repeats the text if no expression is given.
+ * What the library does to the host becomes events, lines of text: here those of a plain message, of one behind a limiter,
+ * and of a failed assertion, its text and the question to the assertion service, which repeats it if not given.
  */
 inline std::string plain(uint32_t level, const std::string &function, const std::string &text) {
     return "level " + std::to_string(level) + ", dif_util, " + function + ", 4660: " + text;
@@ -47,7 +46,6 @@ struct HostState {
     bool hasService = true;   /* whether the lookup finds the assertion service */
     bool wantsReports = false;
     std::function<void(const std::string &)> onEvent; /* told of each event */
-    std::function<void()> onPrint;
     /* Told of the data of each CRC16 of the hardware engine and of each continued CRC32C; alters the CRC16 by XOR. */
     std::function<uint16_t(const uint8_t *, uint64_t)> onCrc;
     int32_t diagnoseResult = 0, cliResult = 0; /* of (un)registration */
