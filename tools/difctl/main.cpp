@@ -6,6 +6,8 @@
 #include "pass/library.h"
 
 #include <csignal>
+#include <span>
+#include <string_view>
 
 #include <fcntl.h>
 
@@ -26,13 +28,40 @@ void occupyStandardStreams() {
 constexpr auto kCommands = {addProtect, addVerify, addStrip, addShow,   addInject,  addRelabel,
                             addConvert, addFold,   addShell, addAttach, addSelftest};
 
+/* An empty shell variable must not pass for an option that was not given. The words of attach alone may be empty. */
+void refuseEmptyValues(CLI::App &app) {
+    for (CLI::App *command : app.get_subcommands([](CLI::App *) { return true; })) {
+        for (CLI::Option *option : command->get_options()) {
+            if (option->get_items_expected_max() == 1) {
+                option->transform(
+                    [](const std::string &word) {
+                        return word.empty() ? throw CLI::ValidationError("has an empty value") : word;
+                    },
+                    "");
+            }
+        }
+    }
+}
+
+/* "--option=" would take the next word for its value. */
+void refuseEmptyAssignments(std::span<char *> words) {
+    for (const std::string_view word : words) {
+        if (word == "--") {
+            return;
+        }
+        if (word.starts_with("--") && word.ends_with("=")) {
+            throw CLI::ValidationError(std::string(word.substr(0, word.size() - 1)), "has an empty value");
+        }
+    }
+}
+
 int run(int argc, char **argv) {
     Command command;
     bool verbose = false;
     CLI::App app("Disk images whose blocks carry an 8-byte integrity field: a guard, a version, an LBA.", "difctl");
     app.set_version_flag("--version", "difctl " DIFCTL_VERSION, "Print the version and exit");
     app.failure_message([](const CLI::App *, const CLI::Error &error) {
-        return std::string("difctl: ") + error.what() + "; --help tells more\n";
+        return "difctl: " + printable(error.what()) + "; --help tells more\n";
     });
     app.add_flag("-v,--verbose", verbose, "Show the library's warnings and notices, not only its errors");
     app.footer(std::string(kExitStatusText) + R"(
@@ -45,7 +74,10 @@ Examples:
     for (const auto addTo : kCommands) {
         addTo(app, command);
     }
+    app.require_subcommand(0, 1);
+    refuseEmptyValues(app);
     try {
+        refuseEmptyAssignments({argv, static_cast<size_t>(argc)});
         app.parse(argc, argv);
         if (!command) {
             throw CLI::RequiredError("a command: protect, verify, strip, show, inject, relabel, convert, fold, "

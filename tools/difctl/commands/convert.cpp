@@ -12,7 +12,7 @@ int runConvert(const InPlaceOptions &options) {
     check.allBlocks = true;
     check.convertToT10 = true;
     InPlaceImage image(options.image, formatOf(options.blockSize));
-    if (!options.force && !image.passes(options.check)) {
+    if (!image.mayChange(options.check, options.force)) {
         return kFaultsFound;
     }
     const Findings findings = image.change([&](Request &request) { checkRequest(request, check); });

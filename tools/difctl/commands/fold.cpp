@@ -15,7 +15,8 @@ struct FoldOptions : ImageOptions {
 
 int runFold(const FoldOptions &options) {
     setSysDifCrcVersion(versionOfCrcName(options.crc));
-    Source source(options.image, kFormat520.geometry.blockSize);
+    const ImageFile file(options.image, ImageFile::Use::kRead);
+    Source source(file, kFormat520.geometry.blockSize);
     const auto requireGroups = [&source](uint64_t blockNum) {
         if (blockNum % kFoldedBlocks != 0) {
             throw Error(source.name() + ": has " + std::to_string(blockNum % kFoldedBlocks) +
@@ -26,7 +27,7 @@ int runFold(const FoldOptions &options) {
     if (source.length()) {
         requireGroups(source.unitNum());
     }
-    Destination destination(options.destination, options.force);
+    Destination destination(options.destination, replacingIf(options.force), file.access());
     const auto process = [&](Request &request) {
         requireGroups(request.blockNum); /* all but the last are full */
         checkRequest(request, options.check);

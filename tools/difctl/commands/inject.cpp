@@ -27,7 +27,7 @@ int runInject(const InjectOptions &options) {
     const At at = parseAt(options.at);
     InPlaceImage image(options.image, formatOf(options.blockSize));
     const BlockRange blocks = blocksAt(at, options.check.imageLba, image.blockNum(), image.name());
-    if (!options.force && !image.passes(options.check)) {
+    if (!image.mayChange(options.check, options.force)) {
         return kFaultsFound;
     }
     image.change([&](Request &request) { injectRequest(request, faults, blocks.first); }, blocks);

@@ -2,13 +2,9 @@
 
 namespace difctl {
 
-namespace {
-
 CLI::IsMember crcName() {
     return CLI::IsMember({"t10", "crc32c"});
 }
-
-} // namespace
 
 void addBlockSize(CLI::App &command, uint32_t &blockSize) {
     command.add_option("--block", blockSize, "Bytes of a protected block: 520 (512 data + 8) or 4160 (4096 data + 64)")
@@ -19,7 +15,8 @@ void addBlockSize(CLI::App &command, uint32_t &blockSize) {
 void addEntry(CLI::App &command, std::optional<uint64_t> &entryBytes) {
     addNumber(command, "--entry", entryBytes,
               "Bytes of an entry of the scatter-gather lists through which blocks go: whole blocks.\n"
-              "By default 64 blocks of 520 or 16 of 4160");
+              "By default 64 blocks of 520 or 16 of 4160",
+              kMaxEntryBytes);
 }
 
 CLI::Option *addCrc(CLI::App &command, std::string &crc, const char *text) {
@@ -64,7 +61,8 @@ void addInPlaceImage(CLI::App &command, InPlaceOptions &options, const char *lba
     addImage(command, options, lbaNames);
     command.get_option("IMG")->description("Image of protected blocks: a file or block device");
     addCheck(command, options.check);
-    command.add_flag("--force", options.force, "Go ahead without verifying IMG first");
+    command.add_flag("--force", options.force,
+                     "Go ahead without verifying IMG first; a wrong --block is refused even so");
 }
 
 } // namespace difctl

@@ -64,6 +64,9 @@ CLI::Option *addNumber(CLI::App &command, const std::string &names, Target &targ
     return command.add_option(names, target, text)->transform(plain, "");
 }
 
+/* The names of the guards. */
+CLI::IsMember crcName();
+
 void addBlockSize(CLI::App &command, uint32_t &blockSize);
 void addEntry(CLI::App &command, std::optional<uint64_t> &entryBytes);
 CLI::Option *addCrc(CLI::App &command, std::string &crc, const char *text);

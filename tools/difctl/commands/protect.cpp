@@ -23,8 +23,9 @@ int runProtect(const ProtectOptions &options) {
     const BlockFormat format = formatOf(options.blockSize, options.entryBytes);
     setSysDifCrcVersion(versionOfCrcName(options.crc));
     const uint32_t insertFlags = DIF_INSERT_CRC | (options.noLba ? 0 : DIF_INSERT_LBA);
-    Source source(options.source, format.geometry.dataSize);
-    Destination destination(options.destination, options.force);
+    const ImageFile file(options.source, ImageFile::Use::kRead);
+    Source source(file, format.geometry.dataSize);
+    Destination destination(options.destination, replacingIf(options.force), file.access());
     Progress progress(source.length());
     const auto process = [&](Request &request) { protectRequest(request, insertFlags, options.lba); };
     const auto consume = [&](Request &request) {

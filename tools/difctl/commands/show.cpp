@@ -79,7 +79,8 @@ std::string blockText(const Request &request, uint32_t index, uint64_t imageLba)
 int runShow(const ShowOptions &options) {
     const BlockFormat format = formatOf(options.blockSize);
     const At at = parseAt(options.at);
-    Source source(options.image, format.geometry.blockSize);
+    const ImageFile file(options.image, ImageFile::Use::kRead);
+    Source source(file, format.geometry.blockSize);
     const BlockRange blocks = blocksAt(at, options.check.imageLba, source.unitNum(), source.name());
     const auto consume = [&](Request &request) {
         std::string text;

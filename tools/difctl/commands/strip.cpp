@@ -12,8 +12,9 @@ struct StripOptions : CheckedImageOptions {
 
 int runStrip(const StripOptions &options) {
     const BlockFormat format = formatOf(options.blockSize, options.entryBytes);
-    Source source(options.image, format.geometry.blockSize);
-    Destination destination(options.destination, options.force);
+    const ImageFile file(options.image, ImageFile::Use::kRead);
+    Source source(file, format.geometry.blockSize);
+    Destination destination(options.destination, replacingIf(options.force), file.access());
     const auto process = [&](Request &request) { checkRequest(request, options.check); };
     return runCheckedCopy(source, destination, {format, options.check.allBlocks, process, &Request::dataOnly});
 }

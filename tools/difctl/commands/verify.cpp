@@ -7,7 +7,10 @@
 
 #include "dif_host.h"
 
+#include <array>
+#include <fstream>
 #include <optional>
+#include <string_view>
 
 namespace difctl {
 
@@ -17,7 +20,7 @@ struct VerifyOptions : CheckedImageOptions {
     bool standard = false;
     bool json = false;
     bool stats = false;
-    std::string metrics; /* file to write; empty: none */
+    std::optional<std::string> metrics; /* file to write */
 };
 
 std::string renderedMetrics() {
@@ -31,19 +34,31 @@ std::string renderedMetrics() {
     return text;
 }
 
+/* Whether a file begins as those do that --metrics writes. */
+bool isMetricsFile(const std::string &path) {
+    constexpr std::string_view kBeginning = "# HELP dif_";
+    std::array<char, kBeginning.size()> begin{};
+    std::ifstream(path, std::ios::binary).read(begin.data(), begin.size());
+    return std::string_view(begin.data(), begin.size()) == kBeginning;
+}
+
 int runVerify(const VerifyOptions &options) {
     const BlockFormat format = formatOf(options.blockSize, options.entryBytes);
     const CheckOptions &check = options.check;
-    Source source(options.image, format.geometry.blockSize);
+    const ImageFile file(options.image, ImageFile::Use::kRead);
+    Source source(file, format.geometry.blockSize);
     /* Whole or not there, as who collects it expects. */
     std::optional<Destination> metrics;
-    if (!options.metrics.empty()) {
-        metrics.emplace(options.metrics, true);
+    if (options.metrics) {
+        metrics.emplace(*options.metrics,
+                        Replacing{isMetricsFile, "only a file that --metrics has written is replaced"});
     }
     Progress progress(source.length());
     Findings findings(options.check.allBlocks);
     const std::string prefix = source.name() + ": ";
-    std::string text = options.json ? jsonBegin(source.name(), options.blockSize, options.check.imageLba) : "";
+    std::string text = options.json ? jsonBegin(options.image == "-" ? kStandardInput : options.image,
+                                                options.blockSize, options.check.imageLba)
+                                    : "";
 
     const auto process = [&](Request &request) {
         options.standard ? checkStandardRequest(request, check) : checkRequest(request, check);

@@ -2,6 +2,8 @@
 #ifndef DIFCTL_ERROR_H
 #define DIFCTL_ERROR_H
 
+#include "io/printable.h"
+
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -17,7 +19,7 @@ inline constexpr int kNotDone = 2;
 /* Why a command could not be done: one line that names the file, the offset or the value. */
 class Error : public std::runtime_error {
 public:
-    using std::runtime_error::runtime_error;
+    explicit Error(const std::string &text) : std::runtime_error(printable(text)) {}
 };
 
 /* "NAME: WHAT: the system's text for `errorNumber`" */

@@ -1,8 +1,8 @@
-/* Where an image comes from: a file, a block device or a stream, read in order. */
+/* An image on its way in: a file, a block device or a stream, read in order. */
 #ifndef DIFCTL_SOURCE_H
 #define DIFCTL_SOURCE_H
 
-#include "io/transfer.h"
+#include "io/image_file.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -11,15 +11,15 @@
 
 namespace difctl {
 
-/* An image to read from its start to its end. Everything throws Error. */
+/* A pass over an image from its start to its end. Everything throws Error. */
 class Source {
 public:
-    /* Opens `path`, or takes standard input for "-". The image's length must be a multiple, not 0, of `unitBytes`; that
-     * is tested at once where the length is known, else at the end. */
-    Source(const std::string &path, size_t unitBytes);
+    /* The image's length must be a multiple, not 0, of `unitBytes`; that is tested at once where the length is known, else
+     * at the end. */
+    Source(const ImageFile &file, size_t unitBytes);
 
     /* Passes over the first `units` units; before the first read, and where the length is known. */
-    void skip(uint64_t units);
+    void skip(uint64_t units) { offset_ += units * unitBytes_; }
 
     /* Fills `pieces` and returns the number of bytes read: less than asked for only at the end, and always whole units. */
     size_t read(const Pieces &pieces);
@@ -27,23 +27,20 @@ public:
     /* Makes a read that waits for data, now or later, throw. For any thread. */
     void cancel() const;
 
-    const std::string &name() const { return name_; }
+    const std::string &name() const { return file_.name(); }
 
     /* The length in bytes; none for pipes and the like. */
-    std::optional<uint64_t> length() const { return length_; }
+    std::optional<uint64_t> length() const { return file_.length(); }
 
     /* The length in units; throws Error where it is not known. */
     uint64_t unitNum() const;
 
 private:
     void requireUsableLength(uint64_t length) const;
-    void waitForData() const;
 
-    std::string name_;
+    const ImageFile &file_;
     size_t unitBytes_;
-    FileDescriptor file_;
     FileDescriptor cancelEvent_;
-    std::optional<uint64_t> length_;
     uint64_t offset_ = 0;
     bool ended_ = false;
 };

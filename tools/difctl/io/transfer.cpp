@@ -14,9 +14,9 @@ namespace difctl {
 
 namespace {
 
-/* One readv or writev of what follows the first `done` bytes of `pieces`. */
-template <auto Call>
-ssize_t transfer(int file, const Pieces &pieces, size_t done) {
+/* Runs `call`, a form of readv or writev, on what follows the first `done` bytes of `pieces`. */
+template <typename Call>
+ssize_t transfer(const Pieces &pieces, size_t done, Call call) {
     std::array<iovec, IOV_MAX> vector; /* NOLINT(cppcoreguidelines-pro-type-member-init): 16 KiB, mostly unused */
     int used = 0;
     for (size_t index = done / pieces.size, skip = done % pieces.size; index < pieces.count && used < IOV_MAX;
@@ -26,7 +26,7 @@ ssize_t transfer(int file, const Pieces &pieces, size_t done) {
     }
     ssize_t moved = 0;
     do {
-        moved = Call(file, vector.data(), used);
+        moved = call(vector.data(), used);
     } while (moved < 0 && errno == EINTR);
     return moved;
 }
@@ -34,18 +34,26 @@ ssize_t transfer(int file, const Pieces &pieces, size_t done) {
 } // namespace
 
 FileDescriptor::~FileDescriptor() {
+    set(-1);
+}
+
+void FileDescriptor::set(int number) {
     if (number_ > STDERR_FILENO) {
         ::close(number_);
     }
+    number_ = number;
 }
 
-ssize_t readSome(int file, const Pieces &pieces, size_t done) {
-    return transfer<::readv>(file, pieces, done);
+ssize_t readSome(int file, std::optional<uint64_t> offset, const Pieces &pieces, size_t done) {
+    return transfer(pieces, done, [&](const iovec *vector, int used) {
+        return offset ? ::preadv(file, vector, used, static_cast<off_t>(*offset)) : ::readv(file, vector, used);
+    });
 }
 
 bool writeAll(int file, const Pieces &pieces, uint64_t &offset) {
     for (size_t done = 0; done < pieces.bytes();) {
-        const ssize_t moved = transfer<::writev>(file, pieces, done);
+        const ssize_t moved =
+            transfer(pieces, done, [file](const iovec *vector, int used) { return ::writev(file, vector, used); });
         if (moved >= 0) {
             done += static_cast<size_t>(moved);
             offset += static_cast<uint64_t>(moved);
@@ -55,6 +63,17 @@ bool writeAll(int file, const Pieces &pieces, uint64_t &offset) {
         } else {
             return false;
         }
+    }
+    return true;
+}
+
+bool writeAt(int file, uint64_t offset, const uint8_t *bytes, size_t size) {
+    for (size_t done = 0; done < size;) {
+        const ssize_t moved = ::pwrite(file, bytes + done, size - done, static_cast<off_t>(offset + done));
+        if (moved < 0 && errno != EINTR) {
+            return false;
+        }
+        done += moved > 0 ? static_cast<size_t>(moved) : 0;
     }
     return true;
 }

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include <sys/types.h>
@@ -31,17 +32,22 @@ public:
     FileDescriptor &operator=(const FileDescriptor &) = delete;
 
     int get() const { return number_; }
-    void set(int number) { number_ = number; }
+    /* Closes the one before. */
+    void set(int number);
 
 private:
     int number_;
 };
 
-/* One read into what follows the first `done` bytes of `pieces`: readv's answer, but never EINTR. */
-ssize_t readSome(int file, const Pieces &pieces, size_t done);
+/* One read into what follows the first `done` bytes of `pieces`, from `offset` on or, without one, from where the file
+ * stands: readv's answer, but never EINTR. */
+ssize_t readSome(int file, std::optional<uint64_t> offset, const Pieces &pieces, size_t done);
 
 /* Writes all of `pieces`; on a failure, `offset` tells how far it got and errno why. */
 bool writeAll(int file, const Pieces &pieces, uint64_t &offset);
+
+/* Writes `size` bytes at `offset`; false and errno on a failure. */
+bool writeAt(int file, uint64_t offset, const uint8_t *bytes, size_t size);
 
 /* Writes `text` to standard output as a command's result. Throws Error. */
 void printResult(const std::string &text);

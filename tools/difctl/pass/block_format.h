@@ -34,9 +34,16 @@ inline BlockFormat formatOf(uint32_t blockSize, std::optional<uint64_t> entryByt
     return format;
 }
 
+/* The most bytes that a list entry can say it has. */
+inline constexpr uint64_t kMaxEntryBytes = UINT32_MAX;
+
 /* The tuple version with the guard "t10" or "crc32c". */
 inline uint8_t versionOfCrcName(std::string_view name) {
     return name == "crc32c" ? DIF_VERSION_CRC32C : DIF_VERSION_T10;
+}
+
+inline const char *crcNameOfVersion(uint8_t version) {
+    return version == DIF_VERSION_CRC32C ? "crc32c" : "t10";
 }
 
 } // namespace difctl

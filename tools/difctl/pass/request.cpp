@@ -10,28 +10,26 @@ namespace difctl {
 
 namespace {
 
-DifCheckParam checkParamOf(const Request &request, const CheckOptions &options) {
+DifCheckParam checkParam(const BlockFormat &format, uint32_t ctrlFlag, uint64_t lba) {
     DifCheckParam param = {};
-    param.type = request.format->type;
-    param.ctrlFlag = DIF_CHECK_CRC | (options.compareLbas ? DIF_CHECK_LBA : 0);
+    param.type = format.type;
+    param.ctrlFlag = ctrlFlag;
     param.crcLevel = DIF_VERIFY_LEVEL_CRITICAL;
     param.lbaLevel = DIF_VERIFY_LEVEL_CRITICAL;
     param.mid = kVerifyModule;
     param.subPid = kVerifyPoint;
-    param.lba = options.imageLba + request.firstBlock;
+    param.lba = lba;
     return param;
 }
 
-/* Why block `index` fails. The block engine on a result word of its own: it counts and logs nothing. */
+DifCheckParam checkParamOf(const Request &request, const CheckOptions &options) {
+    return checkParam(*request.format, DIF_CHECK_CRC | (options.compareLbas ? DIF_CHECK_LBA : 0),
+                      options.imageLba + request.firstBlock);
+}
+
 FaultKind kindOfFailure(const Request &request, uint32_t index, const CheckOptions &options) {
-    uint32_t result = 0;
-    DifCheckParam param = checkParamOf(request, options);
-    param.lba += index;
-    param.checkResult = &result;
-    uint8_t resultSettled = 0;
-    uint8_t integrityDone = 0;
-    initDifCheckResults(&param, &resultSettled, &integrityDone);
-    checkDifInBlocks(request.block(index), 1, &request.format->geometry, &param, index, &resultSettled, &integrityDone);
+    const uint32_t result = checkBlock(request, index, checkParamOf(request, options).ctrlFlag,
+                                       options.imageLba + request.firstBlock + index);
     if ((result & DIF_RESULT_VERSION_ERROR) != 0) {
         return FaultKind::kVersion;
     }
@@ -49,6 +47,13 @@ uint8_t versionOf(const Request &request, uint32_t index) {
 }
 
 } // namespace
+
+void Request::keepTuples() {
+    kept.resize(blockNum * sizeof(DifTuple));
+    for (uint32_t index = 0; index < blockNum; ++index) {
+        std::memcpy(kept.data() + index * sizeof(DifTuple), tuple(index), sizeof(DifTuple));
+    }
+}
 
 Pieces Request::wholeBlocks(uint32_t blocks) const {
     const size_t bytes = size_t{blocks} * format->geometry.blockSize;
@@ -72,16 +77,10 @@ void checkRequest(Request &request, const CheckOptions &options) {
     DifCheckParam param = checkParamOf(request, options);
     param.ctrlFlag |= options.allBlocks ? DIF_CHECK_ALL_BLOCKS : 0;
     param.ctrlFlag |= options.report ? DIF_CHECK_REPORT_MASK : 0;
+    param.ctrlFlag |= options.convertToT10 ? DIF_CHECK_CONVERT_T10 : 0;
     param.checkResult = &request.checkResult;
     param.errBlockBitmap = failed.data();
     request.faults.clear();
-    if (options.convertToT10) {
-        param.ctrlFlag |= DIF_CHECK_CONVERT_T10;
-        request.changed = false;
-        for (uint32_t index = 0; index < request.blockNum && !request.changed; ++index) {
-            request.changed = versionOf(request, index) == DIF_VERSION_CRC32C;
-        }
-    }
     const bool passed =
         checkDifInSgl(RequestList(request).root(), 0, request.sectorNum(), &param, __func__, __LINE__) == DIF_OK;
     if (passed && !options.requiredVersion) {
@@ -98,6 +97,17 @@ void checkRequest(Request &request, const CheckOptions &options) {
             return;
         }
     }
+}
+
+uint32_t checkBlock(const Request &request, uint32_t index, uint32_t ctrlFlag, uint64_t lba) {
+    uint32_t result = 0;
+    DifCheckParam param = checkParam(*request.format, ctrlFlag, lba);
+    param.checkResult = &result;
+    uint8_t resultSettled = 0;
+    uint8_t integrityDone = 0;
+    initDifCheckResults(&param, &resultSettled, &integrityDone);
+    checkDifInBlocks(request.block(index), 1, &request.format->geometry, &param, index, &resultSettled, &integrityDone);
+    return result;
 }
 
 void checkStandardRequest(Request &request, const CheckOptions &options) {
@@ -128,7 +138,6 @@ void injectRequest(Request &request, const DifInjectParam &faults, uint64_t firs
     param.type = request.format->type;
     param.lba += request.firstBlock - firstBlock;
     injectDifInSgl(RequestList(request).root(), 0, request.sectorNum(), &param);
-    request.changed = true;
 }
 
 void replaceRequest(Request &request, const ReplaceOptions &options) {
@@ -138,8 +147,7 @@ void replaceRequest(Request &request, const ReplaceOptions &options) {
         bitmap = options.blocks->bitmapOf(request.firstBlock, request.blockNum);
         param.blockBitmap = bitmap.data();
     }
-    request.changed = !options.blocks || !bitmap.empty();
-    if (request.changed) {
+    if (!options.blocks || !bitmap.empty()) {
         param.type = request.format->type;
         param.ctrlFlag = options.flags;
         param.lba = options.imageLba + request.firstBlock;

@@ -37,11 +37,15 @@ struct Request {
 
     std::vector<Fault> faults; /* written by the checks, as is the result word */
     uint32_t checkResult = 0;
-    bool changed = false; /* written by what changes tuples: whether it may have */
+    std::vector<uint8_t> kept; /* tuples as keepTuples() found them */
 
     uint32_t sectorNum() const { return blockNum << format->geometry.sectorShift; }
     uint8_t *block(uint32_t index) const { return buf + size_t{index} * format->geometry.blockSize; }
     uint8_t *tuple(uint32_t index) const { return block(index) + format->geometry.difOffset; }
+
+    /* Keeps the tuples as they are, to tell later which have been changed. */
+    void keepTuples();
+    const uint8_t *keptTuple(uint32_t index) const { return kept.data() + size_t{index} * sizeof(DifTuple); }
 
     /* Of the first `blocks` blocks: all bytes, or the data without the fields. */
     Pieces wholeBlocks(uint32_t blocks) const;
@@ -62,6 +66,10 @@ struct CheckOptions {
 
 /* Checks the blocks at the tool's verify point. */
 void checkRequest(Request &request, const CheckOptions &options);
+
+/* The result word (DIF_RESULT_*) of the checks `ctrlFlag` of one block, for which `lba` is expected. They count and log
+ * nothing. */
+uint32_t checkBlock(const Request &request, uint32_t index, uint32_t ctrlFlag, uint64_t lba);
 
 /* Checks the blocks as plain T10 protection information, without version and flags. Of the options, `imageLba`,
  * `compareLbas` and `allBlocks` count. */

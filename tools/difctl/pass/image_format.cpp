@@ -1,0 +1,181 @@
+#include "pass/image_format.h"
+
+#include "io/error.h"
+#include "pass/request.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+#include <vector>
+
+#include <endian.h>
+
+namespace difctl {
+
+namespace {
+
+/* The smallest run that is whole blocks of either size. */
+constexpr uint64_t kChunkBytes = kFormat4160.geometry.blockSize;
+static_assert(kChunkBytes % kFormat520.geometry.blockSize == 0);
+
+constexpr uint64_t kSampleChunks = 128;
+constexpr uint64_t kSearchChunks = 256; /* in one read of the search for data */
+
+/* Of blocks that are not zero, one in so many must look like a field if none is proven; chance makes one in thousands. */
+constexpr uint64_t kLeastShare = 16;
+
+bool isFilledWith(uint8_t byte, const uint8_t *bytes, size_t size) {
+    return bytes[0] == byte && std::memcmp(bytes, bytes + 1, size - 1) == 0;
+}
+
+bool guardFits(const Request &request, uint32_t index, uint8_t version) {
+    uint8_t &stored = request.tuple(index)[offsetof(DifTuple, version)];
+    const uint8_t before = std::exchange(stored, version);
+    const uint32_t result = checkBlock(request, index, DIF_CHECK_CRC, 0);
+    stored = before;
+    return (result & DIF_RESULT_CRC_ERROR) == 0;
+}
+
+class Observer {
+public:
+    explicit Observer(ImageFormat &format) : format_(format) {}
+
+    /* Looks at the `size` bytes at `offset` in either block size. */
+    void look(uint8_t *bytes, uint64_t offset, uint64_t size) {
+        format_.holdsData = format_.holdsData || !isFilledWith(0, bytes, size);
+        for (size_t kind = 0; kind < format_.evidence.size(); ++kind) {
+            Request request;
+            request.format = format_.evidence[kind].format;
+            request.buf = bytes;
+            request.firstBlock = offset / request.format->geometry.blockSize;
+            request.blockNum = static_cast<uint32_t>(size / request.format->geometry.blockSize);
+            for (uint32_t index = 0; index < request.blockNum; ++index) {
+                lookAtBlock(kind, request, index);
+            }
+        }
+    }
+
+    /* Counts as fields what only agrees with other blocks on the LBA. */
+    void finish() {
+        for (size_t kind = 0; kind < format_.evidence.size(); ++kind) {
+            FormatEvidence &evidence = format_.evidence[kind];
+            for (const uint32_t first : onlyLba_[kind]) {
+                evidence.fields += evidence.firstLbas[first] > 1 ? 1 : 0;
+            }
+        }
+    }
+
+private:
+    void lookAtBlock(size_t kind, const Request &request, uint32_t index) {
+        FormatEvidence &evidence = format_.evidence[kind];
+        const uint8_t *block = request.block(index);
+        if (isFilledWith(0, block, request.format->geometry.blockSize)) {
+            return;
+        }
+        DifTuple tuple = {};
+        std::memcpy(&tuple, request.tuple(index), sizeof(tuple));
+        const bool written = !isFilledWith(0, request.tuple(index), sizeof(tuple));
+        const bool t10 = written && guardFits(request, index, DIF_VERSION_T10);
+        const bool crc32c = written && guardFits(request, index, DIF_VERSION_CRC32C);
+        const bool proven = tuple.version == DIF_VERSION_T10 ? t10 : tuple.version == DIF_VERSION_CRC32C && crc32c;
+        const bool versionFits = tuple.version == DIF_VERSION_T10 || tuple.version == DIF_VERSION_CRC32C ||
+                                 (tuple.version == DIF_VERSION_NO_CRC && tuple.crc == 0);
+        const bool flagsFit = (tuple.app & ~(DIF_APP_BST | DIF_APP_LBA_VALID)) == 0;
+        const bool exempt =
+            tuple.version == 0xFF && tuple.app == 0xFF && !isFilledWith(0xFF, block, request.format->geometry.dataSize);
+        const bool field = t10 || crc32c || (versionFits && flagsFit) || exempt;
+        ++evidence.blocks;
+        evidence.t10 += t10 ? 1 : 0;
+        evidence.crc32c += crc32c ? 1 : 0;
+        evidence.proven += proven ? 1 : 0;
+        evidence.fields += field ? 1 : 0;
+        if (flagsFit && (tuple.app & DIF_APP_LBA_VALID) != 0) {
+            const uint32_t first = be32toh(tuple.lba) - static_cast<uint32_t>(request.firstBlock + index);
+            ++evidence.firstLbas[first];
+            if (!field) {
+                onlyLba_[kind].push_back(first);
+            }
+        }
+    }
+
+    ImageFormat &format_;
+    std::array<std::vector<uint32_t>, 2> onlyLba_;
+};
+
+/* What there is of the `size` bytes at `offset`. */
+uint64_t readChunks(const ImageFile &file, uint64_t offset, uint8_t *bytes, uint64_t size) {
+    const Pieces pieces = {bytes, size, size, 1};
+    for (uint64_t done = 0; done < size;) {
+        const ssize_t moved = file.read(offset + done, pieces, done);
+        if (moved < 0) {
+            throw systemError(file.name(), "cannot read at offset " + std::to_string(offset + done), errno);
+        }
+        if (moved == 0) {
+            return done;
+        }
+        done += static_cast<uint64_t>(moved);
+    }
+    return size;
+}
+
+} // namespace
+
+std::optional<uint32_t> FormatEvidence::firstLba() const {
+    uint64_t all = 0;
+    const std::pair<const uint32_t, uint64_t> *most = nullptr;
+    for (const auto &entry : firstLbas) {
+        all += entry.second;
+        most = most == nullptr || entry.second > most->second ? &entry : most;
+    }
+    return most != nullptr && 2 * most->second > all ? std::optional(most->first) : std::nullopt;
+}
+
+std::string FormatEvidence::text() const {
+    const std::string guard = t10 == 0 && crc32c == 0 ? "no right guard"
+                              : crc32c == 0           ? "guard t10"
+                              : t10 == 0              ? "guard crc32c"
+                                                      : "guards t10 and crc32c";
+    const auto lba = firstLba();
+    return "blocks of " + std::to_string(format->geometry.blockSize) + " bytes with " + guard +
+           (lba                 ? " and LBAs from " + std::to_string(*lba)
+            : firstLbas.empty() ? " and no LBAs"
+                                : " and LBAs in no order");
+}
+
+const FormatEvidence *ImageFormat::best() const {
+    const auto &[small, large] = evidence;
+    const FormatEvidence &answer = small.fields * large.blocks >= large.fields * small.blocks ? small : large;
+    return answer.proven > 0 || (answer.fields > 0 && answer.fields * kLeastShare >= answer.blocks) ? &answer : nullptr;
+}
+
+ImageFormat lookAtFormat(const ImageFile &file) {
+    ImageFormat format;
+    Observer observer(format);
+    const uint64_t length = file.length().value_or(0);
+    const uint64_t chunkNum = (length + kChunkBytes - 1) / kChunkBytes;
+    const uint64_t sampleNum = std::min(chunkNum, kSampleChunks);
+    std::vector<uint8_t> bytes(kSearchChunks * kChunkBytes);
+    for (uint64_t i = 0; i < sampleNum; ++i) {
+        /* The first and the last chunk, and what lies between at equal distances. */
+        const uint64_t offset = (i == 0 ? 0 : i * (chunkNum - 1) / (sampleNum - 1)) * kChunkBytes;
+        observer.look(bytes.data(), offset, readChunks(file, offset, bytes.data(), kChunkBytes));
+    }
+    uint64_t offset = format.holdsData ? length : 0;
+    for (uint64_t found = 0; offset < length && found < kSampleChunks;) {
+        offset = file.nextData(offset) / kChunkBytes * kChunkBytes;
+        const uint64_t size = offset < length ? readChunks(file, offset, bytes.data(), bytes.size()) : 0;
+        for (uint64_t at = 0; at < size; at += kChunkBytes) {
+            const uint64_t chunk = std::min(kChunkBytes, size - at);
+            if (!isFilledWith(0, bytes.data() + at, chunk)) {
+                observer.look(bytes.data() + at, offset + at, chunk);
+                ++found;
+            }
+        }
+        offset += bytes.size();
+    }
+    observer.finish();
+    return format;
+}
+
+} // namespace difctl

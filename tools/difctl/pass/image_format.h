@@ -1,0 +1,52 @@
+/* What an image is, judged by what stands where its fields would be. */
+#ifndef DIFCTL_IMAGE_FORMAT_H
+#define DIFCTL_IMAGE_FORMAT_H
+
+#include "io/image_file.h"
+#include "pass/block_format.h"
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+
+namespace difctl {
+
+/* How well the image fits a block size. Blocks of zeros tell nothing and count nowhere. */
+struct FormatEvidence {
+    const BlockFormat *format;
+    uint64_t blocks = 0; /* looked at */
+    uint64_t proven = 0; /* with the guard that the version names */
+    uint64_t fields = 0; /* with what may be a field: those, and fields with damage or without a guard */
+    uint64_t t10 = 0;    /* with this guard, whatever the version */
+    uint64_t crc32c = 0;
+    std::map<uint32_t, uint64_t> firstLbas{}; /* by the low half of the image's first LBA: blocks that agree with it */
+
+    /* The low half of the first LBA according to most blocks that have one; none if there is no such majority. */
+    std::optional<uint32_t> firstLba() const;
+
+    /* Whether some block agrees that `lba` is the image's first. */
+    bool allowsFirstLba(uint64_t lba) const { return firstLbas.contains(static_cast<uint32_t>(lba)); }
+
+    /* "blocks of 520 bytes with guard t10 and LBAs from 100" */
+    std::string text() const;
+};
+
+struct ImageFormat {
+    bool holdsData = false; /* not only zeros */
+    std::array<FormatEvidence, 2> evidence{{{&kFormat520}, {&kFormat4160}}};
+
+    /* The block size that the image has; none if it shows no fields. */
+    const FormatEvidence *best() const;
+};
+
+/*
+ * Looks at blocks all over the image: at all of a small one, at the first that are not zero where it is thin. What damage
+ * leaves of a field counts too, so that a damaged image is still recognised. Throws Error.
+ */
+ImageFormat lookAtFormat(const ImageFile &file);
+
+} // namespace difctl
+
+#endif
