@@ -143,7 +143,7 @@ void Destination::commit() {
         throw Error(name_ + ": has appeared meanwhile and is left as it is; " + replacing_.otherwise);
     }
     grantAccess(file_.get(), source_, replaced);
-    if (::fsync(file_.get()) != 0) {
+    if (syncFile(file_.get()) != 0) {
         throw systemError(name_, "cannot bring its " + std::to_string(offset_) + " bytes to stable storage", errno);
     }
     holdingInterrupts([&](Unfinished &unfinished) {
@@ -181,7 +181,7 @@ void Destination::giveName(bool replace) {
 void Destination::syncDirectory() {
     const FileDescriptor directory(::open(directoryOf(target_).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     /* A directory that may be written but not read, or no descriptor to be had: the whole file system does as well. */
-    const int failed = directory.get() < 0 ? ::syncfs(file_.get()) : ::fsync(directory.get());
+    const int failed = directory.get() < 0 ? ::syncfs(file_.get()) : syncFile(directory.get());
     /* EINVAL: a file system whose directories need no such call. */
     if (failed != 0 && errno != EINVAL) {
         throw systemError(name_,

@@ -5,11 +5,13 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <vector>
 
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -34,6 +36,30 @@ std::optional<uint64_t> endOf(int file, const struct stat &status) {
     }
     return S_ISBLK(status.st_mode) && ::ioctl(file, BLKGETSIZE64, &end) == 0 ? std::optional(end) : std::nullopt;
 }
+
+/* A part of a file in memory. */
+class Mapping {
+public:
+    Mapping(int file, uint64_t offset, size_t size)
+        : skipped_(offset % static_cast<uint64_t>(::sysconf(_SC_PAGESIZE))), size_(skipped_ + size),
+          begin_(::mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, file,
+                        static_cast<off_t>(offset - skipped_))) {}
+    ~Mapping() {
+        if (begin_ != MAP_FAILED) {
+            ::munmap(begin_, size_);
+        }
+    }
+    Mapping(const Mapping &) = delete;
+    Mapping &operator=(const Mapping &) = delete;
+
+    /* Null and errno if the file cannot be mapped. */
+    uint8_t *at() const { return begin_ == MAP_FAILED ? nullptr : static_cast<uint8_t *>(begin_) + skipped_; }
+
+private:
+    uint64_t skipped_;
+    size_t size_;
+    void *begin_;
+};
 
 } // namespace
 
@@ -65,6 +91,9 @@ ImageFile::ImageFile(const std::string &path, Use use)
     } else if (const off_t here = ::lseek(file_.get(), 0, SEEK_CUR); here > 0) {
         start_ = std::min(static_cast<uint64_t>(here), *length_);
         *length_ -= start_;
+    }
+    if (use == Use::kChange) {
+        staging_.set(::memfd_create("difctl", MFD_CLOEXEC));
     }
     ::posix_fadvise(file_.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
 }
@@ -111,24 +140,48 @@ bool ImageFile::waitForData(int cancelEvent) const {
 }
 
 void ImageFile::requireLength() const {
-    struct stat status = {};
-    if (::fstat(file_.get(), &status) != 0) {
+    const off_t end = ::lseek(file_.get(), 0, SEEK_END);
+    if (end < 0) {
         throw systemError(name_, "cannot examine", errno);
     }
-    if (const auto end = endOf(file_.get(), status); end != start_ + *length_) {
+    if (static_cast<uint64_t>(end) != *length_) {
         throw Error(name_ + ": changed its length meanwhile from " + std::to_string(*length_) + " to " +
-                    std::to_string(end.value_or(0)) + " bytes");
+                    std::to_string(end) + " bytes");
     }
 }
 
-void ImageFile::write(uint64_t offset, const uint8_t *bytes, size_t size) {
-    if (!writeAt(file_.get(), offset, bytes, size)) {
-        throw systemError(name_, "cannot write at offset " + std::to_string(offset), errno);
+/*
+ * Through a mapping, which ends where the file ends: a write behind the end would bring back what another process has cut
+ * off. The system copies, so that a page which cannot be had is an error and not a signal.
+ */
+void ImageFile::write(uint64_t offset, const Pieces &pieces) {
+    std::vector<uint8_t> bytes;
+    bytes.reserve(pieces.bytes());
+    for (size_t index = 0; index < pieces.count; ++index) {
+        const uint8_t *piece = pieces.base + index * pieces.stride;
+        bytes.insert(bytes.end(), piece, piece + pieces.size);
+    }
+    if (!writeAt(staging_.get(), 0, bytes.data(), bytes.size())) {
+        throw systemError(name_, "cannot prepare a write at offset " + std::to_string(offset), errno);
+    }
+    const Mapping mapping(file_.get(), offset, (pieces.count - 1) * pieces.stride + pieces.size);
+    if (mapping.at() == nullptr) {
+        throw systemError(name_, "cannot be mapped at offset " + std::to_string(offset), errno);
+    }
+    const Pieces target = {mapping.at(), pieces.size, pieces.stride, pieces.count};
+    for (size_t done = 0; done < bytes.size();) {
+        const ssize_t moved = readSome(staging_.get(), done, target, done);
+        if (moved <= 0) {
+            requireLength();
+            const uint64_t place = offset + done / pieces.size * pieces.stride;
+            throw Error(name_ + ": cannot write at offset " + std::to_string(place) + ": its device is full or fails");
+        }
+        done += static_cast<size_t>(moved);
     }
 }
 
 void ImageFile::sync() {
-    if (::fsync(file_.get()) != 0) {
+    if (syncFile(file_.get()) != 0) {
         throw systemError(name_, "cannot bring the changes to stable storage", errno);
     }
 }

@@ -42,10 +42,12 @@ public:
     /* Waits until a stream has something to read or `cancelEvent` is readable; returns whether it is the latter. */
     bool waitForData(int cancelEvent) const;
 
-    /* Throws if the length is no longer what it was. */
+    /* Throws if the length of a file to change is no longer what it was. */
     void requireLength() const;
 
-    void write(uint64_t offset, const uint8_t *bytes, size_t size);
+    /* Writes `pieces`, each as far from `offset` as it is from the first one in memory, and nothing between them. Whatever
+     * another process does meanwhile, the file does not grow. */
+    void write(uint64_t offset, const Pieces &pieces);
     void sync();
 
 private:
@@ -53,6 +55,7 @@ private:
 
     std::string name_;
     FileDescriptor file_;
+    FileDescriptor staging_; /* memory that the system can copy from; of a file to change */
     uint64_t start_ = 0;
     std::optional<uint64_t> length_;
 };

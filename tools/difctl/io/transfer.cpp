@@ -78,6 +78,14 @@ bool writeAt(int file, uint64_t offset, const uint8_t *bytes, size_t size) {
     return true;
 }
 
+int syncFile(int file) {
+    int failed = 0;
+    do {
+        failed = ::fsync(file);
+    } while (failed != 0 && errno == EINTR);
+    return failed;
+}
+
 void printResult(const std::string &text) {
     std::string copy = text;
     uint64_t offset = 0;

@@ -49,6 +49,9 @@ bool writeAll(int file, const Pieces &pieces, uint64_t &offset);
 /* Writes `size` bytes at `offset`; false and errno on a failure. */
 bool writeAt(int file, uint64_t offset, const uint8_t *bytes, size_t size);
 
+/* Brings a file to stable storage: fsync's answer, but never EINTR. */
+int syncFile(int file);
+
 /* Writes `text` to standard output as a command's result. Throws Error. */
 void printResult(const std::string &text);
 

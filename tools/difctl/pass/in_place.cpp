@@ -6,9 +6,40 @@
 #include "pass/checked_pass.h"
 
 #include <algorithm>
-#include <cstring>
+#include <array>
+#include <cstddef>
 
 namespace difctl {
+
+namespace {
+
+/* Bytes of a tuple. */
+struct Span {
+    size_t first = sizeof(DifTuple);
+    size_t end = 0;
+
+    bool operator==(const Span &) const = default;
+};
+
+constexpr std::array<Span, 4> kFields = {{{offsetof(DifTuple, crc), offsetof(DifTuple, version)},
+                                          {offsetof(DifTuple, version), offsetof(DifTuple, app)},
+                                          {offsetof(DifTuple, app), offsetof(DifTuple, lba)},
+                                          {offsetof(DifTuple, lba), sizeof(DifTuple)}}};
+
+/* From the first to the last field that differs from what the request kept; empty, with no end, if none does. */
+Span changedFields(const Request &request, uint32_t index) {
+    Span span;
+    const uint8_t *now = request.tuple(index);
+    const uint8_t *kept = request.keptTuple(index);
+    for (const Span &field : kFields) {
+        if (!std::equal(now + field.first, now + field.end, kept + field.first)) {
+            span = {std::min(span.first, field.first), field.end};
+        }
+    }
+    return span;
+}
+
+} // namespace
 
 InPlaceImage::InPlaceImage(const std::string &path, const BlockFormat &format)
     : format_(format), file_(path, ImageFile::Use::kChange),
@@ -80,24 +111,20 @@ Findings InPlaceImage::change(const std::function<void(Request &)> &change, cons
 }
 
 void InPlaceImage::writeBack(const Request &request) {
+    const DifTypeInfo &geometry = format_.geometry;
     holdingInterrupts([&](Unfinished &unfinished) {
-        for (uint32_t index = 0; index < request.blockNum; ++index) {
-            const uint8_t *tuple = request.tuple(index);
-            const uint8_t *before = request.keptTuple(index);
-            const uint8_t *end = tuple + sizeof(DifTuple);
-            const uint8_t *first = std::mismatch(tuple, end, before).first;
-            if (first == end) {
-                continue;
+        file_.requireLength();
+        for (uint32_t index = 0, count = 1; index < request.blockNum; index += count, count = 1) {
+            const Span span = changedFields(request, index);
+            while (index + count < request.blockNum && changedFields(request, index + count) == span) {
+                ++count;
             }
-            while (end[-1] == before[end - 1 - tuple]) {
-                --end;
+            if (span.end != 0) {
+                const uint64_t offset =
+                    (request.firstBlock + index) * geometry.blockSize + geometry.difOffset + span.first;
+                file_.write(offset,
+                            {request.tuple(index) + span.first, span.end - span.first, geometry.blockSize, count});
             }
-            const uint64_t block = request.firstBlock + index;
-            const uint64_t offset = block * format_.geometry.blockSize + format_.geometry.difOffset;
-            /* A write behind the end would bring back what another process has cut off. */
-            file_.requireLength();
-            file_.write(offset + static_cast<uint64_t>(first - tuple), first, static_cast<size_t>(end - first));
-            doneBlocks_ = block + 1;
         }
         doneBlocks_ = request.firstBlock + request.blockNum;
         unfinished.note = note();
