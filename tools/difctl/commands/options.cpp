@@ -61,8 +61,7 @@ void addInPlaceImage(CLI::App &command, InPlaceOptions &options, const char *lba
     addImage(command, options, lbaNames);
     command.get_option("IMG")->description("Image of protected blocks: a file or block device");
     addCheck(command, options.check);
-    command.add_flag("--force", options.force,
-                     "Go ahead without verifying IMG first; a wrong --block is refused even so");
+    command.add_flag("--force", options.force, "Go ahead without verifying IMG first");
 }
 
 } // namespace difctl

@@ -54,7 +54,11 @@ void addProtect(CLI::App &app, Command &chosen) {
     addCrc(command, options.crc, "Guard: t10 (CRC16 T10-DIF) or crc32c (its low 16 bits)")->capture_default_str();
     auto *lba = addNumber(command, "--lba,--first-lba", options.lba, "LBA of the first block")->capture_default_str();
     command.add_flag("--no-lba", options.noLba, "Do not write LBAs")->excludes(lba);
-    command.footer(std::string("DST appears only when it is complete and on stable storage.\n") + kExitStatusText + R"(
+    command.footer(
+        std::string("DST appears only when it is complete and on stable storage, readable to nobody who\n"
+                    "may not read SRC. If only its name may not outlive a power failure, the status is 2 and the\n"
+                    "message says that DST is complete.\n") +
+        kExitStatusText + R"(
 Examples:
   difctl protect disk.raw disk.dif
   difctl protect --block 4160 --crc crc32c --lba 2048 part.raw part.dif

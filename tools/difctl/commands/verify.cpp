@@ -115,7 +115,8 @@ void addVerify(CLI::App &app, Command &chosen) {
     command.add_flag("--stats", options.stats, "Print the counters of the run's verify point at the end")
         ->excludes(command.get_option("--json"));
     command.add_option("--metrics", options.metrics,
-                       "Write switch, levels and counters to this file at the end, in the Prometheus text format");
+                       "Write switch, levels and counters to this file at the end, in the Prometheus text format;\n"
+                       "an existing file is replaced only if it is such a one");
     command.footer(std::string(kExitStatusText) + R"(
 Examples:
   difctl verify disk.dif
