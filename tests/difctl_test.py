@@ -86,12 +86,6 @@ def shown(end, until="(?!)"):
     return text
 
 
-def lose_root_access():
-    """Makes the program that this process becomes heed the modes of files, even as root."""
-    for capability in (1, 2) if os.getuid() == 0 else ():  # CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH
-        LIBC.prctl(24, capability)  # PR_CAPBSET_DROP
-
-
 class DifctlTest(unittest.TestCase):
     def setUp(self):
         directory = tempfile.TemporaryDirectory()
@@ -131,20 +125,17 @@ class DifctlTest(unittest.TestCase):
 
     def test_images(self):
         """What commands make of whole images, in files and through pipes."""
-        at9, large = protected(RAW, lba=9), protected(RAW, 4160, CRC32C, 2)
+        large = protected(RAW, 4160, CRC32C, 2)
         ten = RAW[: 10 * 4096]  # blocks of 4160, from here on
         place, edit = "--block 4160 --first-lba 0x1fffffffe", functools.partial(edited, block=4160)
         t10, crc32c = (protected(ten, 4160, version, 0x1FFFFFFFE) for version in (T10, CRC32C))
         for command, before, after in (
-            ("protect --lba 100", RAW, IMAGE),
             ("protect --lba 100 --entry 520", RAW, IMAGE),
             ("protect --block 4160 --crc crc32c --lba 2", RAW, large),
             ("protect --block 4160 --no-lba", ten, protected(ten, 4160, T10, None)),
             ("strip --lba 100 --entry 545259520", IMAGE, RAW),
             ("strip --block 4160 --no-lba --entry 4160", large, RAW),
             ("fold --first-lba 100 --crc crc32c --lba 2", IMAGE, large),
-            ("fold --no-lba", IMAGE, protected(RAW, 4160, T10, None)),
-            ("relabel --first-lba 100 --lba 9", IMAGE, at9),
             ("relabel --first-lba 100 --lba 9 --bitmap 6199,2040-0x802,2050-2060", IMAGE,
              edited(IMAGE, *((i, LBA, (9 + i).to_bytes(4, "big")) for i in [*range(2040, 2061), 6199]))),
             ("inject --first-lba 100 --at 103,3000 --lba 12", IMAGE,
@@ -154,7 +145,6 @@ class DifctlTest(unittest.TestCase):
             (f"inject {place} --at 8589934594,2 --lba 0x1000000ff", t10,
              edit(t10, (4, LBA, b"\0\0\0\xFF"), (5, LBA, b"\0\0\1\0"))),
             (f"inject {place} --at 8589934597,2 --bst", t10, edit(t10, (7, FLAGS, b"\3"), (8, FLAGS, b"\3"))),
-            (f"relabel {place} --crc crc32c", t10, crc32c),
             (f"relabel {place} --version-only --crc crc32c --bitmap 9", t10, edit(t10, (9, VERSION, b"\x29"))),
             (f"relabel {place} --lba 77 --crc t10", edit(crc32c, (7, FLAGS, b"\3")),
              edit(protected(ten, 4160, T10, 77), (7, FLAGS, b"\3"))),
@@ -220,8 +210,14 @@ class DifctlTest(unittest.TestCase):
                 "report": {key: key in holds for key in answers.values()}})
         result = json.loads(self.run_tool("verify", "--json", "--no-lba", self.write(b"\xff", IMAGE)))
         self.assertEqual((result["image"], result["failed_blocks"], "report" in result), ("\ufffd", [], False))
-        for args in ["-v", "verify"], ["verify", "-v"]:  # the library's own words, on demand
-            self.run_tool(*args, "--lba", "100", "img", status=1, says=re.compile(".*NOTICE.*"))
+        self.run_tool("verify", "-v", "--lba", "100", "img", status=1, says=re.compile(".*NOTICE.*"))
+        for _ in range(2):  # the second file replaces the first
+            stats = self.run_tool("verify", "--all", "--lba", "100", "--stats", "--metrics", "m.prom", "img", status=1)
+        counters = re.search(rb"DIFCTL_IMAGE_VERIFY +0 +(\d+) +(\d+) +(\d+)\n", stats).groups()
+        metrics = pathlib.Path("m.prom").read_bytes()
+        for kind, count in zip((b"lba", b"crc", b"version"), counters):
+            self.assertIn(b'kind="%s_error"} %s\n' % (kind, count), metrics.replace(b'mid="2"', b""))
+            self.assertGreater(int(count), 0)
 
     def test_verify_questions(self):
         t10, crc32c = protected(RAW[:1024], lba=None), protected(RAW[:512], 520, CRC32C, None)
@@ -254,41 +250,25 @@ class DifctlTest(unittest.TestCase):
                                    "LBA 9 (expected 0); wrong: guard LBA",
             "1234 34 00 00000007": "guard 1234, version 0x34 no-crc, flags 0x00, LBA 7",
             "0000 1f 00 00000000": "guard 0000, version 0x1f invalid, flags 0x00, LBA 0; wrong: version",
-            "0000 ff 01 00000000": "guard 0000, version 0xff unknown, flags 0x01 bst, LBA 0; wrong: version",
             "0000 ff ff 00000000": "guard 0000, version 0xff unknown, flags 0xff bst lba-valid, LBA 0; "
                                    "exempt from checks",
         }
         lines = [f"block {index}, LBA {0x1FFFFFFFE + index}: {text}\n" for index, text in enumerate(shown_as.values())]
         self.write("img", b"".join(bytes(512) + bytes.fromhex(fields) for fields in shown_as))
         base = ["show", "--lba", "0x1fffffffe", "img", "--at"]
-        self.assertEqual(self.run_tool(*base, "0x1fffffffe,7").decode(), "".join(lines))
+        self.assertEqual(self.run_tool(*base, "0x1fffffffe,6").decode(), "".join(lines))
         self.assertEqual(self.run_tool(*base, str(0x1FFFFFFFE + 4)).decode(), lines[4])
-        large = protected(RAW[: 600 * 4096], 4160, CRC32C, 100)  # three requests
-        lines = self.run_tool("show", "--block", "4160", "--lba", "100", self.write("img", large), "--at", "199,450")
-        self.assertEqual(lines.count(b"expected"), 900)
-        self.assertEqual(re.findall(r"block (\d+)|(wrong)", lines.decode()), [(str(i), "") for i in range(99, 549)])
-
-    def test_stats_and_metrics(self):
-        self.write("img", DAMAGED)
-        for _ in range(2):  # the second file replaces the first
-            stats = self.run_tool("verify", "--all", "--lba", "100", "--stats", "--metrics", "m.prom", "img", status=1)
-        counters = re.search(rb"DIFCTL_IMAGE_VERIFY +0 +(\d+) +(\d+) +(\d+)\n", stats).groups()
-        metrics = pathlib.Path("m.prom").read_bytes()
-        for kind, count in zip((b"lba", b"crc", b"version"), counters):
-            self.assertIn(b'kind="%s_error"} %s\n' % (kind, count), metrics.replace(b'mid="2"', b""))
-            self.assertGreater(int(count), 0)
-        self.refused("verify", "--metrics", "no/where", "img", "--lba", "100", says="no/where: cannot create a file")
+        large = self.write("img", protected(RAW[: 600 * 4096], 4160, CRC32C, 100))  # three requests
+        lines = self.run_tool("show", "--block", "4160", "--lba", "100", large, "--at", "199,450").decode()
+        self.assertEqual(re.findall(r"block (\d+)|(wrong)", lines), [(str(i), "") for i in range(99, 549)])
 
     def test_refusals(self):
-        for name, content in (("raw", RAW[:4096]), ("odd", RAW[:1000]), ("empty", b""), ("taken", b"old"),
-                              ("good", bytes(8 * 520)), ("nine", bytes(9 * 520))):
+        for name, content in (("raw", RAW[:4096]), ("odd", RAW[:1000]), ("taken", b"old"), ("good", bytes(8 * 520))):
             self.write(name, content)
         os.mkfifo("fifo")
         for command, says in {
             "protect odd new": "odd: length 1000 is not whole blocks of 512 bytes: 488 bytes are left after 1 blocks",
-            "protect empty new": "empty: is empty, an image has at least one block",
             "protect raw fifo --force": "fifo: is not a regular file; write to '-' and redirect that",
-            "protect raw missing/new": "missing/new: cannot create a file in missing: No such file",
             "protect raw taken": "taken: exists already; --force replaces it",
             "protect --lba -1 raw new": "--lba: '-1' is not a number from 0 to 18446744073709551615",
             "": "a command: protect, verify, strip, show, inject, relabel, convert, fold, shell, attach or selftest",
@@ -298,10 +278,10 @@ class DifctlTest(unittest.TestCase):
             "show good --at 0,0": "--at '0,0': is not an LBA or LBA,COUNT with a COUNT from 1 on",
             "inject --at 0 good": "no fault is asked for; give at least one of --version, --crc, --lba and --bst",
             "inject --at 6,3 --bst good": "--at 6,3: is not all in good, whose 8 blocks start at LBA 0",
-            "relabel good": "relabel: no field is asked for; give at least one of --lba, --crc and --version-only",
             "relabel --lba 1 --bitmap 0,5-3 good": "--bitmap '0,5-3': '5-3' is neither a block nor a range FIRST-LAST",
+            "verify --metrics no/where good": "no/where: cannot create a file",
+            "attach nowhere.sock metrics": "nowhere.sock: cannot run a command through this socket: No such file",
             "relabel --lba 1 --bitmap 2-8,1 good": "good has no block 8, its 8 blocks count from 0",
-            "fold nine new": "nine: has 1 blocks beyond a multiple of 8",
         }.items():
             with self.subTest(command):
                 self.refused(*command.split(), says=says)
@@ -319,8 +299,9 @@ class DifctlTest(unittest.TestCase):
             with self.subTest(command):
                 self.refused(*command.split(), says=says, **kwargs)
         self.is_file("taken", b"old"), self.is_file("good", bytes(8 * 520))
-        os.chmod("raw", 0)
-        self.refused("verify", "raw", says="raw: cannot open: Permission denied", preexec_fn=lose_root_access)
+        os.chmod("raw", 0)  # which root heeds without CAP_DAC_OVERRIDE and CAP_DAC_READ_SEARCH
+        heed = lambda: [LIBC.prctl(24, capability) for capability in (1, 2) if os.getuid() == 0]  # PR_CAPBSET_DROP
+        self.refused("verify", "raw", says="raw: cannot open: Permission denied", preexec_fn=heed)
 
     def test_streams_and_names(self):
         self.write("raw", RAW), self.write("img", IMAGE)
@@ -339,32 +320,18 @@ class DifctlTest(unittest.TestCase):
         self.assertTrue(os.path.islink("link"))
         self.is_file("raw", IMAGE)
 
-    def test_interrupts(self):
-        with running("protect", "-", "new", feed=RAW[: 2 << 20]) as (tool, _):
-            tool.send_signal(signal.SIGTERM)
-            self.ended(tool, "difctl: interrupted by SIGTERM; nothing new is left at new\n")
-        self.assertEqual(os.listdir("."), [])
-        ignore = lambda: signal.signal(signal.SIGINT, signal.SIG_IGN)
-        with running("protect", "-", "new", feed=RAW[: 2 << 20], preexec_fn=ignore) as (tool, _):
-            tool.send_signal(signal.SIGINT)
-            tool.stdin.close()
-            self.ended(tool, "", status=0)
-
     def test_interrupts_in_place(self):
         blocks = 1 << 30
         os.truncate(self.write("img", b""), blocks * 520)  # zeros, which pass
-        for force, field, says in (([], "rchar", "nothing is changed"),
-                                   (["--force"], "wchar", rf"the blocks before block (\d+) of {blocks} are done")):
-            with running("relabel", "--lba", "1", *force, "img") as (tool, _):
-                process = pathlib.Path(f"/proc/{tool.pid}")
-                while int(re.search(field + r": (\d+)", (process / "io").read_text())[1]) < 100 << 20:
-                    time.sleep(0.01)
-                peak = int(re.search(r"VmHWM:\s*(\d+)", (process / "status").read_text())[1])
-                self.assertEqual(os.stat("img").st_blocks > 0, bool(force))
-                tool.send_signal(signal.SIGINT)
-                done = self.ended(tool, f"difctl: interrupted by SIGINT; {says}\n")
-            self.assertTrue(SANITIZED or peak < 64 << 10, f"{peak} KiB of memory")
-        reached = int(done[1])
+        with running("relabel", "--lba", "1", "--force", "img") as (tool, _):
+            process = pathlib.Path(f"/proc/{tool.pid}")
+            while int(re.search(r"wchar: (\d+)", (process / "io").read_text())[1]) < 100 << 20:
+                time.sleep(0.01)
+            peak = int(re.search(r"VmHWM:\s*(\d+)", (process / "status").read_text())[1])
+            tool.send_signal(signal.SIGINT)
+            says = rf"difctl: interrupted by SIGINT; the blocks before block (\d+) of {blocks} are done\n"
+            reached = int(self.ended(tool, says)[1])
+        self.assertTrue(SANITIZED or peak < 64 << 10, f"{peak} KiB of memory")
         self.assertEqual(reached % 2048, 0)
         with open("img", "rb") as image:
             tuples = image.read(reached * 520)
@@ -378,6 +345,11 @@ class DifctlTest(unittest.TestCase):
             tool.stdin.close()
             self.ended(tool, "difctl: new: has appeared meanwhile and is left as it is; --force replaces it\n")
         self.is_file("new", b"of another")
+        ignore = lambda: signal.signal(signal.SIGINT, signal.SIG_IGN)
+        with running("protect", "--force", "-", "new", feed=RAW[: 2 << 20], preexec_fn=ignore) as (tool, _):
+            tool.send_signal(signal.SIGINT)
+            tool.stdin.close()
+            self.ended(tool, "", status=0)
         os.truncate(self.write("raw", b""), 256 << 20)
         with running("protect", "raw", "-", stdout=subprocess.PIPE) as (tool, _):
             tool.stdout.read(1)  # it has begun, and the full pipe holds it
@@ -397,27 +369,17 @@ class DifctlTest(unittest.TestCase):
             calls = pathlib.Path("calls").read_text()
             self.assertEqual(re.findall(r"(?m)^\d+ +((?!readv)\w+)", calls), expected, command)
         self.assertIn(f"<{os.getcwd()}>)", calls.splitlines()[-1])  # the directory is on stable storage, too
-        for command, call in ("verify --no-lba img", "readv"), ("protect --force raw new", "writev"):
-            interrupted = [*strace, f"inject={call}:error=EINTR:when=2"]
-            self.run_tool(*command.split(), under=interrupted, env=env, says=())
-        self.is_file("new", protected(RAW))
 
     def test_progress(self):
-        for size, bar in ((256 << 20, r"\[#{7,8}\.{22,23}\]  2[567]%  \d\d of 256 MiB  \d+ MiB/s  0:\d\d left"),
-                          (16 << 30, r"\[\.{30}\]   0%  \d\d of 16384 MiB  \d+ MiB/s  \d+:\d\d left")):
-            os.truncate(self.write("raw", b""), size)
-            with running("protect", "raw", "-", on_terminal=["stderr"], stdout=subprocess.PIPE) as (tool, end):
-                tool.stdout.read(64 << 20)
-                time.sleep(0.6)  # it waits that long before it shows anything
-                tool.stdout.read(4 << 20)
-                shown(end, rf"\r\x1b\[K\x1b\[\?7l{bar}\x1b\[\?7h$")
-                if size == 256 << 20:
-                    tool.stdout.read()
-                    text = shown(end)
-                    self.assertEqual((text[-4:], text.count("left") < 20), ("\r\x1b[K", True))
-                else:
-                    tool.terminate()
-                    self.assertIn("\r\x1b[Kdifctl: interrupted by SIGTERM; what was written", shown(end))
+        os.truncate(self.write("raw", b""), 256 << 20)
+        bar = r"\[#{7,8}\.{22,23}\]  2[567]%  \d\d of 256 MiB  \d+ MiB/s  0:\d\d left"
+        with running("protect", "raw", "-", on_terminal=["stderr"], stdout=subprocess.PIPE) as (tool, end):
+            tool.stdout.read(64 << 20)
+            time.sleep(0.6)  # it waits that long before it shows anything
+            tool.stdout.read(4 << 20)
+            shown(end, rf"\r\x1b\[K\x1b\[\?7l{bar}\x1b\[\?7h$")
+            tool.terminate()
+            self.assertIn("\r\x1b[Kdifctl: interrupted by SIGTERM; what was written", shown(end))
         streams = {"on_terminal": ["stderr"], "stdout": subprocess.DEVNULL}
         with running("protect", "-", "-", feed=RAW[: 2 << 20], **streams) as (tool, end):
             time.sleep(0.6)
@@ -437,19 +399,16 @@ class DifctlTest(unittest.TestCase):
         self.assertIn(b"Test PASS", self.run_tool("selftest", "--times", "3", "--len", "513"))
         self.run_tool("selftest", "--len", "0", status=1)
         self.write("raw.img", b"")
-        for options, dialogue in (
-            ([], (("hel\tdi\t\r", "SYNOPSIS"), ("nonsense\r", "unknown command 'nonsense'"), ("\x1b[A\r", "'nonsense'"),
-                  ("dif showd\t\r", "dif switch status: on"), ("dif ra\t\r", "dif ra\r\n"), ("\x04", "\r\n"))),
-            (["--cli"], (("dif showd\t\r", "dif showd\r\n"), ("quit\r", "quit\r\n"))),
-        ):
-            with running("shell", *options, on_terminal=["stdin", "stdout", "stderr"]) as (tool, end):
-                shown(end, "dif> $")
-                for typed, answer in dialogue:
-                    while termios.tcgetattr(end)[3] & termios.ICANON:
-                        time.sleep(0.01)
-                    os.write(end, typed.encode())
-                    self.assertIn(answer, shown(end, "dif> $"))
-                self.assertEqual(tool.wait(timeout=20), 0)
+        with running("shell", on_terminal=["stdin", "stdout", "stderr"]) as (tool, end):
+            shown(end, "dif> $")
+            for typed, answer in (("hel\tdi\t\r", "SYNOPSIS"), ("nonsense\r", "unknown command 'nonsense'"),
+                                  ("\x1b[A\r", "'nonsense'"), ("dif showd\t\r", "dif switch status: on"),
+                                  ("dif ra\t\r", "dif ra\r\n"), ("\x04", "\r\n")):
+                while termios.tcgetattr(end)[3] & termios.ICANON:
+                    time.sleep(0.01)
+                os.write(end, typed.encode())
+                self.assertIn(answer, shown(end, "dif> $"))
+            self.assertEqual(tool.wait(timeout=20), 0)
 
     def test_attach(self):
         with socket.socket(socket.AF_UNIX) as server:
