@@ -1,5 +1,5 @@
 """Drives the difctl command on real images: python3 difctl_test.py PATH_TO_DIFCTL [unittest arguments]."""
-import contextlib, ctypes, functools, json, os, pathlib, pty, random, re, resource, select, shlex, signal
+import contextlib, ctypes, functools, json, os, pathlib, pty, random, re, select, shlex, signal, socket
 import subprocess, sys, tempfile, termios, time, unittest
 
 DIFCTL = pathlib.Path(sys.argv.pop(1)).resolve()
@@ -8,7 +8,7 @@ os.environ["TSAN_OPTIONS"] = os.environ.get("TSAN_OPTIONS", "") + " atexit_sleep
 for interrupt in signal.SIGINT, signal.SIGTERM, signal.SIGHUP:
     signal.signal(interrupt, signal.SIG_DFL)  # what a shell starts with & ignores some, and so would difctl
 
-ISAL = ctypes.CDLL("libisal.so.2")
+ISAL, LIBC = ctypes.CDLL("libisal.so.2"), ctypes.CDLL(None)
 DATA_SIZE = {520: 512, 4160: 4096}  # of a block's bytes; the tuple follows
 GUARD, VERSION, FLAGS, LBA = 0, 2, 3, 4  # where a tuple has them
 T10, CRC32C = 0x13, 0x29
@@ -125,22 +125,17 @@ class DifctlTest(unittest.TestCase):
 
     def test_images(self):
         """What commands make of whole images, in files and through pipes."""
-        at9, large = protected(RAW, lba=9), protected(RAW, 4160, CRC32C, 2)
+        large = protected(RAW, 4160, CRC32C, 2)
         ten = RAW[: 10 * 4096]  # blocks of 4160, from here on
         place, edit = "--block 4160 --first-lba 0x1fffffffe", functools.partial(edited, block=4160)
         t10, crc32c = (protected(ten, 4160, version, 0x1FFFFFFFE) for version in (T10, CRC32C))
         for command, before, after in (
-            ("protect --lba 100", RAW, IMAGE),
             ("protect --lba 100 --entry 520", RAW, IMAGE),
-            ("protect --lba 100 --entry 33280", RAW, IMAGE),
             ("protect --block 4160 --crc crc32c --lba 2", RAW, large),
             ("protect --block 4160 --no-lba", ten, protected(ten, 4160, T10, None)),
-            ("strip --lba 100", IMAGE, RAW),
             ("strip --lba 100 --entry 545259520", IMAGE, RAW),
             ("strip --block 4160 --no-lba --entry 4160", large, RAW),
             ("fold --first-lba 100 --crc crc32c --lba 2", IMAGE, large),
-            ("fold --no-lba", IMAGE, protected(RAW, 4160, T10, None)),
-            ("relabel --first-lba 100 --lba 9", IMAGE, at9),
             ("relabel --first-lba 100 --lba 9 --bitmap 6199,2040-0x802,2050-2060", IMAGE,
              edited(IMAGE, *((i, LBA, (9 + i).to_bytes(4, "big")) for i in [*range(2040, 2061), 6199]))),
             ("inject --first-lba 100 --at 103,3000 --lba 12", IMAGE,
@@ -150,7 +145,6 @@ class DifctlTest(unittest.TestCase):
             (f"inject {place} --at 8589934594,2 --lba 0x1000000ff", t10,
              edit(t10, (4, LBA, b"\0\0\0\xFF"), (5, LBA, b"\0\0\1\0"))),
             (f"inject {place} --at 8589934597,2 --bst", t10, edit(t10, (7, FLAGS, b"\3"), (8, FLAGS, b"\3"))),
-            (f"relabel {place} --crc crc32c", t10, crc32c),
             (f"relabel {place} --version-only --crc crc32c --bitmap 9", t10, edit(t10, (9, VERSION, b"\x29"))),
             (f"relabel {place} --lba 77 --crc t10", edit(crc32c, (7, FLAGS, b"\3")),
              edit(protected(ten, 4160, T10, 77), (7, FLAGS, b"\3"))),
@@ -216,8 +210,14 @@ class DifctlTest(unittest.TestCase):
                 "report": {key: key in holds for key in answers.values()}})
         result = json.loads(self.run_tool("verify", "--json", "--no-lba", self.write(b"\xff", IMAGE)))
         self.assertEqual((result["image"], result["failed_blocks"], "report" in result), ("\ufffd", [], False))
-        for args in ["-v", "verify"], ["verify", "-v"]:  # the library's own words, on demand
-            self.run_tool(*args, "--lba", "100", "img", status=1, says=re.compile(".*NOTICE.*"))
+        self.run_tool("verify", "-v", "--lba", "100", "img", status=1, says=re.compile(".*NOTICE.*"))
+        for _ in range(2):  # the second file replaces the first
+            stats = self.run_tool("verify", "--all", "--lba", "100", "--stats", "--metrics", "m.prom", "img", status=1)
+        counters = re.search(rb"DIFCTL_IMAGE_VERIFY +0 +(\d+) +(\d+) +(\d+)\n", stats).groups()
+        metrics = pathlib.Path("m.prom").read_bytes()
+        for kind, count in zip((b"lba", b"crc", b"version"), counters):
+            self.assertIn(b'kind="%s_error"} %s\n' % (kind, count), metrics.replace(b'mid="2"', b""))
+            self.assertGreater(int(count), 0)
 
     def test_verify_questions(self):
         t10, crc32c = protected(RAW[:1024], lba=None), protected(RAW[:512], 520, CRC32C, None)
@@ -230,15 +230,11 @@ class DifctlTest(unittest.TestCase):
         for image, options, faults, holds in (
             (zero, "--report", {}, ["all_lba_valid", "all_zero"]),
             (edited(zero, (0, FLAGS, b"\3")) + t10, "--report --no-lba", {}, ["have_bst"]),
-            (bytes(5 * 520), "--report", {}, ["all_zero", "version_zero"]),
             (bytes(2048 * 520) + protected(RAW[:512], lba=2048), "--report", {}, ["version_zero"]),
-            (t10 + crc32c, "--report --lba 9", {}, ["not_t10"]),
             (t10 + crc32c + bytes(520), "--all --crc t10", {2: "version", 3: "version"}, []),
             (t10 + crc32c + bytes(520), "--all --crc crc32c", {0: "version", 1: "version", 3: "version"}, []),
             (t10 + crc32c, "--crc crc32c", {0: "version"}, []), (standard, f"--standard --lba {first}", {}, []),
-            (bad, f"--standard --lba {first}", {3: "guard"}, []),
             (bad, f"--standard --lba {first} --all --entry 1040", {3: "guard", 18: "guard", 20: "LBA", 39: "LBA"}, []),
-            (bad, "--standard --no-lba --all", {3: "guard", 18: "guard", 20: "guard"}, []),
         ):
             result = self.run_tool("verify", "--json", *options.split(), "-", input=image, status=int(bool(faults)))
             result = json.loads(result)
@@ -254,97 +250,58 @@ class DifctlTest(unittest.TestCase):
                                    "LBA 9 (expected 0); wrong: guard LBA",
             "1234 34 00 00000007": "guard 1234, version 0x34 no-crc, flags 0x00, LBA 7",
             "0000 1f 00 00000000": "guard 0000, version 0x1f invalid, flags 0x00, LBA 0; wrong: version",
-            "0000 ff 01 00000000": "guard 0000, version 0xff unknown, flags 0x01 bst, LBA 0; wrong: version",
             "0000 ff ff 00000000": "guard 0000, version 0xff unknown, flags 0xff bst lba-valid, LBA 0; "
                                    "exempt from checks",
         }
         lines = [f"block {index}, LBA {0x1FFFFFFFE + index}: {text}\n" for index, text in enumerate(shown_as.values())]
         self.write("img", b"".join(bytes(512) + bytes.fromhex(fields) for fields in shown_as))
         base = ["show", "--lba", "0x1fffffffe", "img", "--at"]
-        self.assertEqual(self.run_tool(*base, "0x1fffffffe,7").decode(), "".join(lines))
+        self.assertEqual(self.run_tool(*base, "0x1fffffffe,6").decode(), "".join(lines))
         self.assertEqual(self.run_tool(*base, str(0x1FFFFFFFE + 4)).decode(), lines[4])
-        large = protected(RAW[: 600 * 4096], 4160, CRC32C, 100)  # three requests
-        lines = self.run_tool("show", "--block", "4160", "--lba", "100", self.write("img", large), "--at", "199,450")
-        self.assertEqual(lines.count(b"expected"), 900)
-        self.assertEqual(re.findall(r"block (\d+)|(wrong)", lines.decode()), [(str(i), "") for i in range(99, 549)])
-
-    def test_stats_and_metrics(self):
-        self.write("img", DAMAGED)
-        for _ in range(2):  # the second file replaces the first
-            stats = self.run_tool("verify", "--all", "--lba", "100", "--stats", "--metrics", "m.prom", "img", status=1)
-        counters = re.search(rb"DIFCTL_IMAGE_VERIFY +0 +(\d+) +(\d+) +(\d+)\n", stats).groups()
-        metrics = pathlib.Path("m.prom").read_bytes()
-        for kind, count in zip((b"lba", b"crc", b"version"), counters):
-            self.assertIn(b'kind="%s_error"} %s\n' % (kind, count), metrics.replace(b'mid="2"', b""))
-            self.assertGreater(int(count), 0)
-        self.refused("verify", "--metrics", "no/where", "img", "--lba", "100", says="no/where: cannot create a file")
+        large = self.write("img", protected(RAW[: 600 * 4096], 4160, CRC32C, 100))  # three requests
+        lines = self.run_tool("show", "--block", "4160", "--lba", "100", large, "--at", "199,450").decode()
+        self.assertEqual(re.findall(r"block (\d+)|(wrong)", lines), [(str(i), "") for i in range(99, 549)])
 
     def test_refusals(self):
-        for name, content in (("raw", RAW[:4096]), ("odd", RAW[:1000]), ("empty", b""), ("taken", b"old"),
-                              ("good", bytes(8 * 520)), ("nine", bytes(9 * 520)), ("big", bytes(6200 * 520))):
+        for name, content in (("raw", RAW[:4096]), ("odd", RAW[:1000]), ("taken", b"old"), ("good", bytes(8 * 520))):
             self.write(name, content)
-        os.mkdir("folder"), os.mkfifo("fifo"), os.symlink("nowhere", "link")
+        os.mkfifo("fifo")
         for command, says in {
             "protect odd new": "odd: length 1000 is not whole blocks of 512 bytes: 488 bytes are left after 1 blocks",
-            "protect empty new": "empty: is empty, an image has at least one block",
-            "protect missing new": "missing: cannot open: No such file",
-            "protect folder new": "folder: is a directory",
             "protect raw fifo --force": "fifo: is not a regular file; write to '-' and redirect that",
-            "protect raw missing/new": "missing/new: cannot create a file in missing: No such file",
             "protect raw taken": "taken: exists already; --force replaces it",
-            "protect raw link": "link: exists already",
-            "protect --block 512 raw new": "--block: 512 not in {520,4160}; --help tells more",
             "protect --lba -1 raw new": "--lba: '-1' is not a number from 0 to 18446744073709551615",
-            "protect --lba 1 --no-lba raw new": "excludes",
-            "protect --crc crc64 raw new": "crc64 not in {t10,crc32c}",
-            "protect raw": "DST is required",
             "": "a command: protect, verify, strip, show, inject, relabel, convert, fold, shell, attach or selftest",
             "verify --entry 0 --block 4160 good": "--entry 0: a list entry holds whole blocks of 4160 bytes, at least",
-            "verify --standard --crc t10 good": "excludes",
             "verify --standard --report good": "excludes",
-            "verify --stats --json good": "excludes",
             "show - --at 0": "standard input: has no known length",
             "show good --at 0,0": "--at '0,0': is not an LBA or LBA,COUNT with a COUNT from 1 on",
-            "inject --at 0 --bst -": "standard input: cannot be changed in place; name a file",
             "inject --at 0 good": "no fault is asked for; give at least one of --version, --crc, --lba and --bst",
             "inject --at 6,3 --bst good": "--at 6,3: is not all in good, whose 8 blocks start at LBA 0",
-            "inject --at 20 --bst good": "--at 20,1: is not all in good",
-            "verify --entry 1000 good": "--entry 1000: a list entry holds whole blocks of 520 bytes",
-            "inject --at 0 --version 256 good": "--version: '256' is not a number from 0 to 255",
-            "inject --at 0 --crc 0x10000 good": "--crc: '0x10000' is not a number from 0 to 65535",
-            "relabel --lba 1 missing": "missing: cannot open for writing: No such file",
-            "relabel good": "relabel: no field is asked for; give at least one of --lba, --crc and --version-only",
-            "relabel --lba 1 --version-only good": "excludes",
             "relabel --lba 1 --bitmap 0,5-3 good": "--bitmap '0,5-3': '5-3' is neither a block nor a range FIRST-LAST",
-            "relabel --lba 1 --bitmap 18446744073709551615 good": "is neither a block",
-            "relabel --lba 1 --bitmap 2-8,1 good": "good has no block 8, its 8 blocks count from 0",
-            "fold nine new": "nine: has 1 blocks beyond a multiple of 8",
+            "verify --metrics no/where good": "no/where: cannot create a file",
             "attach nowhere.sock metrics": "nowhere.sock: cannot run a command through this socket: No such file",
+            "relabel --lba 1 --bitmap 2-8,1 good": "good has no block 8, its 8 blocks count from 0",
         }.items():
             with self.subTest(command):
                 self.refused(*command.split(), says=says)
         end, terminal = pty.openpty()
         full = os.open("/dev/full", os.O_WRONLY)
-        limit = lambda size: {"preexec_fn": lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (size, size))}
         for command, says, kwargs in (
             ("verify -", "standard input: is empty", {"input": b""}),
-            ("protect - new", "standard input: length 1000 is not", {"input": RAW[:1000]}),
             ("protect - -", "488 bytes are left after 4097 blocks; what was written to standard output cannot be",
              {"input": RAW[: 4097 * 512 + 488]}),
             ("fold - new", "standard input: has 1 blocks beyond a multiple of 8", {"input": bytes(9 * 520)}),
             ("protect raw -", "standard output: cannot write at offset 0: No space", {"stdout": full}),
             ("protect raw -", "standard output: is a terminal; redirect it", {"stdout": terminal}),
             ("verify good", "standard output: cannot write the results: No space", {"stdout": full}),
-            ("protect - new", "new: cannot write at offset 1048576: File too large", {"input": RAW, **limit(1 << 20)}),
-            ("relabel --force --lba 1 big", "offset 2129920: File too large; the blocks before block 4096 of 6200 are",
-             limit(2129920)),
         ):
             with self.subTest(command):
                 self.refused(*command.split(), says=says, **kwargs)
         self.is_file("taken", b"old"), self.is_file("good", bytes(8 * 520))
-        os.chmod("raw", 0), os.chmod(".", 0o755)
-        user = {"user": 65534} if os.getuid() == 0 else {}
-        self.refused("verify", "raw", says="raw: cannot open: Permission denied", **user)
+        os.chmod("raw", 0)  # which root heeds without CAP_DAC_OVERRIDE and CAP_DAC_READ_SEARCH
+        heed = lambda: [LIBC.prctl(24, capability) for capability in (1, 2) if os.getuid() == 0]  # PR_CAPBSET_DROP
+        self.refused("verify", "raw", says="raw: cannot open: Permission denied", preexec_fn=heed)
 
     def test_streams_and_names(self):
         self.write("raw", RAW), self.write("img", IMAGE)
@@ -353,51 +310,28 @@ class DifctlTest(unittest.TestCase):
             self.assertIn(b"blocks checked 200, failed 0", self.run_tool("verify", "--lba", "6100", "-", stdin=image))
         stream, into = os.pipe()
         os.set_blocking(into, False)
-        packets, feed = os.pipe2(os.O_DIRECT)  # reads end inside blocks
-        with running("protect", "--lba", "100", "-", "-", stdin=packets, stdout=into), open(stream, "rb") as image:
-            os.close(into)
-            for at in range(0, 2000 * 512, 700):
-                os.write(feed, RAW[at : min(at + 700, 2000 * 512)])
-            os.close(feed), os.close(packets)
-            self.assertTrue(image.read() == IMAGE[: 2000 * 520])
-        os.chmod("raw", 0o666), os.symlink("raw", "link")
-        old = os.umask(0o007)
-        self.run_tool("protect", "--lba", "100", "raw", "new")
-        os.umask(old)
-        self.assertEqual(os.stat("new").st_mode & 0o777, 0o660)
+        dd = ["dd", "if=raw", "bs=700", "status=none"]  # of which reads end inside blocks
+        with subprocess.Popen(dd, stdout=subprocess.PIPE) as odd, open(stream, "rb") as image:
+            with running("protect", "--lba", "100", "-", "-", stdin=odd.stdout, stdout=into):
+                os.close(into)
+                self.assertTrue(image.read() == IMAGE)
+        os.symlink("raw", "link")
         self.run_tool("protect", "--force", "--lba", "100", "raw", "link")
         self.assertTrue(os.path.islink("link"))
         self.is_file("raw", IMAGE)
 
-    def test_interrupts(self):
-        for number in signal.SIGINT, signal.SIGTERM, signal.SIGHUP:
-            for destination, left in (("new", "nothing new is left at new"),
-                                      ("-", "what was written to standard output cannot be undone")):
-                with running("protect", "-", destination, feed=RAW[: 2 << 20], stdout=subprocess.DEVNULL) as (tool, _):
-                    tool.send_signal(number)
-                    self.ended(tool, f"difctl: interrupted by {number.name}; {left}\n")
-            self.assertEqual(os.listdir("."), [])
-        ignore = lambda: signal.signal(signal.SIGINT, signal.SIG_IGN)
-        with running("protect", "-", "new", feed=RAW[: 2 << 20], preexec_fn=ignore) as (tool, _):
-            tool.send_signal(signal.SIGINT)
-            tool.stdin.close()
-            self.ended(tool, "", status=0)
-
     def test_interrupts_in_place(self):
         blocks = 1 << 30
         os.truncate(self.write("img", b""), blocks * 520)  # zeros, which pass
-        for force, field, says in (([], "rchar", "nothing is changed"),
-                                   (["--force"], "wchar", rf"the blocks before block (\d+) of {blocks} are done")):
-            with running("relabel", "--lba", "1", *force, "img") as (tool, _):
-                process = pathlib.Path(f"/proc/{tool.pid}")
-                while int(re.search(field + r": (\d+)", (process / "io").read_text())[1]) < 100 << 20:
-                    time.sleep(0.01)
-                peak = int(re.search(r"VmHWM:\s*(\d+)", (process / "status").read_text())[1])
-                self.assertEqual(os.stat("img").st_blocks > 0, bool(force))
-                tool.send_signal(signal.SIGINT)
-                done = self.ended(tool, f"difctl: interrupted by SIGINT; {says}\n")
-            self.assertTrue(SANITIZED or peak < 64 << 10, f"{peak} KiB of memory")
-        reached = int(done[1])
+        with running("relabel", "--lba", "1", "--force", "img") as (tool, _):
+            process = pathlib.Path(f"/proc/{tool.pid}")
+            while int(re.search(r"wchar: (\d+)", (process / "io").read_text())[1]) < 100 << 20:
+                time.sleep(0.01)
+            peak = int(re.search(r"VmHWM:\s*(\d+)", (process / "status").read_text())[1])
+            tool.send_signal(signal.SIGINT)
+            says = rf"difctl: interrupted by SIGINT; the blocks before block (\d+) of {blocks} are done\n"
+            reached = int(self.ended(tool, says)[1])
+        self.assertTrue(SANITIZED or peak < 64 << 10, f"{peak} KiB of memory")
         self.assertEqual(reached % 2048, 0)
         with open("img", "rb") as image:
             tuples = image.read(reached * 520)
@@ -411,15 +345,17 @@ class DifctlTest(unittest.TestCase):
             tool.stdin.close()
             self.ended(tool, "difctl: new: has appeared meanwhile and is left as it is; --force replaces it\n")
         self.is_file("new", b"of another")
+        ignore = lambda: signal.signal(signal.SIGINT, signal.SIG_IGN)
+        with running("protect", "--force", "-", "new", feed=RAW[: 2 << 20], preexec_fn=ignore) as (tool, _):
+            tool.send_signal(signal.SIGINT)
+            tool.stdin.close()
+            self.ended(tool, "", status=0)
         os.truncate(self.write("raw", b""), 256 << 20)
         with running("protect", "raw", "-", stdout=subprocess.PIPE) as (tool, _):
             tool.stdout.read(1)  # it has begun, and the full pipe holds it
             os.truncate("raw", 128 << 20)
             tool.stdout.read()
             self.ended(tool, "difctl: raw: changed its length while it was read: 268435456 bytes at first, .*\n")
-        with running("protect", "-", "-", feed=RAW[: 2 << 20], stdout=subprocess.PIPE) as (tool, _):
-            tool.stdout.close()  # while it waits for input
-            self.ended(tool, "difctl: standard output: .*Broken pipe.*\n")
 
     def test_system_calls(self):
         self.write("raw", RAW), self.write("img", IMAGE)
@@ -433,102 +369,58 @@ class DifctlTest(unittest.TestCase):
             calls = pathlib.Path("calls").read_text()
             self.assertEqual(re.findall(r"(?m)^\d+ +((?!readv)\w+)", calls), expected, command)
         self.assertIn(f"<{os.getcwd()}>)", calls.splitlines()[-1])  # the directory is on stable storage, too
-        os.remove("new")
-        for command, call, error, says in (
-            ("protect raw new", "fsync", "EIO", "new: cannot bring its 3224000 bytes to stable storage: Input"),
-            ("protect raw new", "renameat2", "EIO", "new: cannot give the file its name: Input/output error"),
-            ("protect raw new", "readv", "EIO:when=2", "raw: cannot read at offset 524288: Input/output error"),
-            ("relabel --force --lba 1 img", "fsync", "EIO", "img: cannot bring the changes to stable storage: "
-             "Input/output error; the blocks before block 6200 of 6200 are done"),
-            ("verify --no-lba img", "readv", "EINTR:when=1", None),
-            ("protect --force raw copy", "writev", "EINTR:when=2", None),
-            ("protect raw linked", "renameat2", "EINVAL", None),
-            ("protect raw new", "fsync", "EINVAL:when=2", None),
-            ("protect --force raw new", "fsync", "EIO:when=2", "cannot bring the directory to stable storage: Input"),
-        ):
-            with self.subTest(f"{command}: {call} {error}"):
-                run = self.refused if says else self.run_tool
-                run(*command.split(), under=[*strace, f"inject={call}:error={error}"], env=env, says=says or ())
-        self.assertEqual(sorted(os.listdir(".")), ["calls", "copy", "img", "linked", "new", "raw"])
 
     def test_progress(self):
-        for size, bar in ((256 << 20, r"\[#{7,8}\.{22,23}\]  2[567]%  \d\d of 256 MiB  \d+ MiB/s  0:\d\d left"),
-                          (16 << 30, r"\[\.{30}\]   0%  \d\d of 16384 MiB  \d+ MiB/s  \d+:\d\d left"),
-                          (1 << 40, r"\[\.{30}\]   0%  \d\d of 1048576 MiB  \d+ MiB/s  \d+:\d\d:\d\d left")):
-            os.truncate(self.write("raw", b""), size)
-            with running("protect", "raw", "-", on_terminal=["stderr"], stdout=subprocess.PIPE) as (tool, end):
-                tool.stdout.read(64 << 20)
-                time.sleep(0.6)  # it waits that long before it shows anything
-                tool.stdout.read(4 << 20)
-                shown(end, rf"\r\x1b\[K\x1b\[\?7l{bar}\x1b\[\?7h$")
-                if size == 256 << 20:
-                    tool.stdout.read()
-                    text = shown(end)
-                    self.assertEqual((text[-4:], text.count("left") < 20), ("\r\x1b[K", True))
-                else:
-                    tool.terminate()
-                    self.assertIn("\r\x1b[Kdifctl: interrupted by SIGTERM; what was written", shown(end))
-        for verbose, text in (["-v"], "^(?s:(?!MiB).)*$"), ([], r"\x1b\[\?7l[123] MiB  \d MiB/s\x1b\[\?7h\r\x1b\[K$"):
-            streams = {"on_terminal": ["stderr"], "stdout": subprocess.DEVNULL}
-            with running(*verbose, "protect", "-", "-", feed=RAW[: 2 << 20], **streams) as (tool, end):
-                time.sleep(0.6)
-                os.write(tool.stdin.fileno(), RAW[: 1 << 20])
-                tool.stdin.close()
-                self.assertRegex(shown(end), text)
+        os.truncate(self.write("raw", b""), 256 << 20)
+        bar = r"\[#{7,8}\.{22,23}\]  2[567]%  \d\d of 256 MiB  \d+ MiB/s  0:\d\d left"
+        with running("protect", "raw", "-", on_terminal=["stderr"], stdout=subprocess.PIPE) as (tool, end):
+            tool.stdout.read(64 << 20)
+            time.sleep(0.6)  # it waits that long before it shows anything
+            tool.stdout.read(4 << 20)
+            shown(end, rf"\r\x1b\[K\x1b\[\?7l{bar}\x1b\[\?7h$")
+            tool.terminate()
+            self.assertIn("\r\x1b[Kdifctl: interrupted by SIGTERM; what was written", shown(end))
+        streams = {"on_terminal": ["stderr"], "stdout": subprocess.DEVNULL}
+        with running("protect", "-", "-", feed=RAW[: 2 << 20], **streams) as (tool, end):
+            time.sleep(0.6)
+            os.write(tool.stdin.fileno(), RAW[: 1 << 20])
+            tool.stdin.close()
+            self.assertRegex(shown(end), r"\x1b\[\?7l[123] MiB  \d MiB/s\x1b\[\?7h\r\x1b\[K$")
 
     def test_shell_and_selftest(self):
         usage = "Error: selftest takes two numbers at most.\nUsage:\n        selftest [TIMES [LEN]] "
-        for script, status, says in (
-            ("dif showdifswitch\n\n", 0, "dif switch status: on\n"), ("nonsense\nexit\nmetrics\n", 2, "'nonsense'"),
-            ("nonsense\nquit\nmetrics\n", 2, "'nonsense'"), ("nonsense\nhelp\n", 2, "selftest              compare"),
-            ("selftest 1 2 3\n", 2, usage), ("selftest x\n", 2, usage), ("selftest 0x2 64\n", 0, "Test PASS"),
-        ):
+        for script, status, says in (("nonsense\nquit\nmetrics\n", 2, "'nonsense'"),
+                                     ("nonsense\nhelp\n", 2, "selftest              compare"),
+                                     ("selftest 1 2 3\n", 2, usage), ("selftest 0x2 64\n", 0, "Test PASS")):
             out = self.run_tool("shell", input=script.encode(), status=status).decode()
             self.assertIn(says, out)
             self.assertNotIn("dif_switch", out)  # what stands behind the end
-        self.run_tool("shell", "--cli", input=b"dif showverifylevel\n")
         self.run_tool("shell", "--cli", input=b"dif showdifswitch\n", status=2)
         self.assertIn(b"Test PASS", self.run_tool("selftest", "--times", "3", "--len", "513"))
         self.run_tool("selftest", "--len", "0", status=1)
         self.write("raw.img", b"")
-        for options, dialogue in (
-            ([], (("hel\tdi\t\r", "SYNOPSIS"), ("nonsense\r", "unknown command 'nonsense'"), ("\x1b[A\r", "'nonsense'"),
-                  ("dif showd\t\r", "dif switch status: on"), ("dif ra\t\r", "dif ra\r\n"), ("\x04", "\r\n"))),
-            (["--cli"], (("dif showd\t\r", "dif showd\r\n"), ("quit\r", "quit\r\n"))),
-        ):
-            with running("shell", *options, on_terminal=["stdin", "stdout", "stderr"]) as (tool, end):
-                shown(end, "dif> $")
-                for typed, answer in dialogue:
-                    while termios.tcgetattr(end)[3] & termios.ICANON:
-                        time.sleep(0.01)
-                    os.write(end, typed.encode())
-                    self.assertIn(answer, shown(end, "dif> $"))
-                self.assertEqual(tool.wait(timeout=20), 0)
+        with running("shell", on_terminal=["stdin", "stdout", "stderr"]) as (tool, end):
+            shown(end, "dif> $")
+            for typed, answer in (("hel\tdi\t\r", "SYNOPSIS"), ("nonsense\r", "unknown command 'nonsense'"),
+                                  ("\x1b[A\r", "'nonsense'"), ("dif showd\t\r", "dif switch status: on"),
+                                  ("dif ra\t\r", "dif ra\r\n"), ("\x04", "\r\n")):
+                while termios.tcgetattr(end)[3] & termios.ICANON:
+                    time.sleep(0.01)
+                os.write(end, typed.encode())
+                self.assertIn(answer, shown(end, "dif> $"))
+            self.assertEqual(tool.wait(timeout=20), 0)
 
-    @unittest.skipIf(SANITIZED, "Python cannot load libraries with a sanitizer")
     def test_attach(self):
-        run = ctypes.CFUNCTYPE(ctypes.c_int32, ctypes.c_int32, ctypes.POINTER(ctypes.c_char_p))
-
-        class Command(ctypes.Structure):
-            _fields_ = [("name", ctypes.c_char * 20), ("description", ctypes.c_char * 64), ("run", run), ("help", run)]
-
-        @run
-        def tell_words(count, words):
-            host.DBG_Print(b"%s", repr(words[1:count]).encode())
-            return count - 1
-
-        libraries = DIFCTL.parent.parent / "lib"
-        host = ctypes.CDLL(libraries / "libdif_host.so.1", ctypes.RTLD_GLOBAL)
-        ctypes.CDLL(libraries / "libdif.so.1", ctypes.RTLD_GLOBAL)
-        for register, name in (host.DBG_RegCmd, b"shell"), (host.DBG_RegCmdToCLI, b"cli"):
-            self.assertEqual(register(ctypes.byref(Command(name, b"", tell_words, tell_words))), 0)
-        self.assertEqual(host.difHostOpenControlSocket(b"sock"), 0)
-        for words in ["cli", "--cli"], ["shell"], ["shell", "two  words", "it's", '"', "back\\slash", "", "$HOME", "*"]:
-            heard = [word.encode() for word in words[1:] if word != "--cli"]
-            said = self.run_tool("attach", "sock", *words, status=2 if heard else 0)
-            self.assertEqual(said.decode(), repr(heard))
-        self.assertIn(b"unknown command 'cli'", self.run_tool("attach", "sock", "cli", status=2))
-        host.difHostCloseControlSocket()
+        with socket.socket(socket.AF_UNIX) as server:
+            server.bind("sock"), server.listen()
+            for options, shell, status in (["--cli"], "cli", 0), ([], "diagnose", 7):
+                words = ["two  words", "it's", '"', "back\\slash", "", "$HOME", "*", "a"]
+                with running("attach", "sock", *options, *words, stdout=subprocess.PIPE) as (tool, _):
+                    with server.accept()[0] as client:
+                        self.assertEqual(shlex.split(client.recv(4096).decode()), [shell, *words])
+                        client.sendall(b"text\0%d\n" % status)
+                    self.assertEqual(tool.stdout.read(), b"text")
+                    self.ended(tool, "", status=2 if status else 0)
 
     def test_help(self):
         self.assertRegex(self.run_tool("--version"), rb"^difctl \d+\.\d+\.\d+\n$")

@@ -16,8 +16,6 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
-#include <random>
-#include <sstream>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -61,12 +59,6 @@ int32_t refuse(int32_t argc, char **) {
     return DBG_ShowUsageAndErrMsg(argc > 1 ? "Error: no." : nullptr);
 }
 
-int32_t nest(int32_t, char **argv) { /* runs another line, whose output goes elsewhere */
-    DBG_Print("<");
-    const Result inner = run(argv[1]);
-    return DBG_Print(">%s", inner.second.c_str()), inner.first;
-}
-
 int32_t reopen(int32_t, char **argv) {
     return difHostCloseControlSocket(), difHostOpenControlSocket(argv[1]);
 }
@@ -79,21 +71,11 @@ int32_t help(const char *name, uint32_t detail) { /* asks for the usage, which m
 constexpr DbgCmdReg kWords[] = {{"echo", "shows its words", echo, help},
                                 {"spill", "", spill, help},
                                 {"refuse", "", refuse, help},
-                                {"nest", "", nest, help},
                                 {"reopen", "", reopen, help}};
 
-/* Registers points with the name in every module but the library's own. */
-void registerAll(const std::string &name, uint8_t count) {
-    std::vector<VerifyPointDesc> points;
-    for (uint8_t id = 1; id <= count; ++id)
-        points.push_back({id, name.c_str()});
-    for (uint32_t mid = 1; mid < DIF_MID_BUTT; ++mid)
-        ASSERT_EQ(difRegistVerifyPoint(mid, points.data(), count, "test", 1), DIF_OK);
-}
-
-void log(uint32_t count, uint32_t level = DIF_HOST_LOG_ERROR) {
+void log(uint32_t count) {
     for (uint32_t i = 0; i < count; ++i)
-        hostlog(9, level, "file", 42, "func", 4660, "line %u", i);
+        hostlog(9, DIF_HOST_LOG_ERROR, "file", 42, "func", 4660, "line %u", i);
 }
 
 /* Makes standard error a pipe that nobody reads, and returns the end to read it from. */
@@ -102,7 +84,8 @@ int stickStandardError() {
     EXPECT_EQ(pipe2(ends, O_NONBLOCK), 0);
     while (write(ends[1], "\n", 1) == 1)
         ;
-    fcntl(ends[1], F_SETFL, 0);
+    for (const int end : ends)
+        fcntl(end, F_SETFL, 0);
     dup2(ends[1], STDERR_FILENO);
     close(ends[1]);
     return ends[0];
@@ -129,11 +112,6 @@ protected:
             EXPECT_EQ(DBG_UnRegCmd(word.name), 0);
         std::filesystem::remove_all(directory);
     }
-    static std::string content(const std::string &file) {
-        std::ostringstream text;
-        text << std::ifstream(file).rdbuf();
-        return text.str();
-    }
     Result attach(const std::string &line, int wanted = 0, int registry = DIF_HOST_DIAGNOSE) {
         Result result;
         EXPECT_EQ(difHostAttach(path.c_str(), registry, line.c_str(), collect, &result.second, &result.first), wanted);
@@ -156,34 +134,22 @@ protected:
         EXPECT_EQ(listen(fd, 0), 0);
         return fd;
     }
-    static std::string readAll(int fd) { /* to the end, which closes it */
+    static std::string readAll(int fd, useconds_t pause = 0) { /* to the end, which closes it */
         std::string text;
         char piece[4096];
-        for (ssize_t size; (size = read(fd, piece, sizeof piece)) > 0;)
+        for (ssize_t size; (size = read(fd, piece, sizeof piece)) > 0; usleep(pause))
             text.append(piece, static_cast<size_t>(size));
         close(fd);
         return text;
     }
+    static std::string content(const std::string &file) { return readAll(open(file.c_str(), O_RDONLY)); }
     std::string path, directory = "/tmp/host_test.XXXXXX";
 };
 
 TEST_F(Host, SplitsLinesAsTheShellDoes) {
-    const auto shell = [](const std::string &line) {
-        std::string output(1000, '\0');
-        setenv("LINE", line.c_str(), 1);
-        FILE *const pipe = popen("eval \"printf '[%s]' $LINE\" 2>/dev/null", "r");
-        output.resize(fread(output.data(), 1, output.size(), pipe));
-        return pclose(pipe) == 0 ? output : "open quote";
-    };
-    std::vector<std::string> lines = {"a\\\nb", "\"a\\\nb\" c", R"("\a\$\`\"\\" '\a"')", "\"a\nb\"\tc"};
-    std::mt19937 random(1);
-    for (int i = 0; i < 150; ++i)
-        for (lines.emplace_back("x"); random() % 16 != 0;)
-            lines.back() += "ab \t\t'\"\\"[random() % 8];
-    for (const std::string &line : lines) {
-        const Result result = run("echo " + line);
-        EXPECT_EQ(result.first == EINVAL ? "open quote" : result.second, shell(line)) << line;
-    }
+    EXPECT_EQ(run(R"(echo  a\ b"c d"'e f' '' "" \'\"\\)").second, R"([a bc de f][][]['"\])");
+    EXPECT_EQ(run(R"(echo "\a\$\`\"\\'" '\a\' \$\a)").second, R"([\a$`"\'][\a\][$a])");
+    EXPECT_EQ(run("echo\ta\\\nb \"c\\\nd\" \"e\nf\" \\\n g").second, "[ab][cd][e\nf][g]");
     EXPECT_EQ(run("echo 'a b' \"c"), Result(EINVAL, "Error: the quote \" at column 12 is not closed.\n"));
     EXPECT_EQ(run(" \t"), Result(0, ""));
 }
@@ -218,10 +184,7 @@ TEST_F(Host, Registries) {
         EXPECT_EQ(unregist(nullptr), EINVAL);
     }
     EXPECT_EQ(run("echo", DIF_HOST_CLI).first, ENOENT);
-    for (const int result :
-         {run("echo", 2).first, difHostForEachCommand(-1, add, &words), difHostRunCommand(0, nullptr, collect, nullptr),
-          difHostForEachCommand(0, nullptr, nullptr)})
-        EXPECT_EQ(result, EINVAL);
+    EXPECT_EQ(run("echo", 2).first, EINVAL);
 }
 
 TEST_F(Host, CommandsHelpAndUsage) {
@@ -230,7 +193,6 @@ TEST_F(Host, CommandsHelpAndUsage) {
     EXPECT_EQ(run("a\x1B"), Result(ENOENT, "Error: unknown command 'a\\x1b', 'help' lists the commands.\n"));
     EXPECT_EQ(run("help a\x1B"), run("a\x1B"));
     EXPECT_PRED2(matches, run("help a b").second, "Error: help takes one word at most.\nUsage:\n        help .WORD.\n");
-    EXPECT_EQ(run("nest 'echo young'"), Result(2, "<>[young]"));
     EXPECT_EQ(run("help echo"), Result(0, "(echo 1)\nUsage:\n        help [WORD]\n"));
     EXPECT_PRED2(matches, run("help help").second + run("help metrics").second,
                  "SYNOPSIS\n        help  +: list the commands.\n        help WORD  +: show .*\n"
@@ -238,41 +200,15 @@ TEST_F(Host, CommandsHelpAndUsage) {
     EXPECT_PRED2(matches, run("help").second,
                  "dif                   diagnose function of dif\n\n        dif showverifylevel\n.*"
                  "echo                  shows its words\n\\(echo 0\\)\n.*        help .WORD.\n.*        metrics\n.*");
+    for (const int registry : {DIF_HOST_DIAGNOSE, DIF_HOST_CLI}) {
+        EXPECT_PRED2(matches, run("dif showverifylevel", registry).second, "\n  module id .* reserved {22}2\n");
+        EXPECT_PRED2(matches, run("dif x", registry).second, "Error: invalid input!\nUsage:\n\n        dif showv.*");
+    }
+    EXPECT_EQ(run("dif showdifswitch", DIF_HOST_CLI).first, EINVAL);
     ::testing::internal::CaptureStdout();
     difHostRunCommand(DIF_HOST_DIAGNOSE, "echo out", nullptr, nullptr);
     DBG_Print("%d", DBG_ShowUsageAndErrMsg("alone"));
     EXPECT_EQ(::testing::internal::GetCapturedStdout(), "[out]alone\n22");
-}
-
-TEST_F(Host, DifCommands) {
-    registerAll(std::string(39, 'n'), 2);
-    setDifVerifyLevelByMid(9, 4);
-    for (const int kind : {0, 0, 0, 0, 1, 2, 2, 3, 3, 3})
-        difVerifyStatisticAdd(9, 1, kind);
-    const std::string one = " +1 {16}n{39} ", two = " {32}2 {16}n{39} ", zeros = "( {21}0){3,4}\n";
-    for (const int registry : {DIF_HOST_DIAGNOSE, DIF_HOST_CLI}) {
-        EXPECT_PRED2(matches, run("dif showverifylevel", registry).second,
-                     "\n  module id   module name        verify level  \n  -{10}  -{16}  -{13}  \n"
-                     "  0           DIF_MID_DEBUG {17}2\n(.*\n){8}  9           DIF_MID_SASINI {16}4\n"
-                     "(  1[0-5]          reserved {22}2\n){6}");
-        const std::string results = run("dif showverifyresult", registry).second;
-        EXPECT_PRED2(matches, results,
-                     "\n  module_id   module_name       verify_point_id  verify_point_name( {36}verify_ok)? +lba_error "
-                     "{13}crc_error {9}version_error\n  -{10}  -{16}  -{15}  -{40}(  -{20}){3,4}\n"
-                     "  0           DIF_MID_DEBUG     1 {16}DEBUG_MOD_COMMON_VERIFY_POINT {11}" +
-                         zeros + "(  [1-8]           DIF_MID_[A-Z]+" + one + zeros + two + zeros +
-                         "){8}"
-                         "  9           DIF_MID_SASINI" +
-                         one + zeros + two + "( {21}4)? {21}2 {21}3 {21}1\n");
-        EXPECT_EQ(results.size(), 1u + 21 * (registry == DIF_HOST_CLI ? 156 : 178)); /* no column verify_ok */
-        for (const char *const bad : {"dif", "dif showverifylevel x", "dif showverifyresult x", "dif showVerifyLevel"})
-            EXPECT_PRED2(matches, run(bad, registry).second, "Error: invalid input!\nUsage:\n\n        dif showv.*");
-        EXPECT_PRED2(matches, run("help dif", registry).second, "SYNOPSIS\n        dif showverifylevel  .*");
-    }
-    EXPECT_EQ(run("dif showdifswitch"), Result(0, "dif switch status: on\n"));
-    setDifOn(0);
-    EXPECT_EQ(run("dif showdifswitch"), Result(0, "dif switch status: off\n"));
-    EXPECT_EQ(run("dif showdifswitch", DIF_HOST_CLI).first, EINVAL);
 }
 
 TEST_F(Host, Metrics) {
@@ -294,9 +230,9 @@ TEST_F(Host, Metrics) {
                 (mid == 3 ? "4\n" : "2\n");
     text += "# HELP dif_verify_events_total Check calls by what they found at a verify point.\n"
             "# TYPE dif_verify_events_total counter\n";
-    const std::string reserved = "15\",module=\"reserved\",point=";
-    for (const std::string &point : {"0\",module=\"debug\",point=\"1\",name=\"DEBUG_MOD_COMMON_VERIFY_POINT"s,
-                                     reserved + "\"1\",name=\"" + name, reserved + "\"2\",name=\"PLAIN"})
+    for (const std::string &point :
+         {"0\",module=\"debug\",point=\"1\",name=\"DEBUG_MOD_COMMON_VERIFY_POINT"s,
+          "15\",module=\"reserved\",point=\"1\",name=\"" + name, "15\",module=\"reserved\",point=\"2\",name=\"PLAIN"s})
         for (const std::string &kind : {"verify_ok"s, "version_error"s, "lba_error"s, "crc_error"s})
             text += "dif_verify_events_total{mid=\"" + point + "\",kind=\"" + kind +
                     (point.ends_with("PLAIN") && kind[0] == 'l' ? "\"} 1\n" : "\"} 0\n");
@@ -309,18 +245,6 @@ TEST_F(Host, Metrics) {
     EXPECT_PRED2(matches, run("metrics x").second, "Error: metrics takes no words.\nUsage:\n        metrics\n");
 }
 
-TEST_F(Host, ModulesRegisterWhileOthersRead) { /* for ThreadSanitizer */
-    difHostSetLogStderr(false);
-    auto registering = std::async(std::launch::async, [] {
-        const VerifyPointDesc points[] = {{1, "a name that fills its slot to the last byte"}, {2, "ANOTHER"}};
-        for (int i = 0; i < 100; ++i) /* every second call finds its ids taken and empties the record */
-            difRegistVerifyPoint(DIF_MID_LUN, points, 2, "test", 1);
-    });
-    while (registering.wait_for(0s) != std::future_status::ready)
-        EXPECT_EQ(run("metrics").first + run("dif showverifyresult").first, 0);
-    difHostSetLogStderr(true);
-}
-
 TEST_F(Host, ServicesNamesClockAndCopies) {
     int method, another;
     const auto find = [](const char *interface, const char *name) { return lookupIntfMethod(interface, name, 0, 0); };
@@ -328,26 +252,21 @@ TEST_F(Host, ServicesNamesClockAndCopies) {
         EXPECT_EQ(difHostRegisterService("interface", "method", address), 0);
     EXPECT_EQ(find("interface", "method"), &method);
     EXPECT_EQ(find("method", "interface"), nullptr);
-    EXPECT_EQ(find(nullptr, "method"), find("interface", nullptr));
     EXPECT_EQ(difHostRegisterService("interface", "method", nullptr), 0);
     EXPECT_EQ(find("interface", "method"), nullptr);
-    EXPECT_EQ(difHostRegisterService(nullptr, "a", &method), EINVAL);
     EXPECT_EQ(difHostRegisterService("a", nullptr, &method), EINVAL);
-
     char text[8];
     for (const char *const name : {"first", "seven", (const char *)nullptr})
         osal_pid_set_name(7, name);
     EXPECT_TRUE(difHostModuleName(7, text, 5));
     EXPECT_STREQ(text, "seve");
     EXPECT_FALSE(difHostModuleName(8, text, 5));
-
     const uint64_t ticks = osal_get_jiffies(), start = osal_time_getnanosec();
     usleep(100'000);
     const double ticked = static_cast<double>(osal_get_jiffies() - ticks);
     const double passed = static_cast<double>(osal_time_getnanosec() - start);
     EXPECT_TRUE(passed >= 1e8 && passed < 1e10) << passed;
     EXPECT_NEAR(ticked, passed / 1e9 * 250, 1.5);
-
     const auto copy = [&text](size_t destMax, const char *from, size_t count) {
         strcpy(text, "?");
         const int error = strncpy_s(text, destMax, from, count);
@@ -356,18 +275,11 @@ TEST_F(Host, ServicesNamesClockAndCopies) {
     EXPECT_EQ(copy(4, "abc", 9), Result(0, "abc"));
     EXPECT_EQ(copy(4, "abcdef", 3), Result(0, "abc"));
     EXPECT_EQ(copy(4, "abcd", 4), Result(ERANGE, ""));
-    EXPECT_EQ(copy(1, "", 9), Result(0, ""));
-    EXPECT_EQ(copy(4, "abc", 0), Result(0, ""));
     EXPECT_EQ(copy(4, nullptr, 1), Result(EINVAL, ""));
-    EXPECT_EQ(copy(4, "abc", SIZE_MAX), Result(ERANGE, ""));
     EXPECT_EQ(copy(0, "abc", 1), Result(ERANGE, "?"));
     EXPECT_EQ(copy(SIZE_MAX, "abc", 1), Result(ERANGE, "?"));
     strcpy(text, "abcdef");
-    EXPECT_EQ(strncpy_s(text + 3, 4, text, 3), 0); /* side by side */
-    EXPECT_EQ(strncpy_s(text, 3, text + 3, 2), 0);
-    EXPECT_STREQ((text + "|"s + (text + 3)).c_str(), "ab|abc");
     EXPECT_EQ(strncpy_s(text, 4, text + 3, 3), EINVAL);
-    EXPECT_EQ(strncpy_s(text + 4, 4, text + 3, 2), EINVAL);
     EXPECT_EQ(strncpy_s(nullptr, 4, "abc", 3), EINVAL);
 }
 
@@ -391,7 +303,6 @@ TEST_F(Host, LogLines) {
     EXPECT_TRUE(hostlog_level_check(9, 4) == 0 && hostlog_level_check(9, 5) != 0);
     hostlog_standard(10, 4, nullptr, -1, 0, "%s", "bare");
     hostlog_standard(10, 5, nullptr, -1, 0, "filtered");
-    log(1, 5);
     pattern += stamp + R"(WARNING 10 \?:-1 \[0\] bare)" + "\n";
     difHostSetLogStderr(false);
     EXPECT_TRUE(difHostFlushLog());
@@ -405,36 +316,27 @@ TEST_F(Host, LogLines) {
 }
 
 TEST_F(Host, LogFilesAreRotatedRefusedAndGivenUp) {
-    const auto threads = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}); };
-    char link[300] = "";
     CaptureStderr();
     log(1);
-    const auto before = threads();
     EXPECT_EQ(difHostSetLogFile((path + "/no").c_str(), 1, 1), ENOENT);
     EXPECT_EQ(difHostSetLogFile(path.c_str(), 0, 1), EINVAL);
     EXPECT_EQ(difHostSetLogFile(path.c_str(), 1, 200'001), EINVAL);
     ASSERT_EQ(difHostSetLogFile(path.c_str(), 150, 2), 0);
     log(9); /* two a file */
     EXPECT_TRUE(difHostFlushLog());
-    for (int fd = 0; fd < 100; ++fd) /* no program that is run from here gets the file */
-        EXPECT_TRUE(readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), link, sizeof link) < 0 ||
-                    !std::string(link).starts_with(path) || fcntl(fd, F_GETFD) == FD_CLOEXEC);
     EXPECT_EQ(difHostSetLogFile("/dev/full", 100, 1), 0);
     EXPECT_PRED2(matches, content(path), "[^\n]*line 8\n");
     EXPECT_PRED2(matches, content(path + ".1"), "[^\n]*line 6\n[^\n]*line 7\n");
     EXPECT_TRUE(std::filesystem::exists(path + ".2") && !std::filesystem::exists(path + ".3"));
-    EXPECT_EQ(threads(), before + 1);
     const uint64_t dropped = difHostLogDropped();
     for (int i = 0; i < 2; ++i) {
         log(1);
         EXPECT_TRUE(difHostFlushLog());
         EXPECT_EQ(difHostLogDropped() - dropped, 1u);
     }
-    EXPECT_EQ(threads(), before);
     EXPECT_PRED2(matches, GetCapturedStderr(),
                  "[^\n]*line 0\n.*line 8\n[^\n]*line 0\n[^\n]*ERROR dif_host log \\[0\\] log file /dev/full given up: "
-                 ".*No space left on "
-                 "device\n[^\n]*line 0\n");
+                 ".*No space left on device\n[^\n]*line 0\n");
 }
 
 TEST_F(Host, LogHoldsNobodyUp) {
@@ -449,25 +351,16 @@ TEST_F(Host, LogHoldsNobodyUp) {
     EXPECT_FALSE(difHostFlushLog()); /* known by now */
     const uint64_t dropped = difHostLogDropped() - before;
     EXPECT_EQ(dropped, 8001u - 4096u - 1u); /* what the queue does not hold, nor who waits to write */
-    ASSERT_EQ(difHostOpenControlSocket((directory + "/socket").c_str()), 0);
-    difHostCloseControlSocket();
     EXPECT_LT(std::chrono::steady_clock::now() - start, 900ms);
-    std::string text;
-    auto reading = std::async(std::launch::async, [&] {
-        char piece[4096];
-        for (ssize_t size; !text.ends_with("line 4000\n"); usleep(20'000))
-            if ((size = read(other, piece, sizeof piece)) > 0)
-                text.append(piece, static_cast<size_t>(size));
-    });
+    auto reading = std::async(std::launch::async, [other] { return readAll(other, 20'000); });
     usleep(500'000);
     EXPECT_TRUE(difHostFlushLog()); /* it takes over a second, but lines are written all the time */
-    reading.get();
+    dup2(console, STDERR_FILENO);
+    const std::string text = reading.get();
     const std::string missing = "WARNING dif_host log [0] " + std::to_string(dropped) + " log lines are missing here\n";
     EXPECT_LT(text.find("line 0\n"), text.find(missing));
     EXPECT_LT(text.find(missing), text.find("line 3905\n"));
     EXPECT_EQ(difHostLogDropped() - before, dropped);
-    dup2(console, STDERR_FILENO);
-    close(other);
 }
 
 TEST_F(Host, NothingIsLostAtTheEnd) {
@@ -477,10 +370,6 @@ TEST_F(Host, NothingIsLostAtTheEnd) {
     EXPECT_EXIT(insertDif(block, 1, nullptr), ::testing::KilledBySignal(SIGILL),
                 "ASSERT DIF dif_host/insertDif:[0-9]+ \\[0\\] this does not hold: .*The process stops \\(SIGILL.*"
                 "difHostSetAssertPolicy\\(DIF_HOST_ASSERT_GO_ON\\).*\n.*ASSERT DIF insertDif.*Assert fail: \\(0\\)\n$");
-    DifCheckParam check = {DIF_DATA_520, DIF_CHECK_CRC, 2, 2, DIF_MID_LUN, 9, 0, nullptr, nullptr, nullptr};
-    EXPECT_EXIT(
-        checkDif(block, 1, &check, "test", 1), ::testing::KilledBySignal(SIGILL),
-        "ASSERT DIF dif_host/checkDif:[0-9]+ \\[0\\] this must not happen \\(see the lines before\\)\\. The process");
     EXPECT_EXIT((difHostSetAssertPolicy(DIF_HOST_ASSERT_GO_ON), insertDif(block, 1, nullptr), exit(4)),
                 ::testing::ExitedWithCode(4), "ASSERT DIF dif_util/insertDif:[0-9]+ .*\n$");
     EXPECT_EXIT((stickStandardError(), log(1), exit(5)), ::testing::ExitedWithCode(5), "");
@@ -502,10 +391,9 @@ TEST_F(Host, ControlSocketAnswersWithOutputAndStatus) {
     EXPECT_EQ(attach("echo", 0, DIF_HOST_CLI).first, ENOENT);
     EXPECT_EQ(readAll(client("diagnose echo x\nignored")), "[x]\0002\n"s);
     EXPECT_EQ(readAll(client("\a\n")), "Error: unknown shell '\\x07', expected 'diagnose' or 'cli'.\n\00022\n"s);
-    EXPECT_EQ(attach("spill").first, EFBIG);
+    const Result cut = attach("spill");
+    EXPECT_TRUE(cut.first == EFBIG && cut.second.size() > 1 << 20) << cut.second.size();
     EXPECT_EQ(attach("reopen " + path).first, EADDRINUSE); /* a command of the service cannot end it */
-    registerAll(std::string(39, '\xFF'), 64);              /* the most that there can be */
-    EXPECT_EQ(attach("metrics"), run("metrics"));
     attach("echo\necho", EINVAL);
     attach("echo", EINVAL, 2);
     attach(std::string(4096, 'x'), EMSGSIZE);
@@ -534,9 +422,7 @@ TEST_F(Host, ControlSocketHasANameOfItsOwn) {
     std::filesystem::remove(path);
     std::ofstream{path};
     EXPECT_EQ(open(path), ENOTSOCK);
-    EXPECT_EQ(open(path + "/x"), ENOTDIR);
     EXPECT_EQ(open(directory + "/"), EISDIR);
-    EXPECT_EQ(open(""), ENOENT);
     const std::string longest = directory + "/" + std::string(106 - directory.size(), 'x');
     EXPECT_EQ(open(longest + "x"), ENAMETOOLONG);
     EXPECT_EQ(difHostOpenControlSocket(nullptr), EINVAL);
@@ -572,7 +458,6 @@ TEST_F(Host, ControlSocketBelongsToItsProcess) {
     while (difHostOpenControlSocket((path + "2").c_str()) != 0) /* the grandchild does not keep it, once it runs */
         usleep(1000);
     close(hold[1]);
-    close(hold[0]);
 }
 
 TEST_F(Host, HostileClientsHurtNobody) {
@@ -606,13 +491,6 @@ TEST_F(Host, ClientsGiveUpOnBadServers) {
     send(fd, "half\0001x\n", 8, 0);
     close(fd);
     EXPECT_EQ(attached.get(), "half\0001x\n"s);
-    attached = std::async(std::launch::async, [&] { return attach("echo", EPROTO).second; });
-    const int endless = accept(listener, nullptr, nullptr);
-    const std::string piece(100'000, 'x');
-    while (send(endless, piece.data(), piece.size(), MSG_NOSIGNAL) > 0)
-        ;
-    close(endless);
-    EXPECT_LT(attached.get().size(), 1'100'000u);
     difHostSetControlPatience(300);
     attach("echo", ETIMEDOUT); /* nobody accepts */
     attach("echo", ETIMEDOUT); /* nor is there room for one more to wait */

@@ -1,6 +1,5 @@
 #!/usr/bin/env bash
-# package_test.sh DIRECTORY: unpacks the packages of DIRECTORY into a scratch root, looks at what they say and hold, and
-# uses it from there.
+# package_test.sh DIRECTORY: looks at the packages of DIRECTORY and uses what they hold from a scratch root.
 set -euo pipefail
 packages=$(realpath "$1")
 root=$(mktemp -d)
