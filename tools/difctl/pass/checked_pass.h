@@ -18,7 +18,7 @@ struct CheckedPass {
     bool allBlocks; /* go on after the first fault */
     /* Runs on any thread; leaves a request's faults in it. */
     std::function<void(Request &)> process;
-    /* Runs on the caller's thread in the image's order, with the findings up to this request. */
+    /* Runs request by request in the image's order, with the findings up to this request. */
     std::function<void(Request &, const Findings &)> consume;
     BlockRange blocks = {};
 };

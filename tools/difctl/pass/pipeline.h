@@ -14,9 +14,9 @@ struct Pipeline {
     const BlockFormat &format;
     /* Where a request's bytes go when they are read. */
     Pieces (Request::*layout)(uint32_t blocks) const;
-    /* Runs on any of the worker threads, one request at a time on each. */
+    /* Runs on any thread, for several requests at once. */
     std::function<void(Request &)> process;
-    /* Runs on the caller's thread, request by request in the image's order; answers whether to go on. */
+    /* Runs on any thread, request by request in the image's order; answers whether to go on. */
     std::function<bool(Request &)> consume;
     /* The blocks to run, of a source whose length is known if they are not all. */
     BlockRange blocks = {};
