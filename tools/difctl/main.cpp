@@ -3,10 +3,13 @@
 #include "io/error.h"
 #include "io/interrupt.h"
 #include "io/progress.h"
+#include "io/transfer.h"
 #include "pass/library.h"
 
 #include <csignal>
+#include <iostream>
 #include <span>
+#include <sstream>
 #include <string_view>
 
 #include <fcntl.h>
@@ -84,7 +87,10 @@ Examples:
                                      "shell, attach or selftest");
         }
     } catch (const CLI::ParseError &error) {
-        return app.exit(error) == 0 ? kAllWell : kNotDone;
+        std::ostringstream help;
+        const int status = app.exit(error, help, std::cerr);
+        printResult(help.str());
+        return status == 0 ? kAllWell : kNotDone;
     }
     /* The library's messages would cut through a bar. */
     allowProgress(!verbose);

@@ -1,6 +1,7 @@
 /* Running an operator command in a process that serves a control socket. */
 #include "commands/options.h"
 #include "io/error.h"
+#include "pass/library.h"
 
 #include "dif_host.h"
 
@@ -29,12 +30,10 @@ int runAttach(const AttachOptions &options) {
         line += (line.empty() ? "" : " ") + quoted(word);
     }
     int status = 0;
-    const int error = difHostAttach(
-        options.socket.c_str(), options.cli ? DIF_HOST_CLI : DIF_HOST_DIAGNOSE, line.c_str(),
-        [](void *, const char *text, size_t size) {
-            printResult({text, size});
-        },
-        nullptr, &status);
+    std::string output;
+    const int error = difHostAttach(options.socket.c_str(), options.cli ? DIF_HOST_CLI : DIF_HOST_DIAGNOSE,
+                                    line.c_str(), collectText, &output, &status);
+    printResult(output);
     if (error != 0) {
         throw systemError(options.socket, "cannot run a command through this socket", error);
     }

@@ -4,6 +4,7 @@
 #include "commands/options.h"
 #include "io/error.h"
 #include "io/number.h"
+#include "pass/library.h"
 
 #include "dif_host.h"
 #include "platform/dbg_cmd.h"
@@ -38,13 +39,10 @@ int32_t printHelp(const char * /*name*/, uint32_t /*detail*/) {
 
 int runSelftest(const SelftestOptions &options) {
     registerSelftest();
-    std::string output;
-    const auto collect = [](void *context, const char *text, size_t size) {
-        static_cast<std::string *>(context)->append(text, size);
-    };
     const std::string line =
         std::string(kWord) + " " + std::to_string(options.times) + " " + std::to_string(options.len);
-    const int status = difHostRunCommand(DIF_HOST_DIAGNOSE, line.c_str(), collect, &output);
+    std::string output;
+    const int status = difHostRunCommand(DIF_HOST_DIAGNOSE, line.c_str(), collectText, &output);
     printResult(output);
     const bool passed = status == 0 && output.find("Test PASS") != std::string::npos;
     return passed ? kAllWell : kFaultsFound;

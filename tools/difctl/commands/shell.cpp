@@ -2,10 +2,15 @@
 #include "commands/options.h"
 #include "commands/selftest.h"
 #include "io/error.h"
+#include "io/interrupt.h"
+#include "pass/library.h"
 
 #include "dif/dif.h"
 #include "dif_host.h"
 
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <iostream>
 #include <memory>
@@ -13,6 +18,7 @@
 #include <string_view>
 #include <vector>
 
+#include <termios.h>
 #include <unistd.h>
 
 #include <editline/readline.h>
@@ -26,6 +32,7 @@ struct ShellOptions {
 };
 
 constexpr const char *kPrompt = "dif> ";
+constexpr const char *kBlanks = " \t";
 
 /* The words that complete the line; completion knows no context but this. */
 int registry = DIF_HOST_DIAGNOSE;
@@ -70,36 +77,88 @@ char **complete(const char *prefix, int start, int /*end*/) {
     return rl_completion_matches(prefix, nextMatch);
 }
 
+/* At the prompt, keys that make signals elsewhere are keys like others: the one that interrupts drops the line. */
+bool lineDropped = false;
+
+int dropLine(int /*count*/, int /*key*/) {
+    lineDropped = true;
+    rl_done = 1;
+    return 0;
+}
+
+int suspend(int /*count*/, int /*key*/) {
+    return ::kill(0, SIGTSTP);
+}
+
+void prepareTerminal(const termios &modes) {
+    ::rl_initialize();
+    ::using_history();
+    rl_attempted_completion_function = complete;
+    ::rl_add_defun("drop-line", dropLine, modes.c_cc[VINTR]);
+    ::rl_add_defun("suspend", suspend, modes.c_cc[VSUSP]);
+    rl_pre_input_hook = [] { return ::rl_parse_and_bind("setty -d -isig"); };
+}
+
 /* The next line to run; false at the end. */
-bool readTerminalLine(std::string &line) {
-    const std::unique_ptr<char, decltype(&std::free)> typed(::readline(kPrompt), &std::free);
-    if (typed == nullptr) {
-        std::cout << std::endl;
-        return false;
-    }
-    line = typed.get();
-    if (line.find_first_not_of(' ') != std::string::npos) {
+bool readTerminalLine(const termios &modes, std::string &line) {
+    holdingInterrupts([&](Unfinished &unfinished) { unfinished.promptModes = modes; });
+    std::unique_ptr<char, decltype(&std::free)> typed(nullptr, &std::free);
+    do {
+        lineDropped = false;
+        typed.reset(::readline(kPrompt));
+        if (typed == nullptr) {
+            printResult(lineDropped ? "^C\n" : "\n");
+        }
+    } while (lineDropped);
+    holdingInterrupts([](Unfinished &unfinished) { unfinished.promptModes.reset(); });
+    line = typed == nullptr ? "" : typed.get();
+    if (line.find_first_not_of(kBlanks) != std::string::npos) {
         ::add_history(line.c_str());
     }
-    return true;
+    return typed != nullptr;
+}
+
+bool readScriptLine(std::string &line) {
+    if (std::getline(std::cin, line)) {
+        return true;
+    }
+    if (std::ferror(stdin) != 0) {
+        throw systemError(kStandardInput, "cannot read", errno);
+    }
+    return false;
+}
+
+bool asksToLeave(std::string line) {
+    line.erase(line.find_last_not_of(kBlanks) + 1);
+    line.erase(0, line.find_first_not_of(kBlanks));
+    return line == "exit" || line == "quit";
+}
+
+/* Whether the command was done. */
+bool runLine(const std::string &line) {
+    std::string output;
+    int status = EINVAL;
+    if (line.find('\0') != std::string::npos) {
+        output = "Error: the line holds a NUL byte.\n";
+    } else {
+        status = difHostRunCommand(registry, line.c_str(), collectText, &output);
+    }
+    printResult(output);
+    return status == 0;
 }
 
 int runShell(const ShellOptions &options) {
     registry = options.cli ? DIF_HOST_CLI : DIF_HOST_DIAGNOSE;
     registerSelftest();
-    const bool atTerminal = ::isatty(STDIN_FILENO) == 1;
+    termios modes = {};
+    const bool atTerminal = ::tcgetattr(STDIN_FILENO, &modes) == 0;
     if (atTerminal) {
-        ::using_history();
-        rl_attempted_completion_function = complete;
+        prepareTerminal(modes);
     }
     bool allDone = true;
     std::string line;
-    while (atTerminal ? readTerminalLine(line) : bool(std::getline(std::cin, line))) {
-        if (line == "exit" || line == "quit") {
-            break;
-        }
-        const int status = difHostRunCommand(registry, line.c_str(), nullptr, nullptr);
-        allDone = allDone && status == 0;
+    while ((atTerminal ? readTerminalLine(modes, line) : readScriptLine(line)) && !asksToLeave(line)) {
+        allDone = runLine(line) && allDone;
     }
     return allDone || atTerminal ? kAllWell : kNotDone;
 }

@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <new>
+#include <system_error>
 #include <thread>
 
 #include <unistd.h>
@@ -18,7 +20,7 @@ namespace {
 
 struct Watch {
     std::atomic<bool> ending{false};
-    std::mutex mutex;
+    std::recursive_mutex mutex; /* memory may be wanting while it is held */
     Unfinished unfinished;
 };
 
@@ -28,14 +30,31 @@ Watch &watch() {
     return instance;
 }
 
-[[noreturn]] void endProcess(int signalNumber) {
-    giveUp(std::string("interrupted by SIG") + sigabbrev_np(signalNumber));
+[[noreturn]] void endProcess(std::string_view why) {
+    giveUp(why);
     std::_Exit(kNotDone);
+}
+
+bool atPrompt() {
+    const std::lock_guard lock(watch().mutex);
+    return watch().unfinished.promptModes.has_value();
+}
+
+/* Nobody may ever read what goes to standard error, and nothing else ends a write that waits for that. */
+void endInASecond() {
+    sigset_t alarmOnly;
+    sigemptyset(&alarmOnly);
+    sigaddset(&alarmOnly, SIGALRM);
+    std::signal(SIGALRM, [](int) { std::_Exit(kNotDone); });
+    pthread_sigmask(SIG_UNBLOCK, &alarmOnly, nullptr);
+    ::alarm(1);
 }
 
 } // namespace
 
 void watchInterrupts() {
+    watch();
+    std::set_new_handler([] { endProcess("memory cannot be had"); });
     sigset_t watched;
     sigemptyset(&watched);
     for (const int signalNumber : {SIGINT, SIGTERM, SIGHUP}) {
@@ -47,13 +66,17 @@ void watchInterrupts() {
     }
     /* Threads inherit the mask, so that only the watching thread takes these signals. */
     pthread_sigmask(SIG_BLOCK, &watched, nullptr);
-    watch();
-    std::thread([watched] {
-        int signalNumber = 0;
-        while (sigwait(&watched, &signalNumber) != 0) {
-        }
-        endProcess(signalNumber);
-    }).detach();
+    try {
+        std::thread([watched] {
+            int signalNumber = 0;
+            while (sigwait(&watched, &signalNumber) != 0 || (signalNumber == SIGINT && atPrompt())) {
+            }
+            endProcess(std::string("interrupted by SIG") + sigabbrev_np(signalNumber));
+        }).detach();
+    } catch (const std::system_error &error) {
+        throw Error(std::string("the thread that waits for interrupts cannot be had: ") + error.code().message() +
+                    "; nothing is changed");
+    }
 }
 
 void holdingInterrupts(const std::function<void(Unfinished &)> &change) {
@@ -63,7 +86,7 @@ void holdingInterrupts(const std::function<void(Unfinished &)> &change) {
     change(watch().unfinished);
 }
 
-void giveUp(const std::string &why) {
+void giveUp(std::string_view why) {
     watch().ending = true;
     /* Not unlocked again: no other thread may write in place or give the file its final name any more. */
     watch().mutex.lock();
@@ -71,7 +94,12 @@ void giveUp(const std::string &why) {
     if (!unfinished.path.empty()) {
         ::unlink(unfinished.path.c_str());
     }
-    printMessage(why + unfinished.note);
+    /* In the background, the terminal is another's. */
+    if (unfinished.promptModes && ::tcgetpgrp(STDIN_FILENO) == ::getpgrp()) {
+        ::tcsetattr(STDIN_FILENO, TCSANOW, &*unfinished.promptModes);
+    }
+    endInASecond();
+    printMessage(why, unfinished.note);
 }
 
 } // namespace difctl

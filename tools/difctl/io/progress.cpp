@@ -5,7 +5,9 @@
 #include <cinttypes>
 #include <cmath>
 #include <cstdio>
+#include <string>
 
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace difctl {
@@ -26,6 +28,15 @@ bool onTerminal() {
     return ::isatty(STDERR_FILENO) == 1;
 }
 
+/* In one call, which keeps the lines of threads apart, and past stdio, whose lock is held by who waits for a reader. */
+void show(const std::array<std::string_view, 5> &pieces) {
+    std::array<iovec, 5> vector{};
+    std::transform(pieces.begin(), pieces.end(), vector.begin(), [](std::string_view piece) {
+        return iovec{const_cast<char *>(piece.data()), piece.size()};
+    });
+    [[maybe_unused]] const ssize_t written = ::writev(STDERR_FILENO, vector.data(), vector.size());
+}
+
 std::string clockText(uint64_t seconds) {
     std::array<char, 32> text{};
     if (seconds >= 3600) {
@@ -40,8 +51,8 @@ std::string clockText(uint64_t seconds) {
 
 } // namespace
 
-void printMessage(const std::string &text) {
-    std::fprintf(stderr, "%sdifctl: %s\n", onTerminal() ? kEraseLine : "", text.c_str());
+void printMessage(std::string_view text, std::string_view note) {
+    show({onTerminal() ? kEraseLine : "", "difctl: ", text, note, "\n"});
 }
 
 void allowProgress(bool allowed) {
@@ -69,7 +80,7 @@ void Progress::advance(uint64_t bytes) {
 
 void Progress::clear() {
     if (drawn_) {
-        std::fputs(kEraseLine, stderr);
+        show({kEraseLine});
         drawn_ = false;
     }
 }
@@ -78,20 +89,21 @@ void Progress::draw(Clock::time_point now) {
     const double seconds = std::chrono::duration<double>(now - start_).count();
     const auto done = static_cast<double>(doneBytes_);
     const double rate = done / seconds;
-    drawn_ = true;
+    std::array<char, 128> text{};
     if (!totalBytes_) {
-        std::fprintf(stderr, "%s%s%.0f MiB  %.0f MiB/s%s", kEraseLine, kWrapOff, done / kMebibyte, rate / kMebibyte,
-                     kWrapOn);
-        return;
+        std::snprintf(text.data(), text.size(), "%.0f MiB  %.0f MiB/s", done / kMebibyte, rate / kMebibyte);
+    } else {
+        const auto total = static_cast<double>(*totalBytes_);
+        const double share = std::min(done / total, 1.0);
+        constexpr size_t kBarWidth = 30;
+        std::string bar(kBarWidth, '.');
+        std::fill_n(bar.begin(), static_cast<size_t>(share * kBarWidth), '#');
+        const auto left = static_cast<uint64_t>(std::llround(std::max(total - done, 0.0) / rate));
+        std::snprintf(text.data(), text.size(), "[%s] %3.0f%%  %.0f of %.0f MiB  %.0f MiB/s  %s left", bar.c_str(),
+                      share * 100, done / kMebibyte, total / kMebibyte, rate / kMebibyte, clockText(left).c_str());
     }
-    const auto total = static_cast<double>(*totalBytes_);
-    const double share = std::min(done / total, 1.0);
-    constexpr size_t kBarWidth = 30;
-    std::string bar(kBarWidth, '.');
-    std::fill_n(bar.begin(), static_cast<size_t>(share * kBarWidth), '#');
-    const auto left = static_cast<uint64_t>(std::llround(std::max(total - done, 0.0) / rate));
-    std::fprintf(stderr, "%s%s[%s] %3.0f%%  %.0f of %.0f MiB  %.0f MiB/s  %s left%s", kEraseLine, kWrapOff, bar.c_str(),
-                 share * 100, done / kMebibyte, total / kMebibyte, rate / kMebibyte, clockText(left).c_str(), kWrapOn);
+    show({kEraseLine, kWrapOff, text.data(), kWrapOn});
+    drawn_ = true;
 }
 
 } // namespace difctl

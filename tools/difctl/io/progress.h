@@ -5,12 +5,13 @@
 #include <chrono>
 #include <cstdint>
 #include <optional>
-#include <string>
+#include <string_view>
 
 namespace difctl {
 
-/* Writes "difctl: TEXT" as one line, over a progress bar if one is there. */
-void printMessage(const std::string &text);
+/* Writes "difctl: TEXTNOTE" as one line, over a progress bar if one is there. Holds no lock while nobody reads it and needs
+ * no memory. */
+void printMessage(std::string_view text, std::string_view note = {});
 
 /* Whether bars are drawn at all: yes by default. Call it before any work. */
 void allowProgress(bool allowed);

@@ -33,4 +33,8 @@ Library::~Library() {
     difModuleExit();
 }
 
+void collectText(void *text, const char *piece, size_t size) {
+    static_cast<std::string *>(text)->append(piece, size);
+}
+
 } // namespace difctl

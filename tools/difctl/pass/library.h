@@ -6,6 +6,8 @@
 
 #include <cstdint>
 
+#include <cstddef>
+
 namespace difctl {
 
 /* The verify point on whose behalf images are checked. */
@@ -21,6 +23,9 @@ public:
     Library(const Library &) = delete;
     Library &operator=(const Library &) = delete;
 };
+
+/* Adds what an operator command prints to the std::string at `text`. */
+void collectText(void *text, const char *piece, size_t size);
 
 } // namespace difctl
 
