@@ -99,8 +99,10 @@ TEST_F(Arguments, OfChecks) {
                    asserts ? point + Lines(row.noBlocks.begin() + 1, row.noBlocks.end()) : point);
     }
     Check check(DIF_DATA_4160, 0);
+    host.filtered = 0;
     EXPECT_EQ(checkList(empty.at(0), 0, 7, &check.param), DIF_OK); // without blocks, too, it positions itself
-    EXPECT_EQ(host.take().size(), 6u);
+    EXPECT_EQ(checkDifInSglWithStdT10(sgl, 0, 7, &check.param), DIF_ERR_SGL);
+    EXPECT_EQ(host.take().size(), 6u + 3u + 1u + 4u); // each with a dump of its chain
     check.param.ctrlFlag = DIF_CHECK_LBA | DIF_CHECK_BST;
     check.param.mid = 16; // beyond every table
     EXPECT_EQ(checkBuffer(blocks.data(0), 8, &check.param), DIF_OK);

@@ -5,7 +5,6 @@ namespace {
 
 using Diagnose = StartedDif;
 
-/* What a command prints. */
 template <typename Command, typename... Args>
 std::string printed(Command command, Args... args) {
     host.printed.clear();
