@@ -160,8 +160,6 @@ private:
 struct Check {
     Check(uint32_t type, uint32_t ctrlFlag, uint64_t lba = 0)
         : param{type, ctrlFlag, 2, 2, DIF_MID_CACHE, 1, lba, &result, bitmap.data(), &index} {}
-    Check(const Check &) = delete;
-    Check &operator=(const Check &) = delete;
 
     static constexpr uint32_t kUntouched = 0x5A5A5A5A;
     uint32_t result = kUntouched, index = kUntouched;

@@ -28,32 +28,39 @@ struct Trial {
             fillBlock(k, mostlyZero, allRight);
     }
 
-    /* Insertion, replacement and injection, whichever version each block gets. While that may change, a version that is
-     * written on its own need not be the guard's. */
-    void write(bool isOn, uint32_t exceptFlags = 0) {
-        uint32_t bitmap[] = {static_cast<uint32_t>(random.engine()), static_cast<uint32_t>(random.engine())};
-        const uint32_t flags = random.from(0, random.oneIn(2) ? 0x3FF : ~0u - 1) & ~exceptFlags;
+    /* Insertion, replacement and injection, while the system's version may be any of these. If there are more, one that
+     * is written on its own need not be the guard's. */
+    void write(bool isOn, Bytes versions) {
+        uint32_t bitmap[] = {random.from(0, ~0u - 1), random.from(0, ~0u - 1)};
+        const uint32_t flags =
+            random.from(0, random.oneIn(2) ? 0x3FF : ~0u - 1) & ~(versions.size() > 1 ? DIF_REPLACE_VERSION : 0);
         const uint32_t type = blocks.type + random.from(0, 1);
         const DifOpParam op{type, flags, lba, random.oneIn(2) ? bitmap : nullptr};
         const DifInjectParam inject{type, flags, lba, 0x1234, 0x1F};
-        expectWritten(insertDif, insertDifInSgl, op, isOn, modelInsert);
-        expectWritten(replaceDif, replaceDifInSgl, op, isOn, modelReplace);
-        expectWritten(injectDif, injectDifInSgl, inject, true, modelInject);
+        expectWritten(insertDif, insertDifInSgl, op, isOn ? versions : Bytes{}, modelInsert);
+        expectWritten(replaceDif, replaceDifInSgl, op, isOn ? versions : Bytes{}, modelReplace);
+        expectWritten(injectDif, injectDifInSgl, inject, versions, modelInject);
     }
 
-    /* A random check on behalf of a module that has points 1 and 2. Returns the answer. */
-    CheckModel check(Form form, bool isOn, uint8_t mid, uint8_t level) {
-        uint32_t flags = random.of({DIF_CHECK_CRC, DIF_CHECK_LBA, DIF_CHECK_CRC | DIF_CHECK_LBA, 0u, 0x2000000u});
+    /* Makes a check any check of a module. */
+    void vary(DifCheckParam &param, uint32_t mid) {
+        param.mid = static_cast<uint8_t>(mid);
+        param.subPid = random.of<uint8_t>({1, 1, 1, 1, 2, 2, 2, 2, 0, 3, 63, 64});
+        param.ctrlFlag = random.of({DIF_CHECK_CRC, DIF_CHECK_LBA, DIF_CHECK_CRC | DIF_CHECK_LBA, 0u, 0x2000000u});
         for (uint32_t bit = 18; bit < 28; ++bit)
-            flags |= random.oneIn(4) ? 1u << bit : 0;
-        Check call(blocks.type, random.oneIn(10) ? DIF_CHECK_TRIM_ZERO : flags, lba);
-        call.param.crcLevel = random.of<uint8_t>({0, 1, 2, 2, 3, 4, 5});
-        call.param.lbaLevel = random.of<uint8_t>({0, 1, 2, 2, 3, 4, 5});
-        call.param.mid = mid;
-        call.param.subPid = random.of<uint8_t>({1, 1, 1, 1, 2, 2, 2, 2, 0, 3, 63, 64});
-        call.param.checkResult = random.oneIn(4) ? nullptr : &call.result;
-        call.param.errBlockIndex = random.oneIn(4) ? nullptr : &call.index;
-        call.param.errBlockBitmap = random.oneIn(4) ? nullptr : call.bitmap.data();
+            param.ctrlFlag |= random.oneIn(4) ? 1u << bit : 0;
+        if (random.oneIn(10))
+            param.ctrlFlag = DIF_CHECK_TRIM_ZERO;
+        for (uint8_t *level : {&param.crcLevel, &param.lbaLevel})
+            *level = random.of<uint8_t>({0, 1, 2, 2, 3, 4, 5});
+        for (uint32_t **output : {&param.checkResult, &param.errBlockIndex, &param.errBlockBitmap})
+            *output = random.oneIn(4) ? nullptr : *output;
+    }
+
+    /* Any check on behalf of a module that has points 1 and 2. Returns the answer. */
+    CheckModel check(Form form, bool isOn, uint8_t mid, uint8_t level) {
+        Check call(blocks.type, 0, lba);
+        vary(call.param, mid);
         const DifCheckParam asked = call.param;
         Blocks want = blocks;
         const CheckModel model = answer(form, isOn, level, asked, want);
@@ -77,19 +84,20 @@ struct Trial {
         Chain buffer = newChain(false), chain = newChain(true);
         Check call(blocks.type, random.of({DIF_CHECK_LBA, DIF_CHECK_CRC, DIF_CHECK_LBA | DIF_CHECK_CRC}), lba);
         const DifCheckParam &param = call.param;
-        require(noDifZeroDataCheck(buffer.buffer(0) + start(), sectors, &param) == isZero(), "not so many zeros");
-        require(noDifZeroDataCheckInSgl(chain.at(0), start(), sectors, &param) == isZero(),
-                "not so many zeros in a list");
+        require(noDifZeroDataCheck(buffer.buffer(0) + start(), sectors, &param) == isZero() &&
+                    noDifZeroDataCheckInSgl(chain.at(0), start(), sectors, &param) == isZero(),
+                "not so many zeros");
         const uint32_t code = checkDifInSglWithStdT10(chain.at(0), start(), sectors, &param);
-        const uint32_t fault = stdT10Fault(param.ctrlFlag);
-        require(code == (!isOn        ? DIF_OK
-                         : count == 0 ? DIF_ERR_SGL
-                         : fault != 0 ? DIF_ERR_CHECK
-                                      : DIF_OK) &&
+        const uint32_t fault = isOn ? stdT10Fault(param.ctrlFlag) : 0;
+        require(code == (isOn && count == 0 ? DIF_ERR_SGL : fault != 0 ? DIF_ERR_CHECK : DIF_OK) &&
                     call.result == (isOn && count != 0 ? fault : Check::kUntouched),
                 "a check of plain T10 tuples has the wrong answer");
+        require(blocks.type != DIF_DATA_520 || isDifEvictable(buffer.buffer(0) + start(), count) == (!isOn || isFree()),
+                "the wrong blocks are evictable");
         require(buffer.bytes() == blocks.bytes && chain.bytes() == blocks.bytes, "a question changes blocks");
     }
+
+    uint32_t start() const { return offset * blocks.info.blockSize; }
 
     Random &random;
     Blocks blocks{0, 0};
@@ -98,8 +106,6 @@ struct Trial {
     Lengths lengths;
 
 private:
-    uint32_t start() const { return offset * blocks.info.blockSize; }
-
     Chain newChain(bool isList) {
         const Lengths one{{static_cast<uint32_t>(blocks.bytes.size())}};
         return Chain(isList ? lengths : one, blocks.bytes, random.from(0, 8));
@@ -121,7 +127,7 @@ private:
     }
 
     template <typename Buffer, typename List, typename Param, typename Model>
-    void expectWritten(Buffer buffer, List list, Param param, bool isDone, Model model) {
+    void expectWritten(Buffer buffer, List list, Param param, Bytes versions, Model model) {
         const Param before = param;
         for (const bool isList : {false, true}) {
             Chain chain = newChain(isList);
@@ -132,13 +138,12 @@ private:
             require(param.lba == lba, "an operation has not put the LBA back");
             const std::vector<uint8_t> bytes = chain.bytes();
             Blocks want = blocks;
-            for (uint32_t i = 0; isDone && i < count; ++i) {
-                const uint32_t k = offset + i;
-                const uint8_t *const written = &bytes[size_t{k} * want.info.blockSize + want.info.difOffset];
-                for (const uint8_t version : Bytes{DIF_VERSION_T10, DIF_VERSION_CRC32C}) {
+            for (uint32_t k = offset; k < offset + count; ++k) {
+                const Tuple written = tupleAt(&bytes[size_t{k} * want.info.blockSize + want.info.difOffset]);
+                for (const uint8_t version : versions) {
                     want.set(k, blocks.tuple(k));
-                    model(want, k, i, before, version);
-                    if (want.tuple(k) == tupleAt(written))
+                    model(want, k, k - offset, before, version);
+                    if (want.tuple(k) == written)
                         break;
                 }
             }
@@ -165,21 +170,27 @@ private:
         return model;
     }
 
+    /* Of the BST mark; but an exempt first tuple speaks for all. */
+    bool isFree() {
+        bool isMarked = false;
+        for (uint32_t k = offset; k < offset + count && !blocks.tuple(offset).isExempt(); ++k)
+            isMarked = isMarked || (blocks.tuple(k).app & DIF_APP_BST) != 0;
+        return !isMarked;
+    }
+
     bool isZero() {
-        bool answer = true;
+        uint32_t zeros = 0;
         for (uint32_t i = 0; i < count; ++i)
-            answer = answer && blocks.isZero(offset + i);
-        return answer;
+            zeros += blocks.isZero(offset + i) ? 1 : 0;
+        return zeros == count;
     }
 
     uint32_t stdT10Fault(uint32_t flags) {
         for (uint32_t i = 0; i < count; ++i) {
             const Tuple tuple = blocks.tuple(offset + i);
-            if (tuple.isExempt())
-                continue;
-            if ((flags & DIF_CHECK_LBA) != 0 && tuple.lba != static_cast<uint32_t>(lba + i))
+            if (!tuple.isExempt() && (flags & DIF_CHECK_LBA) != 0 && tuple.lba != static_cast<uint32_t>(lba + i))
                 return DIF_RESULT_LBA_ERROR;
-            if ((flags & DIF_CHECK_CRC) != 0 && tuple.guard != blocks.guard(offset + i))
+            if (!tuple.isExempt() && (flags & DIF_CHECK_CRC) != 0 && tuple.guard != blocks.guard(offset + i))
                 return DIF_RESULT_CRC_ERROR;
         }
         return 0;

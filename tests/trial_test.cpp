@@ -11,13 +11,13 @@ TEST_F(Trials, EveryForm) {
     for (int i = 0; i < 1500; ++i) {
         Trial trial(random);
         const bool isOn = !random.oneIn(8);
-        const auto level = random.of<uint8_t>({0, 1, 2, 3, 4, 255});
+        const auto level = random.of<uint8_t>({0, 1, 2, 3, 4, 255}), version = random.of<uint8_t>({0x13, 0x29});
         SCOPED_TRACE(format("trial %d: type %u, blocks %u to %u of %u, DIF %s, level %u", i, trial.blocks.type,
                             trial.offset, trial.offset + trial.count, trial.blocks.count, isOn ? "on" : "off", level));
         setDifOn(isOn);
-        setSysDifCrcVersion(random.of<uint8_t>({DIF_VERSION_T10, DIF_VERSION_CRC32C}));
+        setSysDifCrcVersion(version);
         setSysDifVerifyLevel(level);
-        trial.write(isOn);
+        trial.write(isOn, {version});
         trial.ask(isOn);
         for (const auto form : {Trial::kBuffer, Trial::kList, Trial::kReturning}) {
             difVerifyStatisticClean();

@@ -33,7 +33,7 @@ void work(Module &module, Random &random) {
         std::this_thread::yield();
     const std::shared_lock lock(settings);
     Trial trial(random);
-    trial.write(isOn, DIF_REPLACE_VERSION);
+    trial.write(isOn, {DIF_VERSION_T10, DIF_VERSION_CRC32C});
     trial.ask(isOn);
     const auto form = random.of({Trial::kBuffer, Trial::kList, Trial::kReturning});
     const CheckModel model = trial.check(form, isOn, module.mid, module.level);
@@ -58,10 +58,10 @@ void operate(Random &random) {
             each.level = level;
         setDifVerifyLevelByMid(module.mid, module.level = DIF_VERIFY_LEVEL_TRACE);
     } else if (what == 2) {
-        for (const char *line : {"dif showverifyresult", "dif showverifylevel", "dif showdifswitch", "metrics"})
-            require(difHostRunCommand(
-                        DIF_HOST_DIAGNOSE, line, [](auto...) {}, nullptr) == 0,
-                    line);
+        for (const char *line : {"dif showverifyresult", "dif showverifylevel", "dif showdifswitch", "metrics"}) {
+            const auto drop = [](auto...) {};
+            require(difHostRunCommand(DIF_HOST_DIAGNOSE, line, drop, nullptr) == 0, line);
+        }
     } else {
         setSysDifCrcVersion(random.oneIn(2) ? DIF_VERSION_T10 : DIF_VERSION_CRC32C);
     }
@@ -80,20 +80,22 @@ void repeat(Step step) {
     }
 }
 
-void live(uint32_t seconds, uint32_t threadNum, Random &random) {
+void live(uint32_t seconds, Random &random) {
     const VerifyPointDesc points[] = {{1, "RECEIVE"}, {2, "SEND"}};
     for (const Module &module : modules)
         require(difRegistVerifyPoint(module.mid, points, 2, __func__, __LINE__) == DIF_OK, "no verify points");
     std::vector<std::thread> threads;
-    for (uint32_t i = 0; i < threadNum; ++i)
-        threads.emplace_back([&module = modules[i % std::size(modules)], own = Random(random.engine())]() mutable {
+    for (uint32_t i = 0; i < 6; ++i) /* two modules have two threads each */
+        threads.emplace_back([&module = modules[i % std::size(modules)],
+                              own = Random(std::mt19937_64(random.engine()))]() mutable {
             repeat([&] { work(module, own); });
         });
-    threads.emplace_back([&] { repeat([&] { operate(random); }); });
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    while (!stop && std::chrono::steady_clock::now() < end)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    stop = true;
+    repeat([&] {
+        operate(random);
+        if (std::chrono::steady_clock::now() >= end)
+            stop = true;
+    });
     for (std::thread &thread : threads)
         thread.join();
     for (const Module &module : modules) {
@@ -110,19 +112,15 @@ void live(uint32_t seconds, uint32_t threadNum, Random &random) {
 
 int main(int argc, char **argv) {
     CLI::App app("Runs libdif as a storage process does, and proves that everything adds up.", "dif_soak");
-    uint32_t seconds = 10, threadNum = 6; /* two modules have two threads each */
-    uint64_t seed = std::random_device()();
+    uint32_t seconds = 10;
     app.add_option("--seconds", seconds, "How long to run")->capture_default_str();
-    app.add_option("--threads", threadNum, "Working threads")->check(CLI::Range(1, 256))->capture_default_str();
-    app.add_option("--seed", seed, "Seed of every random choice");
     CLI11_PARSE(app, argc, argv);
-    std::printf("seed %ju, %u threads, %u s\n", uintmax_t{seed}, threadNum, seconds);
+    Random random;
     std::fflush(stdout);
-    Random random(seed);
     difHostSetLogLevel(DIF_HOST_LOG_ASSERT);
     difHostSetAssertPolicy(DIF_HOST_ASSERT_GO_ON); /* unknown points and impossible levels are part of it */
     difModuleInit();
-    repeat([&] { live(seconds, threadNum, random); });
+    repeat([&] { live(seconds, random); });
     difModuleExit();
     std::printf("%ju steps, %ju of whose checks failed: %s\n", uintmax_t{steps}, uintmax_t{failures},
                 failed ? "FAILED" : "all adds up");
