@@ -41,8 +41,8 @@ TEST_F(CheckDif, EveryBlockAsksForTheLevel) {
     for (const uint32_t k : {1u, 2u})
         blocks.set(k, {0xBAD, 0x13, 2, k});
     host.onCrc = [](const uint8_t *, uint64_t) { /* the engine at work on block 0 */
-        setDifVerifyLevelByMid(DIF_MID_CACHE, 1);
-        return uint16_t{0};
+                                                 setDifVerifyLevelByMid(DIF_MID_CACHE, 1);
+                                                 return uint16_t{0};
     };
     Check check(DIF_DATA_520, DIF_CHECK_CRC | DIF_CHECK_LBA);
     check.param.lbaLevel = 1;

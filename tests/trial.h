@@ -89,7 +89,9 @@ struct Trial {
                 "not so many zeros");
         const uint32_t code = checkDifInSglWithStdT10(chain.at(0), start(), sectors, &param);
         const uint32_t fault = isOn ? stdT10Fault(param.ctrlFlag) : 0;
-        require(code == (isOn && count == 0 ? DIF_ERR_SGL : fault != 0 ? DIF_ERR_CHECK : DIF_OK) &&
+        require(code == (isOn && count == 0 ? DIF_ERR_SGL
+                         : fault != 0       ? DIF_ERR_CHECK
+                                            : DIF_OK) &&
                     call.result == (isOn && count != 0 ? fault : Check::kUntouched),
                 "a check of plain T10 tuples has the wrong answer");
         require(blocks.type != DIF_DATA_520 || isDifEvictable(buffer.buffer(0) + start(), count) == (!isOn || isFree()),

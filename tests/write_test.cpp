@@ -47,11 +47,11 @@ TEST_F(Writing, BlockRoutinesTrustTheirCaller) {
         insertDifInOneBlock(blocks.data(0), 512, blocks.difTuple(0), &op);
         EXPECT_EQ(blocks.tuple(0), after[bit]);
     }
+    setDifLbaFast(blocks.difTuple(0), 0x01020304);
+    EXPECT_EQ(blocks.tuple(0), (Tuple{old.guard, old.version, 0xFE, 0x01020304}));
     op = {DIF_DATA_520_ZERO, DIF_INSERT_CRC, 0, nullptr}; /* of other lengths, declared zeros are read, too */
     insertDifInOneBlock(blocks.data(0), 500, blocks.difTuple(0), &op);
     EXPECT_EQ(blocks.tuple(0).guard, slowGuard(DIF_VERSION_T10, blocks.data(0), 500));
-    setDifLbaFast(blocks.difTuple(0), 0x01020304);
-    EXPECT_EQ(blocks.tuple(0).lba, 0x01020304u);
     const DifTypeInfo odd{528, 512, 0, 512}; /* a DIF area of neither 8 nor 64 bytes is not cleared */
     const auto before = blocks.bytes;
     op.ctrlFlag = 0;
