@@ -1,6 +1,5 @@
 /* Random numbers, blocks in one buffer, and their guards computed apart from the library. */
-#ifndef DIF_TESTS_BLOCKS_H
-#define DIF_TESTS_BLOCKS_H
+#pragma once
 
 #include "dif/types.h"
 
@@ -112,5 +111,3 @@ struct Blocks {
     uint32_t count;
     std::vector<uint8_t> bytes;
 };
-
-#endif

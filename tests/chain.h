@@ -1,6 +1,5 @@
 /* A chain whose nodes and buffers are heap blocks of exactly their size, so that a sanitizer sees every step too far. */
-#ifndef DIF_TESTS_CHAIN_H
-#define DIF_TESTS_CHAIN_H
+#pragma once
 
 #include "blocks.h"
 #include "dif/sgl.h"
@@ -63,5 +62,3 @@ private:
     std::vector<std::vector<uint64_t>> nodes_;
     std::vector<std::vector<uint8_t>> buffers_;
 };
-
-#endif

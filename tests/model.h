@@ -1,6 +1,5 @@
 /* What the operations must make of blocks, worked out from their rules one block at a time. */
-#ifndef DIF_TESTS_MODEL_H
-#define DIF_TESTS_MODEL_H
+#pragma once
 
 #include "blocks.h"
 #include "dif/dif.h"
@@ -177,5 +176,3 @@ inline uint32_t checkList(const Sgl *sgl, uint32_t offset, uint32_t sectors, Dif
 inline uint32_t checkListReturning(const Sgl *sgl, uint32_t offset, uint32_t sectors, DifCheckParam *param) {
     return checkDifInSglWithErrorReturn(sgl, offset, sectors, param, "caller", 42);
 }
-
-#endif

@@ -1,6 +1,5 @@
 /* Every form of an operation against the model, over a range of random blocks. */
-#ifndef DIF_TESTS_TRIAL_H
-#define DIF_TESTS_TRIAL_H
+#pragma once
 
 #include "chain.h"
 #include "model.h"
@@ -70,9 +69,10 @@ struct Trial {
                                               : checkListReturning(chain.at(0), start(), sectors, &call.param);
         require(code == model.code, "a check has the wrong answer");
         require(memcmp(&asked, &call.param, sizeof asked) == 0, "a check has not put its record back");
-        require(asked.checkResult == nullptr || call.result == model.result, "a check has the wrong result");
-        require(asked.errBlockIndex == nullptr || call.index == model.index, "a check has the wrong index");
-        require(asked.errBlockBitmap == nullptr || call.bitmap == model.bitmap, "a check has the wrong bitmap");
+        require((asked.checkResult == nullptr || call.result == model.result) &&
+                    (asked.errBlockIndex == nullptr || call.index == model.index) &&
+                    (asked.errBlockBitmap == nullptr || call.bitmap == model.bitmap),
+                "a check has the wrong outputs");
         require(chain.bytes() == want.bytes, "a check leaves the wrong blocks");
         return model;
     }
@@ -88,14 +88,19 @@ struct Trial {
                     noDifZeroDataCheckInSgl(chain.at(0), start(), sectors, &param) == isZero(),
                 "not so many zeros");
         const uint32_t code = checkDifInSglWithStdT10(chain.at(0), start(), sectors, &param);
-        const uint32_t fault = isOn ? stdT10Fault(param.ctrlFlag) : 0;
-        require(code == (isOn && count == 0 ? DIF_ERR_SGL
-                         : fault != 0       ? DIF_ERR_CHECK
-                                            : DIF_OK) &&
-                    call.result == (isOn && count != 0 ? fault : Check::kUntouched),
+        CheckModel model(param, 4);
+        Blocks plain = blocks;
+        for (uint32_t k = offset; k < offset + count; ++k)
+            if (!plain.tuple(k).isExempt())
+                plain.set(k, {plain.tuple(k).guard, DIF_VERSION_T10, DIF_APP_LBA_VALID, plain.tuple(k).lba});
+        model.run(plain, offset, isOn ? count : 0);
+        require(code == (isOn && count == 0 ? DIF_ERR_SGL : model.code) &&
+                    call.result == (isOn && count != 0 ? model.result : Check::kUntouched),
                 "a check of plain T10 tuples has the wrong answer");
-        require(blocks.type != DIF_DATA_520 || isDifEvictable(buffer.buffer(0) + start(), count) == (!isOn || isFree()),
-                "the wrong blocks are evictable");
+        const bool isFree = blocks.tuple(offset).isExempt() || /* which speaks for all */
+                            allOf([&](uint32_t k) { return (blocks.tuple(k).app & DIF_APP_BST) == 0; });
+        const bool isEvictable = blocks.type != DIF_DATA_520 || isDifEvictable(buffer.buffer(0) + start(), count);
+        require(isEvictable == (blocks.type != DIF_DATA_520 || !isOn || count == 0 || isFree), "the wrong eviction");
         require(buffer.bytes() == blocks.bytes && chain.bytes() == blocks.bytes, "a question changes blocks");
     }
 
@@ -172,31 +177,14 @@ private:
         return model;
     }
 
-    /* Of the BST mark; but an exempt first tuple speaks for all. */
-    bool isFree() {
-        bool isMarked = false;
-        for (uint32_t k = offset; k < offset + count && !blocks.tuple(offset).isExempt(); ++k)
-            isMarked = isMarked || (blocks.tuple(k).app & DIF_APP_BST) != 0;
-        return !isMarked;
+    template <typename Property>
+    bool allOf(Property property) {
+        uint32_t number = 0;
+        for (uint32_t k = offset; k < offset + count; ++k)
+            number += property(k) ? 1 : 0;
+        return number == count;
     }
-
     bool isZero() {
-        uint32_t zeros = 0;
-        for (uint32_t i = 0; i < count; ++i)
-            zeros += blocks.isZero(offset + i) ? 1 : 0;
-        return zeros == count;
-    }
-
-    uint32_t stdT10Fault(uint32_t flags) {
-        for (uint32_t i = 0; i < count; ++i) {
-            const Tuple tuple = blocks.tuple(offset + i);
-            if (!tuple.isExempt() && (flags & DIF_CHECK_LBA) != 0 && tuple.lba != static_cast<uint32_t>(lba + i))
-                return DIF_RESULT_LBA_ERROR;
-            if (!tuple.isExempt() && (flags & DIF_CHECK_CRC) != 0 && tuple.guard != blocks.guard(offset + i))
-                return DIF_RESULT_CRC_ERROR;
-        }
-        return 0;
+        return allOf([&](uint32_t k) { return blocks.isZero(k); });
     }
 };
-
-#endif

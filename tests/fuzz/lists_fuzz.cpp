@@ -39,9 +39,9 @@ void callOnce(Random &random) {
     const auto starts = blockStarts(trial.lengths, offset, sectors >> info.sectorShift, info.blockSize);
     Chain chain(trial.lengths, trial.blocks.bytes, random.from(0, 7));
     std::vector<uint8_t> before = chain.bytes();
-    std::vector<uint32_t> bitmap((std::max<size_t>(starts.size(), trial.count) + 31) / 32);
+    std::vector<uint32_t> bitmap((starts.size() + 31) / 32);
     const uint32_t type = random.oneIn(9) ? random.of({4u, 0x80000000u}) : info.sectorShift / 3 * 2;
-    const uint32_t flags = random.from(0, ~0u - 1), own = trial.sectors;
+    const uint32_t flags = random.from(0, ~0u - 1);
     DifOpParam op{type + random.from(0, 1), flags, trial.lba, random.oneIn(2) ? bitmap.data() : nullptr};
     DifInjectParam inject{op.type, flags, trial.lba, 0x1234, 0x1F};
     Check check(random.oneIn(9) ? op.type : type, 0, trial.lba);
@@ -50,31 +50,21 @@ void callOnce(Random &random) {
     const bool noPlace = random.oneIn(20), noRecord = random.oneIn(20);
     const Sgl *const sgl = noPlace ? nullptr : chain.at(0);
     uint8_t *const buf = noPlace ? nullptr : trial.blocks.data(trial.offset);
-    DifOpParam *const writing = noRecord ? nullptr : &op;
-    DifInjectParam *const injecting = noRecord ? nullptr : &inject;
-    DifCheckParam *const checking = noRecord ? nullptr : &check.param;
-    const uint32_t small = info.sectorShift == 0 ? own : 0; /* for operations that know 520-byte blocks only */
+    const auto given = [&](auto &record) { return noRecord ? nullptr : &record; };
     DifTuple tuple;
     uint64_t found;
     const std::function<void()> calls[] = {
-        [&] { insertDif(buf, own, writing); },
-        [&] { replaceDif(buf, own, writing); },
-        [&] { injectDif(buf, own, injecting); },
-        [&] { checkBuffer(buf, own, checking); },
-        [&] { noDifZeroDataCheck(buf, own, &check.param); },
-        [&] { noDifSetCheckResult(buf, own, checking); },
-        [&] { isDifEvictable(buf, small); },
-        [&] { getDifLba(buf, small != 0 ? 520 : 0, noRecord ? nullptr : &found); },
-        [&] { trans2LSectorDif(buf, small, noRecord ? nullptr : &tuple); },
-        [&] { insertDifInSgl(sgl, offset, sectors, writing); },
-        [&] { replaceDifInSgl(sgl, offset, sectors, writing); },
-        [&] { injectDifInSgl(sgl, offset, sectors, injecting); },
-        [&] { checkList(sgl, offset, sectors, checking); },
+        [&] { getDifLba(buf, info.blockSize, given(found)); },
+        [&] { trans2LSectorDif(buf, trial.count, given(tuple)); },
+        [&] { insertDifInSgl(sgl, offset, sectors, given(op)); },
+        [&] { replaceDifInSgl(sgl, offset, sectors, given(op)); },
+        [&] { injectDifInSgl(sgl, offset, sectors, given(inject)); },
+        [&] { checkList(sgl, offset, sectors, given(check.param)); },
         [&] { noDifZeroDataCheckInSgl(sgl, offset, sectors, &check.param); },
-        [&] { noDifSetCheckResultInSgl(sgl, offset, sectors, checking); },
+        [&] { noDifSetCheckResultInSgl(sgl, offset, sectors, given(check.param)); },
         [&] { isDifEvictableInSgl(sgl, offset, sectors); },
-        [&] { checkListReturning(sgl, offset, sectors, checking); },
-        [&] { checkDifInSglWithStdT10(sgl, offset, sectors, checking); },
+        [&] { checkListReturning(sgl, offset, sectors, given(check.param)); },
+        [&] { checkDifInSglWithStdT10(sgl, offset, sectors, given(check.param)); },
     };
     calls[random.from(0, std::size(calls) - 1)]();
     const std::vector<uint8_t> after = chain.bytes();
