@@ -122,25 +122,19 @@ private:
         return settled;
     }
 
-    uint32_t faultOf(Blocks &blocks, uint32_t k, uint32_t i) const {
-        const Tuple tuple = blocks.tuple(k);
-        if (tuple.isExempt() && !has(DIF_CHECK_TRIM_ZERO))
-            return 0;
-        if (!isKnown(tuple.version))
-            return when(lbaMade() || crcMade(), DIF_RESULT_VERSION_ERROR);
-        if (lbaMade() && (tuple.app & DIF_APP_LBA_VALID) != 0 && tuple.lba != static_cast<uint32_t>(asked.lba + i))
-            return DIF_RESULT_LBA_ERROR;
-        return when(crcMade() && tuple.version != 0x34 && tuple.guard != blocks.guard(k, tuple.version),
-                    DIF_RESULT_CRC_ERROR);
-    }
-
     /* Whether the block passes. */
     bool verify(Blocks &blocks, uint32_t k, uint32_t i) {
-        const uint32_t fault = faultOf(blocks, k, i);
-        const Tuple tuple = blocks.tuple(k);
+        const Tuple t = blocks.tuple(k);
+        uint32_t fault = 0;
+        if (!isKnown(t.version) && (!t.isExempt() || has(DIF_CHECK_TRIM_ZERO)))
+            fault = when(lbaMade() || crcMade(), DIF_RESULT_VERSION_ERROR);
+        else if (lbaMade() && (t.app & DIF_APP_LBA_VALID) != 0 && t.lba != static_cast<uint32_t>(asked.lba + i))
+            fault = when(!t.isExempt(), DIF_RESULT_LBA_ERROR);
+        else if (crcMade() && t.version != 0x34 && t.guard != blocks.guard(k, t.version))
+            fault = when(!t.isExempt(), DIF_RESULT_CRC_ERROR);
         if (fault == 0) {
-            if (has(DIF_CHECK_CONVERT_T10) && tuple.version == DIF_VERSION_CRC32C)
-                blocks.set(k, {blocks.guard(k), DIF_VERSION_T10, tuple.app, tuple.lba});
+            if (has(DIF_CHECK_CONVERT_T10) && t.version == DIF_VERSION_CRC32C)
+                blocks.set(k, {blocks.guard(k), DIF_VERSION_T10, t.app, t.lba});
             result &= ~when(has(DIF_CHECK_ALL_BLOCKS), DIF_RESULT_NONE_PASSED);
             return true;
         }

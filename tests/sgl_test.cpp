@@ -104,6 +104,9 @@ TEST_F(Lists, FaultsOfEveryOperation) {
         {{{1040, 520}, {}}, 1040, 1, {}, {1040}, 1, false}, /* what lies behind the range does not matter */
         {{{520, 1040, 7}}, 520, 2, {}, {520, 1040}, 2, false},
     };
+    const Lines beyond = asserted("getStartSglByOffset", "residBytesPara > 0");
+    const Lines beyondReturned{
+        limited(3, "getStartSglByOffsetWithReturn", "DIF_SGL_ERROR: invalid offsetByte:0xffffffff")};
     host.filtered = 1u << 4 | 1u << 6; /* no dumps, no notes */
     for (const Operation &op : kOperations) {
         for (const auto &row : rows) {
@@ -131,21 +134,9 @@ TEST_F(Lists, FaultsOfEveryOperation) {
             EXPECT_EQ(host.take(), expected);
             EXPECT_TRUE(chain.bytes() == bytes);
         }
-    }
-}
-
-/* All at one tick: the assertion sites of a walk are the operation's own, that of positioning belongs to all. */
-TEST_F(Lists, AssertionSites) {
-    host.filtered = 1u << 4 | 1u << 6;
-    Chain chain(Lengths{{520}});
-    const Range range{chain.at(0), 0, 2}, noPlace{chain.at(0), ~0u, 1};
-    const Lines overflow = asserted("getStartSglByOffset", "residBytesPara > 0");
-    const Lines returned{limited(3, "getStartSglByOffsetWithReturn", "DIF_SGL_ERROR: invalid offsetByte:0xffffffff")};
-    for (const Operation &op : kOperations) {
-        op.call(range);
-        EXPECT_EQ(host.take(), eventsOf({Fault::kChainEnd, false}, op, chain, range));
-        EXPECT_EQ(op.call(noPlace), op.returnsErrors ? DIF_ERR_SGL : op.cut);
-        EXPECT_EQ(host.take(), op.returnsErrors ? returned : &op == kOperations ? overflow : Lines{});
+        host.later();
+        EXPECT_EQ(op.call({Chain(Lengths{{520}}).at(0), ~0u, 1}), op.returnsErrors ? DIF_ERR_SGL : op.cut);
+        EXPECT_EQ(host.take(), op.returnsErrors ? beyondReturned : beyond);
     }
 }
 
@@ -180,18 +171,6 @@ TEST_F(Lists, Dump) {
     EXPECT_EQ(dump(4).size(), 8u); /* 1000 bytes as one sector */
     EXPECT_EQ(dump(3).back(), line(format("_END: srcSgl(%p), actualTotalEntrySum(2).", root)));
     EXPECT_EQ(dump(3), Lines{}); /* suppressed */
-}
-
-/* An exempt tuple speaks for the blocks behind it in its own entry. */
-TEST_F(Lists, EvictableByEntries) {
-    Chain chain(Lengths{{1040, 1040}});
-    putTuple(chain.buffer(0) + 512, kOnes);
-    putTuple(chain.buffer(0) + 1032, {0, 0, DIF_APP_BST, 0});
-    EXPECT_TRUE(isDifEvictableInSgl(chain.at(0), 0, 4));
-    EXPECT_FALSE(isDifEvictableInSgl(chain.at(0), 520, 1));
-    putTuple(chain.buffer(1) + 1032, {0, 0, DIF_APP_BST, 0});
-    EXPECT_FALSE(isDifEvictableInSgl(chain.at(0), 0, 4));
-    EXPECT_TRUE(isDifEvictableInSgl(chain.at(0), 0, 3));
 }
 
 TEST_F(Lists, ChecksEndWithTheirLastQuestionOrFault) {

@@ -97,10 +97,14 @@ struct Trial {
         require(code == (isOn && count == 0 ? DIF_ERR_SGL : model.code) &&
                     call.result == (isOn && count != 0 ? model.result : Check::kUntouched),
                 "a check of plain T10 tuples has the wrong answer");
-        const bool isFree = blocks.tuple(offset).isExempt() || /* which speaks for all */
-                            allOf([&](uint32_t k) { return (blocks.tuple(k).app & DIF_APP_BST) == 0; });
-        const bool isEvictable = blocks.type != DIF_DATA_520 || isDifEvictable(buffer.buffer(0) + start(), count);
-        require(isEvictable == (blocks.type != DIF_DATA_520 || !isOn || count == 0 || isFree), "the wrong eviction");
+        const bool isFree = !isOn || allOf([&](const Tuple &tuple) { return (tuple.app & DIF_APP_BST) == 0; });
+        if (blocks.type == DIF_DATA_520) { /* an exempt tuple speaks for those behind it */
+            require(isDifEvictable(buffer.buffer(0) + start(), count) ==
+                            (isFree || (count != 0 && blocks.tuple(offset).isExempt())) &&
+                        (isDifEvictableInSgl(chain.at(0), start(), count) == isFree ||
+                         !allOf([](const Tuple &tuple) { return !tuple.isExempt(); })),
+                    "the wrong blocks are evictable");
+        }
         require(buffer.bytes() == blocks.bytes && chain.bytes() == blocks.bytes, "a question changes blocks");
     }
 
@@ -166,14 +170,14 @@ private:
         CheckModel model(asked, level);
         if (isOn && !trimsOnly && !isRefused)
             model.run(want, offset, count);
+        else if (!isOn)
+            model.result = DIF_RESULT_NOT_T10 | (has(DIF_CHECK_ZERO_DATA) && isZero() ? DIF_RESULT_ALL_ZERO : 0);
+        else
+            model.result = model.index = Check::kUntouched;
         for (uint32_t i = 0; (trimsOnly || (!isOn && form != kBuffer && has(DIF_CHECK_TRIM_ZERO))) && i < count; ++i)
             modelTrim(want, offset + i);
-        if (!isOn)
-            model.result = DIF_RESULT_NOT_T10 | (has(DIF_CHECK_ZERO_DATA) && isZero() ? DIF_RESULT_ALL_ZERO : 0);
         if (isRefused)
             model.code = DIF_ERR_SGL;
-        if (trimsOnly || isRefused)
-            model.result = model.index = Check::kUntouched;
         return model;
     }
 
@@ -181,10 +185,14 @@ private:
     bool allOf(Property property) {
         uint32_t number = 0;
         for (uint32_t k = offset; k < offset + count; ++k)
-            number += property(k) ? 1 : 0;
+            number += property(blocks.tuple(k)) ? 1 : 0;
         return number == count;
     }
+
     bool isZero() {
-        return allOf([&](uint32_t k) { return blocks.isZero(k); });
+        uint32_t zeros = 0;
+        for (uint32_t k = offset; k < offset + count; ++k)
+            zeros += blocks.isZero(k) ? 1 : 0;
+        return zeros == count;
     }
 };
