@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
-#include <initializer_list>
 #include <random>
 #include <vector>
 
@@ -64,7 +63,7 @@ struct Tuple {
     bool operator==(const Tuple &) const = default;
 };
 
-inline constexpr Tuple kOnes{.guard = 0xFFFF, .version = 0xFF, .app = 0xFF, .lba = 0xFFFFFFFF};
+inline constexpr Tuple kOnes{0xFFFF, 0xFF, 0xFF, 0xFFFFFFFF};
 
 inline Tuple tupleAt(const uint8_t *bytes) {
     Tuple tuple;

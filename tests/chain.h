@@ -36,8 +36,7 @@ public:
                 sgl->entries[i].bytes = node[i];
             }
         }
-        if (!bytes.empty())
-            fill(bytes);
+        fill(bytes);
     }
 
     Sgl *at(size_t node) { return reinterpret_cast<Sgl *>(nodes_[node].data()); }
@@ -47,7 +46,7 @@ public:
     void fill(const std::vector<uint8_t> &bytes) {
         auto from = bytes.begin();
         for (auto &buffer : buffers_)
-            for (auto to = buffer.begin() + misalignment_; to != buffer.end();)
+            for (auto to = buffer.begin() + misalignment_; to != buffer.end() && from != bytes.end();)
                 *to++ = *from++;
     }
     std::vector<uint8_t> bytes() const {

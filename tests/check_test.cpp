@@ -8,7 +8,6 @@
 namespace {
 
 using CheckDif = StartedDif;
-using NoDif = StartedDif;
 using Concurrency = StartedDif;
 
 TEST_F(CheckDif, OnlyTheFirstFailureMayBeLogged) {
@@ -49,7 +48,7 @@ TEST_F(CheckDif, EveryBlockAsksForTheLevel) {
 }
 
 /* The scan reads word by word: it must answer when the next page cannot be read, but the word before it is not zero. */
-TEST_F(NoDif, ZeroScanStopsAtTheFirstNonZeroWord) {
+TEST_F(CheckDif, ZeroScanStopsAtTheFirstNonZeroWord) {
     const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
     auto *const pages =
         static_cast<uint8_t *>(mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));

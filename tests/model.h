@@ -51,8 +51,7 @@ inline void modelTrim(Blocks &blocks, uint32_t k) {
 }
 
 /* The answer to a check on behalf of a module of a given level. */
-class CheckModel {
-public:
+struct CheckModel {
     CheckModel(const DifCheckParam &param, uint8_t moduleLevel) : asked(param), level_(moduleLevel) {
         isIntegrityOn_ = lbaMade() || crcMade() || has(DIF_CHECK_CONVERT_T10);
         result = when(has(DIF_CHECK_ALL_LBA_VALID), DIF_RESULT_ALL_LBA_VALID) |

@@ -102,11 +102,9 @@ TEST_F(Lists, FaultsOfEveryOperation) {
         {{{1040}, {}, {520}}, 520, 2, {{kEmptyNode, false, 1}}, {520}, 1, true},
         {{{520}, {520, 1559, 520}}, 0, 5, {{kEntryLength, false, 1, 1, 1559}}, {0, 520, 1040, 1560, 2599}, 2, false},
         {{{1040, 520}, {}}, 1040, 1, {}, {1040}, 1, false}, /* what lies behind the range does not matter */
-        {{{520, 1040, 7}}, 520, 2, {}, {520, 1040}, 2, false},
     };
-    const Lines beyond = asserted("getStartSglByOffset", "residBytesPara > 0");
-    const Lines beyondReturned{
-        limited(3, "getStartSglByOffsetWithReturn", "DIF_SGL_ERROR: invalid offsetByte:0xffffffff")};
+    const std::string beyond =
+        limited(3, "getStartSglByOffsetWithReturn", "DIF_SGL_ERROR: invalid offsetByte:0xffffffff");
     host.filtered = 1u << 4 | 1u << 6; /* no dumps, no notes */
     for (const Operation &op : kOperations) {
         for (const auto &row : rows) {
@@ -136,7 +134,8 @@ TEST_F(Lists, FaultsOfEveryOperation) {
         }
         host.later();
         EXPECT_EQ(op.call({Chain(Lengths{{520}}).at(0), ~0u, 1}), op.returnsErrors ? DIF_ERR_SGL : op.cut);
-        EXPECT_EQ(host.take(), op.returnsErrors ? beyondReturned : beyond);
+        EXPECT_EQ(host.take(),
+                  op.returnsErrors ? Lines{beyond} : asserted("getStartSglByOffset", "residBytesPara > 0"));
     }
 }
 
@@ -169,7 +168,7 @@ TEST_F(Lists, Dump) {
     };
     EXPECT_EQ(dump(6), all);       /* counts from the chain's start, */
     EXPECT_EQ(dump(4).size(), 8u); /* 1000 bytes as one sector */
-    EXPECT_EQ(dump(3).back(), line(format("_END: srcSgl(%p), actualTotalEntrySum(2).", root)));
+    dump(3);
     EXPECT_EQ(dump(3), Lines{}); /* suppressed */
 }
 

@@ -81,14 +81,16 @@ struct Trial {
     void ask(bool isOn) {
         for (uint32_t i = 0; i < (random.oneIn(2) ? count : 0); ++i)
             blocks.zeroData(offset + i);
+        const bool isZero = allOf([&](uint32_t k) { return blocks.isZero(k); });
+        const bool isFree = !isOn || allOf([&](uint32_t k) { return (blocks.tuple(k).app & DIF_APP_BST) == 0; });
+        const bool isExemptFree = allOf([&](uint32_t k) { return !blocks.tuple(k).isExempt(); });
         Chain buffer = newChain(false), chain = newChain(true);
         Check call(blocks.type, random.of({DIF_CHECK_LBA, DIF_CHECK_CRC, DIF_CHECK_LBA | DIF_CHECK_CRC}), lba);
-        const DifCheckParam &param = call.param;
-        require(noDifZeroDataCheck(buffer.buffer(0) + start(), sectors, &param) == isZero() &&
-                    noDifZeroDataCheckInSgl(chain.at(0), start(), sectors, &param) == isZero(),
+        require(noDifZeroDataCheck(buffer.buffer(0) + start(), sectors, &call.param) == isZero &&
+                    noDifZeroDataCheckInSgl(chain.at(0), start(), sectors, &call.param) == isZero,
                 "not so many zeros");
-        const uint32_t code = checkDifInSglWithStdT10(chain.at(0), start(), sectors, &param);
-        CheckModel model(param, 4);
+        const uint32_t code = checkDifInSglWithStdT10(chain.at(0), start(), sectors, &call.param);
+        CheckModel model(call.param, 4);
         Blocks plain = blocks;
         for (uint32_t k = offset; k < offset + count; ++k)
             if (!plain.tuple(k).isExempt())
@@ -97,12 +99,9 @@ struct Trial {
         require(code == (isOn && count == 0 ? DIF_ERR_SGL : model.code) &&
                     call.result == (isOn && count != 0 ? model.result : Check::kUntouched),
                 "a check of plain T10 tuples has the wrong answer");
-        const bool isFree = !isOn || allOf([&](const Tuple &tuple) { return (tuple.app & DIF_APP_BST) == 0; });
-        if (blocks.type == DIF_DATA_520) { /* an exempt tuple speaks for those behind it */
-            require(isDifEvictable(buffer.buffer(0) + start(), count) ==
-                            (isFree || (count != 0 && blocks.tuple(offset).isExempt())) &&
-                        (isDifEvictableInSgl(chain.at(0), start(), count) == isFree ||
-                         !allOf([](const Tuple &tuple) { return !tuple.isExempt(); })),
+        if (blocks.type == DIF_DATA_520 && count != 0) { /* an exempt tuple speaks for those behind it */
+            require(isDifEvictable(buffer.buffer(0) + start(), count) == (isFree || blocks.tuple(offset).isExempt()) &&
+                        (!isExemptFree || isDifEvictableInSgl(chain.at(0), start(), count) == isFree),
                     "the wrong blocks are evictable");
         }
         require(buffer.bytes() == blocks.bytes && chain.bytes() == blocks.bytes, "a question changes blocks");
@@ -167,11 +166,12 @@ private:
         const bool isKnown = !has(DIF_CHECK_CRC | DIF_CHECK_LBA) || asked.subPid == 1 || asked.subPid == 2;
         const bool trimsOnly = isOn && form == kList && asked.ctrlFlag == DIF_CHECK_TRIM_ZERO;
         const bool isRefused = isOn && form == kReturning && (!isKnown || count == 0);
+        const bool isZero = allOf([&](uint32_t k) { return blocks.isZero(k); });
         CheckModel model(asked, level);
         if (isOn && !trimsOnly && !isRefused)
             model.run(want, offset, count);
         else if (!isOn)
-            model.result = DIF_RESULT_NOT_T10 | (has(DIF_CHECK_ZERO_DATA) && isZero() ? DIF_RESULT_ALL_ZERO : 0);
+            model.result = DIF_RESULT_NOT_T10 | (has(DIF_CHECK_ZERO_DATA) && isZero ? DIF_RESULT_ALL_ZERO : 0);
         else
             model.result = model.index = Check::kUntouched;
         for (uint32_t i = 0; (trimsOnly || (!isOn && form != kBuffer && has(DIF_CHECK_TRIM_ZERO))) && i < count; ++i)
@@ -185,14 +185,7 @@ private:
     bool allOf(Property property) {
         uint32_t number = 0;
         for (uint32_t k = offset; k < offset + count; ++k)
-            number += property(blocks.tuple(k)) ? 1 : 0;
+            number += property(k) ? 1 : 0;
         return number == count;
-    }
-
-    bool isZero() {
-        uint32_t zeros = 0;
-        for (uint32_t k = offset; k < offset + count; ++k)
-            zeros += blocks.isZero(k) ? 1 : 0;
-        return zeros == count;
     }
 };

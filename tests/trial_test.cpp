@@ -23,7 +23,7 @@ TEST_F(Trials, EveryForm) {
             host.take();
             host.later();
             const CheckModel model = trial.check(form, isOn, DIF_MID_CACHE, level);
-            std::array<uint64_t, DIF_STAT_BUTT> counters{};
+            std::array<uint64_t, DIF_STAT_BUTT> counters;
             difVerifyStatisticGet(DIF_MID_CACHE, static_cast<uint8_t>(model.asked.subPid - 1), counters.data());
             EXPECT_TRUE(counters == model.counted() || model.asked.subPid == 0);
             uint32_t warnings = 0;

@@ -41,9 +41,9 @@ void callOnce(Random &random) {
     std::vector<uint8_t> before = chain.bytes();
     std::vector<uint32_t> bitmap((starts.size() + 31) / 32);
     const uint32_t type = random.oneIn(9) ? random.of({4u, 0x80000000u}) : info.sectorShift / 3 * 2;
-    const uint32_t flags = random.from(0, ~0u - 1);
-    DifOpParam op{type + random.from(0, 1), flags, trial.lba, random.oneIn(2) ? bitmap.data() : nullptr};
-    DifInjectParam inject{op.type, flags, trial.lba, 0x1234, 0x1F};
+    DifOpParam op{type + random.from(0, 1), random.from(0, ~0u - 1), trial.lba,
+                  random.oneIn(2) ? bitmap.data() : nullptr};
+    DifInjectParam inject{op.type, op.ctrlFlag, trial.lba, 0x1234, 0x1F};
     Check check(random.oneIn(9) ? op.type : type, 0, trial.lba);
     check.param.errBlockBitmap = bitmap.data();
     trial.vary(check.param, random.from(0, 17));

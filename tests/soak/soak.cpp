@@ -21,7 +21,7 @@ struct Module {
 
 Module modules[] = {{DIF_MID_FC}, {DIF_MID_LUN}, {DIF_MID_CACHE}, {DIF_MID_POOL}};
 std::atomic<bool> stop{false}, failed{false};
-std::atomic<uint64_t> steps{0}, failures{0};
+std::atomic<uint64_t> failures{0};
 
 /* Runs `step` over and over until the stretch ends, which a failure ends. */
 template <typename Step>
@@ -44,16 +44,16 @@ void work(Module &module, bool isOn, Random &random) {
     for (uint32_t kind = 0; model.asked.subPid != 0 && kind < DIF_STAT_BUTT; ++kind)
         module.counters[model.asked.subPid - 1][kind] += model.counted()[kind];
     failures += model.code == DIF_ERR_CHECK ? 1 : 0;
-    ++steps;
 }
 
 void operate(Random &random) {
     difHostSetLogLevel(random.oneIn(8) ? DIF_HOST_LOG_WARNING : DIF_HOST_LOG_ASSERT); /* there is a lot to warn of */
     setSysDifCrcVersion(random.oneIn(2) ? DIF_VERSION_T10 : DIF_VERSION_CRC32C);
-    const auto drop = [](auto...) {};
     for (const char *line : {"dif showverifyresult", "dif showverifylevel", "dif showdifswitch", "metrics"})
         if (random.oneIn(8))
-            require(difHostRunCommand(DIF_HOST_DIAGNOSE, line, drop, nullptr) == 0, line);
+            require(difHostRunCommand(
+                        DIF_HOST_DIAGNOSE, line, [](auto...) {}, nullptr) == 0,
+                    line);
     std::this_thread::sleep_for(std::chrono::microseconds(random.from(1, 500)));
 }
 
@@ -106,7 +106,6 @@ int main(int argc, char **argv) {
         }
     }
     difModuleExit();
-    std::printf("%ju steps, %ju of whose checks failed%s\n", uintmax_t{steps}, uintmax_t{failures},
-                failed ? ": FAILED" : "");
+    std::printf("%ju checks failed as foreseen%s\n", uintmax_t{failures}, failed ? "; but not all is" : "");
     return failed || failures == 0 ? 1 : 0;
 }
