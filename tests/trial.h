@@ -48,8 +48,7 @@ struct Trial {
         param.ctrlFlag = random.of({DIF_CHECK_CRC, DIF_CHECK_LBA, DIF_CHECK_CRC | DIF_CHECK_LBA, 0u, 0x2000000u});
         for (uint32_t bit = 18; bit < 28; ++bit)
             param.ctrlFlag |= random.oneIn(4) ? 1u << bit : 0;
-        if (random.oneIn(10))
-            param.ctrlFlag = DIF_CHECK_TRIM_ZERO;
+        param.ctrlFlag = random.oneIn(10) ? DIF_CHECK_TRIM_ZERO : param.ctrlFlag;
         for (uint8_t *level : {&param.crcLevel, &param.lbaLevel})
             *level = random.of<uint8_t>({0, 1, 2, 2, 3, 4, 5});
         for (uint32_t **output : {&param.checkResult, &param.errBlockIndex, &param.errBlockBitmap})
@@ -62,7 +61,22 @@ struct Trial {
         vary(call.param, mid);
         const DifCheckParam asked = call.param;
         Blocks want = blocks;
-        const CheckModel model = answer(form, isOn, level, asked, want);
+        const auto has = [&](uint32_t flag) { return (asked.ctrlFlag & flag) != 0; };
+        const bool isKnown = !has(DIF_CHECK_CRC | DIF_CHECK_LBA) || asked.subPid == 1 || asked.subPid == 2;
+        const bool trimsOnly = isOn && form == kList && asked.ctrlFlag == DIF_CHECK_TRIM_ZERO;
+        const bool isRefused = isOn && form == kReturning && (!isKnown || count == 0);
+        const bool isZero = allOf([&](uint32_t k) { return blocks.isZero(k); });
+        CheckModel model(asked, level);
+        if (isOn && !trimsOnly && !isRefused)
+            model.run(want, offset, count);
+        else if (!isOn)
+            model.result = DIF_RESULT_NOT_T10 | (has(DIF_CHECK_ZERO_DATA) && isZero ? DIF_RESULT_ALL_ZERO : 0);
+        else
+            model.result = model.index = Check::kUntouched;
+        for (uint32_t i = 0; (trimsOnly || (!isOn && form != kBuffer && has(DIF_CHECK_TRIM_ZERO))) && i < count; ++i)
+            modelTrim(want, offset + i);
+        if (isRefused)
+            model.code = DIF_ERR_SGL;
         Chain chain = newChain(form != kBuffer);
         const uint32_t code = form == kBuffer ? checkBuffer(chain.buffer(0) + start(), sectors, &call.param)
                               : form == kList ? checkList(chain.at(0), start(), sectors, &call.param)
@@ -79,8 +93,6 @@ struct Trial {
 
     /* The questions that change nothing. */
     void ask(bool isOn) {
-        for (uint32_t i = 0; i < (random.oneIn(2) ? count : 0); ++i)
-            blocks.zeroData(offset + i);
         const bool isZero = allOf([&](uint32_t k) { return blocks.isZero(k); });
         const bool isFree = !isOn || allOf([&](uint32_t k) { return (blocks.tuple(k).app & DIF_APP_BST) == 0; });
         const bool isExemptFree = allOf([&](uint32_t k) { return !blocks.tuple(k).isExempt(); });
@@ -159,26 +171,6 @@ private:
             }
             require(bytes == want.bytes, "an operation has written the wrong blocks");
         }
-    }
-
-    CheckModel answer(Form form, bool isOn, uint8_t level, const DifCheckParam &asked, Blocks &want) {
-        const auto has = [&](uint32_t flag) { return (asked.ctrlFlag & flag) != 0; };
-        const bool isKnown = !has(DIF_CHECK_CRC | DIF_CHECK_LBA) || asked.subPid == 1 || asked.subPid == 2;
-        const bool trimsOnly = isOn && form == kList && asked.ctrlFlag == DIF_CHECK_TRIM_ZERO;
-        const bool isRefused = isOn && form == kReturning && (!isKnown || count == 0);
-        const bool isZero = allOf([&](uint32_t k) { return blocks.isZero(k); });
-        CheckModel model(asked, level);
-        if (isOn && !trimsOnly && !isRefused)
-            model.run(want, offset, count);
-        else if (!isOn)
-            model.result = DIF_RESULT_NOT_T10 | (has(DIF_CHECK_ZERO_DATA) && isZero ? DIF_RESULT_ALL_ZERO : 0);
-        else
-            model.result = model.index = Check::kUntouched;
-        for (uint32_t i = 0; (trimsOnly || (!isOn && form != kBuffer && has(DIF_CHECK_TRIM_ZERO))) && i < count; ++i)
-            modelTrim(want, offset + i);
-        if (isRefused)
-            model.code = DIF_ERR_SGL;
-        return model;
     }
 
     template <typename Property>
