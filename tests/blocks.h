@@ -1,6 +1,5 @@
 /* Random numbers, blocks in one buffer, and their guards computed apart from the library. */
-#ifndef DIF_TESTS_BLOCKS_H
-#define DIF_TESTS_BLOCKS_H
+#pragma once
 
 #include "dif/types.h"
 
@@ -8,7 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <initializer_list>
+#include <functional>
 #include <random>
 #include <vector>
 
@@ -41,9 +40,9 @@ struct Random {
         const char *given = std::getenv("DIF_TEST_SEED");
         const uint64_t seed = given != nullptr ? std::strtoull(given, nullptr, 0) : std::random_device{}();
         std::printf("DIF_TEST_SEED=%ju\n", uintmax_t{seed});
-        engine.seed(seed);
+        engine = std::mt19937_64(seed);
     }
-    explicit Random(uint64_t seed) : engine(seed) {}
+    explicit Random(std::function<uint64_t()> source) : engine(std::move(source)) {}
     uint32_t from(uint32_t least, uint32_t most) {
         return least + static_cast<uint32_t>(engine() % (most - least + 1));
     }
@@ -52,14 +51,8 @@ struct Random {
     T of(std::initializer_list<T> values) {
         return values.begin()[engine() % values.size()];
     }
-    void fill(uint8_t *bytes, size_t size) {
-        for (size_t at = 0; at < size; at += 8) {
-            const uint64_t next = engine();
-            memcpy(bytes + at, &next, std::min(size - at, sizeof next));
-        }
-    }
 
-    std::mt19937_64 engine;
+    std::function<uint64_t()> engine;
 };
 
 struct Tuple {
@@ -70,7 +63,7 @@ struct Tuple {
     bool operator==(const Tuple &) const = default;
 };
 
-inline constexpr Tuple kOnes{.guard = 0xFFFF, .version = 0xFF, .app = 0xFF, .lba = 0xFFFFFFFF};
+inline constexpr Tuple kOnes{0xFFFF, 0xFF, 0xFF, 0xFFFFFFFF};
 
 inline Tuple tupleAt(const uint8_t *bytes) {
     Tuple tuple;
@@ -91,7 +84,8 @@ inline DifTypeInfo infoOf(uint32_t type) {
 struct Blocks {
     Blocks(uint32_t dataType, uint32_t number, uint64_t seed = 1)
         : type(dataType), info(infoOf(dataType)), count(number), bytes(size_t{number} * info.blockSize) {
-        Random(seed).fill(bytes.data(), bytes.size());
+        std::mt19937_64 noise(seed);
+        std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<uint8_t>(noise()); });
         for (uint32_t k = 0; k < count; ++k)
             memset(dif(k), 0xA5, info.blockSize - info.dataSize);
     }
@@ -102,7 +96,6 @@ struct Blocks {
     void set(uint32_t k, const Tuple &tuple) { putTuple(dif(k), tuple); }
     void zeroData(uint32_t k) { memset(data(k), 0, info.dataSize); }
     bool isZero(uint32_t k) { return data(k)[0] == 0 && memcmp(data(k), data(k) + 1, info.dataSize - 1) == 0; }
-    uint32_t sectors() const { return count << info.sectorShift; }
 
     /* The right guard of a block's data, and the tuple of a block that is all right. */
     uint16_t guard(uint32_t k, uint32_t version = DIF_VERSION_T10) {
@@ -117,5 +110,3 @@ struct Blocks {
     uint32_t count;
     std::vector<uint8_t> bytes;
 };
-
-#endif

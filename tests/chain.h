@@ -1,6 +1,5 @@
 /* A chain whose nodes and buffers are heap blocks of exactly their size, so that a sanitizer sees every step too far. */
-#ifndef DIF_TESTS_CHAIN_H
-#define DIF_TESTS_CHAIN_H
+#pragma once
 
 #include "blocks.h"
 #include "dif/sgl.h"
@@ -37,8 +36,7 @@ public:
                 sgl->entries[i].bytes = node[i];
             }
         }
-        if (!bytes.empty())
-            fill(bytes);
+        fill(bytes);
     }
 
     Sgl *at(size_t node) { return reinterpret_cast<Sgl *>(nodes_[node].data()); }
@@ -48,7 +46,7 @@ public:
     void fill(const std::vector<uint8_t> &bytes) {
         auto from = bytes.begin();
         for (auto &buffer : buffers_)
-            for (auto to = buffer.begin() + misalignment_; to != buffer.end();)
+            for (auto to = buffer.begin() + misalignment_; to != buffer.end() && from != bytes.end();)
                 *to++ = *from++;
     }
     std::vector<uint8_t> bytes() const {
@@ -63,5 +61,3 @@ private:
     std::vector<std::vector<uint64_t>> nodes_;
     std::vector<std::vector<uint8_t>> buffers_;
 };
-
-#endif

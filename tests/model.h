@@ -1,6 +1,5 @@
 /* What the operations must make of blocks, worked out from their rules one block at a time. */
-#ifndef DIF_TESTS_MODEL_H
-#define DIF_TESTS_MODEL_H
+#pragma once
 
 #include "blocks.h"
 #include "dif/dif.h"
@@ -52,8 +51,7 @@ inline void modelTrim(Blocks &blocks, uint32_t k) {
 }
 
 /* The answer to a check on behalf of a module of a given level. */
-class CheckModel {
-public:
+struct CheckModel {
     CheckModel(const DifCheckParam &param, uint8_t moduleLevel) : asked(param), level_(moduleLevel) {
         isIntegrityOn_ = lbaMade() || crcMade() || has(DIF_CHECK_CONVERT_T10);
         result = when(has(DIF_CHECK_ALL_LBA_VALID), DIF_RESULT_ALL_LBA_VALID) |
@@ -123,25 +121,19 @@ private:
         return settled;
     }
 
-    uint32_t faultOf(Blocks &blocks, uint32_t k, uint32_t i) const {
-        const Tuple tuple = blocks.tuple(k);
-        if (tuple.isExempt() && !has(DIF_CHECK_TRIM_ZERO))
-            return 0;
-        if (!isKnown(tuple.version))
-            return when(lbaMade() || crcMade(), DIF_RESULT_VERSION_ERROR);
-        if (lbaMade() && (tuple.app & DIF_APP_LBA_VALID) != 0 && tuple.lba != static_cast<uint32_t>(asked.lba + i))
-            return DIF_RESULT_LBA_ERROR;
-        return when(crcMade() && tuple.version != 0x34 && tuple.guard != blocks.guard(k, tuple.version),
-                    DIF_RESULT_CRC_ERROR);
-    }
-
     /* Whether the block passes. */
     bool verify(Blocks &blocks, uint32_t k, uint32_t i) {
-        const uint32_t fault = faultOf(blocks, k, i);
-        const Tuple tuple = blocks.tuple(k);
+        const Tuple t = blocks.tuple(k);
+        uint32_t fault = 0;
+        if (!isKnown(t.version) && (!t.isExempt() || has(DIF_CHECK_TRIM_ZERO)))
+            fault = when(lbaMade() || crcMade(), DIF_RESULT_VERSION_ERROR);
+        else if (lbaMade() && (t.app & DIF_APP_LBA_VALID) != 0 && t.lba != static_cast<uint32_t>(asked.lba + i))
+            fault = when(!t.isExempt(), DIF_RESULT_LBA_ERROR);
+        else if (crcMade() && t.version != 0x34 && t.guard != blocks.guard(k, t.version))
+            fault = when(!t.isExempt(), DIF_RESULT_CRC_ERROR);
         if (fault == 0) {
-            if (has(DIF_CHECK_CONVERT_T10) && tuple.version == DIF_VERSION_CRC32C)
-                blocks.set(k, {blocks.guard(k), DIF_VERSION_T10, tuple.app, tuple.lba});
+            if (has(DIF_CHECK_CONVERT_T10) && t.version == DIF_VERSION_CRC32C)
+                blocks.set(k, {blocks.guard(k), DIF_VERSION_T10, t.app, t.lba});
             result &= ~when(has(DIF_CHECK_ALL_BLOCKS), DIF_RESULT_NONE_PASSED);
             return true;
         }
@@ -160,8 +152,6 @@ private:
 struct Check {
     Check(uint32_t type, uint32_t ctrlFlag, uint64_t lba = 0)
         : param{type, ctrlFlag, 2, 2, DIF_MID_CACHE, 1, lba, &result, bitmap.data(), &index} {}
-    Check(const Check &) = delete;
-    Check &operator=(const Check &) = delete;
 
     static constexpr uint32_t kUntouched = 0x5A5A5A5A;
     uint32_t result = kUntouched, index = kUntouched;
@@ -179,5 +169,3 @@ inline uint32_t checkList(const Sgl *sgl, uint32_t offset, uint32_t sectors, Dif
 inline uint32_t checkListReturning(const Sgl *sgl, uint32_t offset, uint32_t sectors, DifCheckParam *param) {
     return checkDifInSglWithErrorReturn(sgl, offset, sectors, param, "caller", 42);
 }
-
-#endif

@@ -1,6 +1,5 @@
 /* Every form of an operation against the model, over a range of random blocks. */
-#ifndef DIF_TESTS_TRIAL_H
-#define DIF_TESTS_TRIAL_H
+#pragma once
 
 #include "chain.h"
 #include "model.h"
@@ -28,68 +27,99 @@ struct Trial {
             fillBlock(k, mostlyZero, allRight);
     }
 
-    /* Insertion, replacement and injection, whichever version each block gets. While that may change, a version that is
-     * written on its own need not be the guard's. */
-    void write(bool isOn, uint32_t exceptFlags = 0) {
-        uint32_t bitmap[] = {static_cast<uint32_t>(random.engine()), static_cast<uint32_t>(random.engine())};
-        const uint32_t flags = random.from(0, random.oneIn(2) ? 0x3FF : ~0u - 1) & ~exceptFlags;
+    /* Insertion, replacement and injection, while the system's version may be any of these. If there are more, one that
+     * is written on its own need not be the guard's. */
+    void write(bool isOn, Bytes versions) {
+        uint32_t bitmap[] = {random.from(0, ~0u - 1), random.from(0, ~0u - 1)};
+        const uint32_t flags =
+            random.from(0, random.oneIn(2) ? 0x3FF : ~0u - 1) & ~(versions.size() > 1 ? DIF_REPLACE_VERSION : 0);
         const uint32_t type = blocks.type + random.from(0, 1);
         const DifOpParam op{type, flags, lba, random.oneIn(2) ? bitmap : nullptr};
         const DifInjectParam inject{type, flags, lba, 0x1234, 0x1F};
-        expectWritten(insertDif, insertDifInSgl, op, isOn, modelInsert);
-        expectWritten(replaceDif, replaceDifInSgl, op, isOn, modelReplace);
-        expectWritten(injectDif, injectDifInSgl, inject, true, modelInject);
+        expectWritten(insertDif, insertDifInSgl, op, isOn ? versions : Bytes{}, modelInsert);
+        expectWritten(replaceDif, replaceDifInSgl, op, isOn ? versions : Bytes{}, modelReplace);
+        expectWritten(injectDif, injectDifInSgl, inject, versions, modelInject);
     }
 
-    /* A random check on behalf of a module that has points 1 and 2. Returns the answer. */
-    CheckModel check(Form form, bool isOn, uint8_t mid, uint8_t level) {
-        uint32_t flags = random.of({DIF_CHECK_CRC, DIF_CHECK_LBA, DIF_CHECK_CRC | DIF_CHECK_LBA, 0u, 0x2000000u});
+    /* Makes a check any check of a module. */
+    void vary(DifCheckParam &param, uint32_t mid) {
+        param.mid = static_cast<uint8_t>(mid);
+        param.subPid = random.of<uint8_t>({1, 1, 1, 1, 2, 2, 2, 2, 0, 3, 63, 64});
+        param.ctrlFlag = random.of({DIF_CHECK_CRC, DIF_CHECK_LBA, DIF_CHECK_CRC | DIF_CHECK_LBA, 0u, 0x2000000u});
         for (uint32_t bit = 18; bit < 28; ++bit)
-            flags |= random.oneIn(4) ? 1u << bit : 0;
-        Check call(blocks.type, random.oneIn(10) ? DIF_CHECK_TRIM_ZERO : flags, lba);
-        call.param.crcLevel = random.of<uint8_t>({0, 1, 2, 2, 3, 4, 5});
-        call.param.lbaLevel = random.of<uint8_t>({0, 1, 2, 2, 3, 4, 5});
-        call.param.mid = mid;
-        call.param.subPid = random.of<uint8_t>({1, 1, 1, 1, 2, 2, 2, 2, 0, 3, 63, 64});
-        call.param.checkResult = random.oneIn(4) ? nullptr : &call.result;
-        call.param.errBlockIndex = random.oneIn(4) ? nullptr : &call.index;
-        call.param.errBlockBitmap = random.oneIn(4) ? nullptr : call.bitmap.data();
+            param.ctrlFlag |= random.oneIn(4) ? 1u << bit : 0;
+        param.ctrlFlag = random.oneIn(10) ? DIF_CHECK_TRIM_ZERO : param.ctrlFlag;
+        for (uint8_t *level : {&param.crcLevel, &param.lbaLevel})
+            *level = random.of<uint8_t>({0, 1, 2, 2, 3, 4, 5});
+        for (uint32_t **output : {&param.checkResult, &param.errBlockIndex, &param.errBlockBitmap})
+            *output = random.oneIn(4) ? nullptr : *output;
+    }
+
+    /* Any check on behalf of a module that has points 1 and 2. Returns the answer. */
+    CheckModel check(Form form, bool isOn, uint8_t mid, uint8_t level) {
+        Check call(blocks.type, 0, lba);
+        vary(call.param, mid);
         const DifCheckParam asked = call.param;
         Blocks want = blocks;
-        const CheckModel model = answer(form, isOn, level, asked, want);
+        const auto has = [&](uint32_t flag) { return (asked.ctrlFlag & flag) != 0; };
+        const bool isKnown = !has(DIF_CHECK_CRC | DIF_CHECK_LBA) || asked.subPid == 1 || asked.subPid == 2;
+        const bool trimsOnly = isOn && form == kList && asked.ctrlFlag == DIF_CHECK_TRIM_ZERO;
+        const bool isRefused = isOn && form == kReturning && (!isKnown || count == 0);
+        const bool isZero = allOf([&](uint32_t k) { return blocks.isZero(k); });
+        CheckModel model(asked, level);
+        if (isOn && !trimsOnly && !isRefused)
+            model.run(want, offset, count);
+        else if (!isOn)
+            model.result = DIF_RESULT_NOT_T10 | (has(DIF_CHECK_ZERO_DATA) && isZero ? DIF_RESULT_ALL_ZERO : 0);
+        else
+            model.result = model.index = Check::kUntouched;
+        for (uint32_t i = 0; (trimsOnly || (!isOn && form != kBuffer && has(DIF_CHECK_TRIM_ZERO))) && i < count; ++i)
+            modelTrim(want, offset + i);
+        if (isRefused)
+            model.code = DIF_ERR_SGL;
         Chain chain = newChain(form != kBuffer);
         const uint32_t code = form == kBuffer ? checkBuffer(chain.buffer(0) + start(), sectors, &call.param)
                               : form == kList ? checkList(chain.at(0), start(), sectors, &call.param)
                                               : checkListReturning(chain.at(0), start(), sectors, &call.param);
         require(code == model.code, "a check has the wrong answer");
         require(memcmp(&asked, &call.param, sizeof asked) == 0, "a check has not put its record back");
-        require(asked.checkResult == nullptr || call.result == model.result, "a check has the wrong result");
-        require(asked.errBlockIndex == nullptr || call.index == model.index, "a check has the wrong index");
-        require(asked.errBlockBitmap == nullptr || call.bitmap == model.bitmap, "a check has the wrong bitmap");
+        require((asked.checkResult == nullptr || call.result == model.result) &&
+                    (asked.errBlockIndex == nullptr || call.index == model.index) &&
+                    (asked.errBlockBitmap == nullptr || call.bitmap == model.bitmap),
+                "a check has the wrong outputs");
         require(chain.bytes() == want.bytes, "a check leaves the wrong blocks");
         return model;
     }
 
     /* The questions that change nothing. */
     void ask(bool isOn) {
-        for (uint32_t i = 0; i < (random.oneIn(2) ? count : 0); ++i)
-            blocks.zeroData(offset + i);
+        const bool isZero = allOf([&](uint32_t k) { return blocks.isZero(k); });
+        const bool isFree = !isOn || allOf([&](uint32_t k) { return (blocks.tuple(k).app & DIF_APP_BST) == 0; });
+        const bool isExemptFree = allOf([&](uint32_t k) { return !blocks.tuple(k).isExempt(); });
         Chain buffer = newChain(false), chain = newChain(true);
         Check call(blocks.type, random.of({DIF_CHECK_LBA, DIF_CHECK_CRC, DIF_CHECK_LBA | DIF_CHECK_CRC}), lba);
-        const DifCheckParam &param = call.param;
-        require(noDifZeroDataCheck(buffer.buffer(0) + start(), sectors, &param) == isZero(), "not so many zeros");
-        require(noDifZeroDataCheckInSgl(chain.at(0), start(), sectors, &param) == isZero(),
-                "not so many zeros in a list");
-        const uint32_t code = checkDifInSglWithStdT10(chain.at(0), start(), sectors, &param);
-        const uint32_t fault = stdT10Fault(param.ctrlFlag);
-        require(code == (!isOn        ? DIF_OK
-                         : count == 0 ? DIF_ERR_SGL
-                         : fault != 0 ? DIF_ERR_CHECK
-                                      : DIF_OK) &&
-                    call.result == (isOn && count != 0 ? fault : Check::kUntouched),
+        require(noDifZeroDataCheck(buffer.buffer(0) + start(), sectors, &call.param) == isZero &&
+                    noDifZeroDataCheckInSgl(chain.at(0), start(), sectors, &call.param) == isZero,
+                "not so many zeros");
+        const uint32_t code = checkDifInSglWithStdT10(chain.at(0), start(), sectors, &call.param);
+        CheckModel model(call.param, 4);
+        Blocks plain = blocks;
+        for (uint32_t k = offset; k < offset + count; ++k)
+            if (!plain.tuple(k).isExempt())
+                plain.set(k, {plain.tuple(k).guard, DIF_VERSION_T10, DIF_APP_LBA_VALID, plain.tuple(k).lba});
+        model.run(plain, offset, isOn ? count : 0);
+        require(code == (isOn && count == 0 ? DIF_ERR_SGL : model.code) &&
+                    call.result == (isOn && count != 0 ? model.result : Check::kUntouched),
                 "a check of plain T10 tuples has the wrong answer");
+        if (blocks.type == DIF_DATA_520 && count != 0) { /* an exempt tuple speaks for those behind it */
+            require(isDifEvictable(buffer.buffer(0) + start(), count) == (isFree || blocks.tuple(offset).isExempt()) &&
+                        (!isExemptFree || isDifEvictableInSgl(chain.at(0), start(), count) == isFree),
+                    "the wrong blocks are evictable");
+        }
         require(buffer.bytes() == blocks.bytes && chain.bytes() == blocks.bytes, "a question changes blocks");
     }
+
+    uint32_t start() const { return offset * blocks.info.blockSize; }
 
     Random &random;
     Blocks blocks{0, 0};
@@ -98,8 +128,6 @@ struct Trial {
     Lengths lengths;
 
 private:
-    uint32_t start() const { return offset * blocks.info.blockSize; }
-
     Chain newChain(bool isList) {
         const Lengths one{{static_cast<uint32_t>(blocks.bytes.size())}};
         return Chain(isList ? lengths : one, blocks.bytes, random.from(0, 8));
@@ -121,7 +149,7 @@ private:
     }
 
     template <typename Buffer, typename List, typename Param, typename Model>
-    void expectWritten(Buffer buffer, List list, Param param, bool isDone, Model model) {
+    void expectWritten(Buffer buffer, List list, Param param, Bytes versions, Model model) {
         const Param before = param;
         for (const bool isList : {false, true}) {
             Chain chain = newChain(isList);
@@ -132,13 +160,12 @@ private:
             require(param.lba == lba, "an operation has not put the LBA back");
             const std::vector<uint8_t> bytes = chain.bytes();
             Blocks want = blocks;
-            for (uint32_t i = 0; isDone && i < count; ++i) {
-                const uint32_t k = offset + i;
-                const uint8_t *const written = &bytes[size_t{k} * want.info.blockSize + want.info.difOffset];
-                for (const uint8_t version : Bytes{DIF_VERSION_T10, DIF_VERSION_CRC32C}) {
+            for (uint32_t k = offset; k < offset + count; ++k) {
+                const Tuple written = tupleAt(&bytes[size_t{k} * want.info.blockSize + want.info.difOffset]);
+                for (const uint8_t version : versions) {
                     want.set(k, blocks.tuple(k));
-                    model(want, k, i, before, version);
-                    if (want.tuple(k) == tupleAt(written))
+                    model(want, k, k - offset, before, version);
+                    if (want.tuple(k) == written)
                         break;
                 }
             }
@@ -146,44 +173,11 @@ private:
         }
     }
 
-    CheckModel answer(Form form, bool isOn, uint8_t level, const DifCheckParam &asked, Blocks &want) {
-        const auto has = [&](uint32_t flag) { return (asked.ctrlFlag & flag) != 0; };
-        const bool isKnown = !has(DIF_CHECK_CRC | DIF_CHECK_LBA) || asked.subPid == 1 || asked.subPid == 2;
-        const bool trimsOnly = isOn && form == kList && asked.ctrlFlag == DIF_CHECK_TRIM_ZERO;
-        const bool isRefused = isOn && form == kReturning && (!isKnown || count == 0);
-        CheckModel model(asked, level);
-        if (isOn && !trimsOnly && !isRefused)
-            model.run(want, offset, count);
-        for (uint32_t i = 0; (trimsOnly || (!isOn && form != kBuffer && has(DIF_CHECK_TRIM_ZERO))) && i < count; ++i)
-            modelTrim(want, offset + i);
-        if (!isOn)
-            model.result = DIF_RESULT_NOT_T10 | (has(DIF_CHECK_ZERO_DATA) && isZero() ? DIF_RESULT_ALL_ZERO : 0);
-        if (isRefused)
-            model.code = DIF_ERR_SGL;
-        if (trimsOnly || isRefused)
-            model.result = model.index = Check::kUntouched;
-        return model;
-    }
-
-    bool isZero() {
-        bool answer = true;
-        for (uint32_t i = 0; i < count; ++i)
-            answer = answer && blocks.isZero(offset + i);
-        return answer;
-    }
-
-    uint32_t stdT10Fault(uint32_t flags) {
-        for (uint32_t i = 0; i < count; ++i) {
-            const Tuple tuple = blocks.tuple(offset + i);
-            if (tuple.isExempt())
-                continue;
-            if ((flags & DIF_CHECK_LBA) != 0 && tuple.lba != static_cast<uint32_t>(lba + i))
-                return DIF_RESULT_LBA_ERROR;
-            if ((flags & DIF_CHECK_CRC) != 0 && tuple.guard != blocks.guard(offset + i))
-                return DIF_RESULT_CRC_ERROR;
-        }
-        return 0;
+    template <typename Property>
+    bool allOf(Property property) {
+        uint32_t number = 0;
+        for (uint32_t k = offset; k < offset + count; ++k)
+            number += property(k) ? 1 : 0;
+        return number == count;
     }
 };
-
-#endif

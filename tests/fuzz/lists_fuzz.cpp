@@ -1,156 +1,100 @@
 /*
- * Sequences of calls of every operation over lists and buffers, malformed lists and refused arguments included, under a
- * host that says go on after every assertion. Every node, buffer and output is a heap block of exactly its size.
+ * Trials by the fuzzer's choice, and single calls of every operation, malformed lists and refused arguments included,
+ * under a host that says go on after every assertion.
  */
-#include "chain.h"
 #include "fake_host.h"
-#include "model.h"
+#include "trial.h"
 
 #include <fuzzer/FuzzedDataProvider.h>
 
 namespace {
 
-class Caller {
-public:
-    explicit Caller(FuzzedDataProvider &data) : data_(data) {
-        difModuleInit();
-        const VerifyPointDesc points[] = {{1, "front"}, {2, "back"}};
-        difRegistVerifyPoint(number<uint32_t>(0, 17), points, number<uint32_t>(0, 2), "fuzz", 1);
-        setDifOn(number<uint8_t>(0, 3) != 0);
-        setSysDifCrcVersion(data_.ConsumeBool() ? DIF_VERSION_T10 : DIF_VERSION_CRC32C);
-        setSysDifVerifyLevel(number<uint8_t>(0, 5));
-        host.filtered = number<uint32_t>(0, 127);
-    }
-
-    void call() {
-        host.tick += number<uint32_t>(0, 200000);
-        type_ = data_.PickValueInArray<uint32_t>({0, 2, 1, 3, 4, 0x80000000});
-        info_ = infoOf(type_);
-        isList_ = data_.ConsumeBool();
-        lengths_ = {{}};
-        if (isList_) {
-            shapeList();
-        } else {
-            sectors_ = number<uint32_t>(0, 40);
-            offset_ = 0;
-            lengths_[0].push_back((sectors_ >> info_.sectorShift) * info_.blockSize);
-        }
-        const auto misalignment = number<uint32_t>(0, 7);
-        std::vector<uint8_t> bytes = Chain(lengths_).bytes();
-        fill(bytes);
-        Chain chain(lengths_, bytes, misalignment);
-        operate(number(0, 31) == 0 ? nullptr : chain.at(0));
-        host.take();
-    }
-
-private:
-    template <typename T>
-    T number(T least, T most) {
-        return data_.ConsumeIntegralInRange<T>(least, most);
-    }
-
-    void shapeList() {
-        uint32_t total = 0;
-        for (uint32_t left = number<uint32_t>(0, 8); left > 0; --left) {
-            if (number(0, 2) == 0)
-                lengths_.emplace_back();
-            uint32_t length = number<uint32_t>(1, 3) * info_.blockSize;
-            if (number(0, 5) == 0)
-                length = number<uint32_t>(0, 3 * info_.blockSize);
-            lengths_.back().push_back(length);
-            total += length;
-        }
-        offset_ = number<uint32_t>(0, total / info_.blockSize + 1) * info_.blockSize;
-        sectors_ = number<uint32_t>(0, total / 512 + 9);
-        if (number(0, 5) == 0)
-            offset_ = data_.ConsumeBool() ? number<uint32_t>(0, total) : ~number<uint32_t>(0, 9);
-        if (number(0, 9) == 0)
-            sectors_ = data_.ConsumeIntegral<uint32_t>();
-    }
-
-    /* Zeros or noise, and tuples of all kinds where right ones of the range belong. */
-    void fill(std::vector<uint8_t> &bytes) {
-        if (data_.ConsumeBool())
-            Random(data_.ConsumeIntegral<uint8_t>()).fill(bytes.data(), bytes.size());
-        DifOpParam op{type_ % 4, DIF_INSERT_CRC | DIF_INSERT_LBA, 0, nullptr};
-        for (size_t at = offset_ % info_.blockSize; at + info_.blockSize <= bytes.size(); at += info_.blockSize) {
-            insertDifInBlocks(&bytes[at], 1, &info_, &op);
-            uint8_t *const tuple = &bytes[at + info_.difOffset];
-            if (number(0, 3) == 0)
-                memset(tuple, data_.ConsumeBool() ? 0xFF : 0, 8);
-            if (number(0, 3) == 0)
-                tuple[number(0, 7)] ^= data_.ConsumeIntegral<uint8_t>();
+/* Where the blocks of a range start in the bytes of a chain, whatever its entries' lengths. */
+std::vector<size_t> blockStarts(const Lengths &lengths, size_t offset, uint32_t count, uint32_t blockSize) {
+    std::vector<size_t> starts;
+    size_t begin = 0;
+    for (const auto &node : lengths) {
+        for (const uint32_t length : node) {
+            for (size_t at = std::max(begin, offset); at + blockSize <= begin + length; at += blockSize)
+                if (starts.size() < count)
+                    starts.push_back(at);
+            begin += length;
         }
     }
+    return starts;
+}
 
-    void operate(const Sgl *sgl) {
-        uint8_t *const buf = sgl == nullptr || lengths_[0].empty() ? nullptr : sgl->entries[0].buf;
-        const bool noRecord = number(0, 31) == 0;
-        uint32_t blocks = 0; /* that a call can reach, which is what its bitmap must cover */
-        for (const auto &node : lengths_)
-            for (const uint32_t length : node)
-                blocks += length / info_.blockSize;
-        std::vector<uint32_t> bitmap((std::min(blocks, sectors_ >> info_.sectorShift) + 31) / 32, 0x5A5A5A5A), word(1),
-            index(1);
-        const uint32_t flags = data_.ConsumeIntegral<uint32_t>();
-        const uint64_t lba = data_.ConsumeIntegral<uint64_t>() >> (data_.ConsumeBool() ? 56 : 0);
-        DifOpParam op{type_, flags, lba, data_.ConsumeBool() ? bitmap.data() : nullptr};
-        DifInjectParam inject{type_, flags, lba, static_cast<uint16_t>(flags >> 8), static_cast<uint8_t>(lba)};
-        DifCheckParam check{.type = type_,
-                            .ctrlFlag = flags,
-                            .crcLevel = number<uint8_t>(0, 5),
-                            .lbaLevel = number<uint8_t>(0, 5),
-                            .mid = number<uint8_t>(0, 17),
-                            .subPid = number<uint8_t>(0, 3),
-                            .lba = number(0, 3) == 0 ? 0 : lba,
-                            .checkResult = data_.ConsumeBool() ? word.data() : nullptr,
-                            .errBlockBitmap = data_.ConsumeBool() ? bitmap.data() : nullptr,
-                            .errBlockIndex = data_.ConsumeBool() ? index.data() : nullptr};
-        if (number(0, 7) == 0)
-            check.ctrlFlag = DIF_CHECK_TRIM_ZERO;
-        DifOpParam *const writing = noRecord ? nullptr : &op;
-        DifInjectParam *const injecting = noRecord ? nullptr : &inject;
-        DifCheckParam *const checking = noRecord ? nullptr : &check;
-        const uint32_t small =
-            info_.blockSize == 520 ? sectors_ : 0; /* for operations that know 520-byte blocks only */
-        DifTuple tuple;
-        uint64_t found = 0;
-        const std::function<void()> calls[] = {
-            [&] { insertDif(buf, sectors_, writing); },
-            [&] { replaceDif(buf, sectors_, writing); },
-            [&] { injectDif(buf, sectors_, injecting); },
-            [&] { checkBuffer(buf, sectors_, checking); },
-            [&] { noDifZeroDataCheck(buf, sectors_, &check); },
-            [&] { noDifSetCheckResult(buf, sectors_, checking); },
-            [&] { isDifEvictable(buf, small); },
-            [&] { getDifLba(buf, small != 0 ? 520 : 0, noRecord ? nullptr : &found); },
-            [&] { trans2LSectorDif(buf, small, noRecord ? nullptr : &tuple); },
-            [&] { insertDifInSgl(sgl, offset_, sectors_, writing); },
-            [&] { replaceDifInSgl(sgl, offset_, sectors_, writing); },
-            [&] { injectDifInSgl(sgl, offset_, sectors_, injecting); },
-            [&] { checkList(sgl, offset_, sectors_, checking); },
-            [&] { noDifZeroDataCheckInSgl(sgl, offset_, sectors_, &check); },
-            [&] { noDifSetCheckResultInSgl(sgl, offset_, sectors_, checking); },
-            [&] { isDifEvictableInSgl(sgl, offset_, sectors_); },
-            [&] { checkListReturning(sgl, offset_, sectors_, checking); },
-            [&] { checkDifInSglWithStdT10(sgl, offset_, sectors_, checking); },
-        };
-        calls[number(0, 8) + (isList_ ? 9 : 0)]();
+/* One call, which may change the DIF areas of the range's blocks and nothing else. */
+void callOnce(Random &random) {
+    Trial trial(random);
+    const DifTypeInfo &info = trial.blocks.info;
+    for (auto &node : trial.lengths) {
+        if (random.oneIn(9))
+            node.clear();
+        for (uint32_t &length : node)
+            length = random.oneIn(5) ? random.from(0, length) : length;
     }
-
-    FuzzedDataProvider &data_;
-    DifTypeInfo info_{};
-    uint32_t type_ = 0, offset_ = 0, sectors_ = 0;
-    bool isList_ = false;
-    Lengths lengths_;
-};
+    const uint32_t offset = random.of({trial.start(), trial.start(), trial.start(), random.from(0, 9999), ~0u});
+    const uint32_t sectors = random.oneIn(9) ? random.from(0, ~0u - 1) : trial.sectors;
+    const auto starts = blockStarts(trial.lengths, offset, sectors >> info.sectorShift, info.blockSize);
+    Chain chain(trial.lengths, trial.blocks.bytes, random.from(0, 7));
+    std::vector<uint8_t> before = chain.bytes();
+    std::vector<uint32_t> bitmap((starts.size() + 31) / 32);
+    const uint32_t type = random.oneIn(9) ? random.of({4u, 0x80000000u}) : info.sectorShift / 3 * 2;
+    DifOpParam op{type + random.from(0, 1), random.from(0, ~0u - 1), trial.lba,
+                  random.oneIn(2) ? bitmap.data() : nullptr};
+    DifInjectParam inject{op.type, op.ctrlFlag, trial.lba, 0x1234, 0x1F};
+    Check check(random.oneIn(9) ? op.type : type, 0, trial.lba);
+    check.param.errBlockBitmap = bitmap.data();
+    trial.vary(check.param, random.from(0, 17));
+    const bool noPlace = random.oneIn(20), noRecord = random.oneIn(20);
+    const Sgl *const sgl = noPlace ? nullptr : chain.at(0);
+    uint8_t *const buf = noPlace ? nullptr : trial.blocks.data(trial.offset);
+    const auto given = [&](auto &record) { return noRecord ? nullptr : &record; };
+    DifTuple tuple;
+    uint64_t found;
+    const std::function<void()> calls[] = {
+        [&] { getDifLba(buf, info.blockSize, given(found)); },
+        [&] { trans2LSectorDif(buf, trial.count, given(tuple)); },
+        [&] { insertDifInSgl(sgl, offset, sectors, given(op)); },
+        [&] { replaceDifInSgl(sgl, offset, sectors, given(op)); },
+        [&] { injectDifInSgl(sgl, offset, sectors, given(inject)); },
+        [&] { checkList(sgl, offset, sectors, given(check.param)); },
+        [&] { noDifZeroDataCheckInSgl(sgl, offset, sectors, &check.param); },
+        [&] { noDifSetCheckResultInSgl(sgl, offset, sectors, given(check.param)); },
+        [&] { isDifEvictableInSgl(sgl, offset, sectors); },
+        [&] { checkListReturning(sgl, offset, sectors, given(check.param)); },
+        [&] { checkDifInSglWithStdT10(sgl, offset, sectors, given(check.param)); },
+    };
+    calls[random.from(0, std::size(calls) - 1)]();
+    const std::vector<uint8_t> after = chain.bytes();
+    for (const size_t start : starts)
+        std::copy_n(&after[start + info.dataSize], info.blockSize - info.dataSize, &before[start + info.dataSize]);
+    require(before == after, "a call changes what is not its own");
+}
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
     FuzzedDataProvider data(bytes, size);
-    Caller caller(data);
-    for (int i = 0; i < 8 && data.remaining_bytes() > 0; ++i)
-        caller.call();
+    Random random([&] { return data.ConsumeIntegral<uint16_t>() * 0x9E3779B97F4A7C15; });
+    const VerifyPointDesc points[] = {{1, "front"}, {2, "back"}};
+    difModuleInit();
+    difRegistVerifyPoint(DIF_MID_CACHE, points, 2, "fuzz", 1);
+    const bool isOn = !random.oneIn(4);
+    const auto level = static_cast<uint8_t>(random.from(0, 5)), version = random.of<uint8_t>({0x13, 0x29});
+    setDifOn(isOn);
+    setSysDifCrcVersion(version);
+    setSysDifVerifyLevel(level);
+    host.filtered = random.from(0, 127);
+    for (int i = 0; i < 4 && data.remaining_bytes() > 0; ++i) {
+        host.tick += random.from(0, 200000);
+        callOnce(random);
+        Trial trial(random);
+        trial.write(isOn, {version});
+        trial.ask(isOn);
+        trial.check(random.of({Trial::kBuffer, Trial::kList, Trial::kReturning}), isOn, DIF_MID_CACHE, level);
+        host.take();
+    }
     return 0;
 }
