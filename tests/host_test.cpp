@@ -148,8 +148,8 @@ protected:
 
 TEST_F(Host, SplitsLinesAsTheShellDoes) {
     EXPECT_EQ(run(R"(echo  a\ b"c d"'e f' '' "" \'\"\\)").second, R"([a bc de f][][]['"\])");
-    EXPECT_EQ(run(R"(echo "\a\$\`\"\\'" '\a\' \$\a)").second, R"([\a$`"\'][\a\][$a])");
-    EXPECT_EQ(run("echo\ta\\\nb \"c\\\nd\" \"e\nf\" \\\n g").second, "[ab][cd][e\nf][g]");
+    EXPECT_EQ(run(R"(echo "\a\$\`\"\\'" '\$\' \$\a)").second, R"([\a$`"\'][\$\][$a])");
+    EXPECT_EQ(run("echo\ta\\\nb \"c\\\nd\" \"e\nf\"\ng \\\n h").second, "[ab][cd][e\nf][g][h]");
     EXPECT_EQ(run("echo 'a b' \"c"), Result(EINVAL, "Error: the quote \" at column 12 is not closed.\n"));
     EXPECT_EQ(run(" \t"), Result(0, ""));
 }

@@ -48,9 +48,11 @@ InPlaceImage::InPlaceImage(const std::string &path, const BlockFormat &format)
 }
 
 std::string InPlaceImage::note() const {
-    return doneBlocks_ == 0 ? "; nothing is changed"
-                            : "; the blocks before block " + std::to_string(doneBlocks_) + " of " +
-                                  std::to_string(blockNum_) + " are done";
+    if (doneBlocks_ == 0 && !writing_) {
+        return "; nothing is changed";
+    }
+    return "; the blocks before block " + std::to_string(doneBlocks_) + " of " + std::to_string(blockNum_) +
+           " are done" + (writing_ ? ", some of those behind them may be" : "");
 }
 
 void InPlaceImage::requireFormat(const CheckOptions &check, bool force) const {
@@ -120,6 +122,7 @@ void InPlaceImage::writeBack(const Request &request) {
                 ++count;
             }
             if (span.end != 0) {
+                writing_ = true;
                 const uint64_t offset =
                     (request.firstBlock + index) * geometry.blockSize + geometry.difOffset + span.first;
                 file_.write(offset,
@@ -127,6 +130,7 @@ void InPlaceImage::writeBack(const Request &request) {
             }
         }
         doneBlocks_ = request.firstBlock + request.blockNum;
+        writing_ = false;
         unfinished.note = note();
     });
 }

@@ -49,6 +49,7 @@ private:
     uint64_t blockNum_;
     ImageFormat looks_;
     uint64_t doneBlocks_ = 0; /* all before this one */
+    bool writing_ = false;    /* the request behind them */
 };
 
 } // namespace difctl
