@@ -81,20 +81,44 @@ TEST_F(CheckDif, EveryBlockAsksForTheLevel) {
 TEST_F(CheckDif, ZeroScanStopsAtTheFirstNonZeroWord) {
     const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
     auto *const pages =
-        static_cast<uint8_t *>(mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-    uint8_t *const end = pages + page;
+        static_cast<uint8_t *>(mmap(nullptr, 3 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    uint8_t *const end = pages + page, *const behind = end + page;
     ASSERT_EQ(mprotect(end, page, PROT_NONE), 0);
+    Chain chain(Lengths{{8 * 4160}});
     for (uint32_t readable = 8; readable < 8 + 200; ++readable) {
         uint8_t *const data = end - readable, *const word = data + (readable / 8 - 1) * 8;
         *word = 1; /* in the last word that can be read */
+        chain.at(0)->entries[0].buf = data;
         EXPECT_FALSE(noDifBlockAllZero(data, 512)) << readable;
+        for (const uint32_t type : {DIF_DATA_520, DIF_DATA_4160}) {
+            const DifTypeInfo info = infoOf(type);
+            Check buffer(type, DIF_CHECK_ZERO_DATA), list(type, DIF_CHECK_ZERO_DATA);
+            EXPECT_FALSE(noDifZeroDataCheckInBlocks(data, 1, &info));
+            EXPECT_FALSE(noDifZeroDataCheck(data, 8, &buffer.param));
+            EXPECT_FALSE(noDifZeroDataCheckInSgl(chain.at(0), 0, 8, &list.param));
+            noDifSetCheckResult(data, 8, &buffer.param);
+            noDifSetCheckResultInSgl(chain.at(0), 0, 8, &list.param);
+            EXPECT_EQ(buffer.result, DIF_RESULT_NOT_T10);
+            EXPECT_EQ(list.result, DIF_RESULT_NOT_T10);
+        }
+        /* The report and the trim of the check, over a block whose tuple lies behind that page. */
+        const DifTypeInfo info{8320, 512, 0, static_cast<uint32_t>(behind - data)};
+        Check check(DIF_DATA_520, DIF_CHECK_ZERO_DATA | DIF_CHECK_TRIM_ZERO);
+        for (const Tuple &tuple : {kOnes, Tuple{}}) {
+            uint8_t settled = 9, done = 9;
+            putTuple(behind, tuple);
+            initDifCheckResults(&check.param, &settled, &done);
+            EXPECT_EQ(checkDifInBlocks(data, 1, &info, &check.param, 0, &settled, &done), DIF_OK);
+            EXPECT_EQ(check.result, 0u);
+            EXPECT_EQ(tupleAt(behind), tuple);
+        }
         *word = 0;
         data[readable - 1] = 0x80;
         EXPECT_TRUE(noDifBlockAllZero(data, readable - 1)) << readable;
         EXPECT_FALSE(noDifBlockAllZero(data, readable)) << readable;
         data[readable - 1] = 0;
     }
-    munmap(pages, 2 * page);
+    munmap(pages, 3 * page);
 }
 
 /* Checks of one verify point that share a bitmap, while assertions fail and settings change, lose nothing. */

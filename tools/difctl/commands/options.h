@@ -37,8 +37,9 @@ struct InPlaceOptions : ImageOptions {
 inline constexpr const char *kExitStatusText = "Exit status: 0 all well, 1 faults found, 2 could not be done.\n";
 inline constexpr const char *kInPlaceText =
     "IMG is changed where it is, in requests of about 1 MiB. An interrupt ends between two of them and says where.\n"
-    "First all of IMG is verified, and if a block fails nothing is changed. --force leaves that out; it does not help\n"
-    "against fields of another block size, data without fields, or a length of not whole blocks. Data is not written.\n";
+    "First all of IMG is verified, and if a block fails nothing is changed. --force leaves that out; it does not\n"
+    "help against fields of another block size, data without fields, or a length of not whole blocks. Data is not\n"
+    "written.\n";
 
 /* Adds the subcommand `name`, and returns it with the record, of `app`'s lifetime, that its options are to fill. */
 template <typename Options>

@@ -26,6 +26,10 @@ BlockRange blocksAt(const At &at, uint64_t imageLba, uint64_t blockNum, const st
     return {first, first + at.count};
 }
 
+static Error notBlocks(const std::string &text, const std::string &item) {
+    return Error("--bitmap '" + text + "': '" + item + "' is neither a block nor a range FIRST-LAST");
+}
+
 BlockSet::BlockSet(const std::string &text) {
     for (size_t at = 0; at <= text.size();) {
         const std::string item = text.substr(at, text.find(',', at) - at);
@@ -33,7 +37,7 @@ BlockSet::BlockSet(const std::string &text) {
         const auto first = parseNumber(item.substr(0, dash));
         const auto last = dash == std::string::npos ? first : parseNumber(item.substr(dash + 1));
         if (!first || !last || *last < *first || *last == UINT64_MAX) {
-            throw Error("--bitmap '" + text + "': '" + item + "' is neither a block nor a range FIRST-LAST");
+            throw notBlocks(text, item);
         }
         ranges_.push_back({*first, *last + 1});
         at += item.size() + 1;
