@@ -6,6 +6,13 @@
 #include <algorithm>
 
 namespace difctl {
+namespace {
+
+Error notBlocks(const std::string &text, const std::string &item) {
+    return Error("--bitmap '" + text + "': '" + item + "' is neither a block nor a range FIRST-LAST");
+}
+
+} // namespace
 
 At parseAt(const std::string &text) {
     const size_t comma = text.find(',');
@@ -24,10 +31,6 @@ BlockRange blocksAt(const At &at, uint64_t imageLba, uint64_t blockNum, const st
                     ", whose " + std::to_string(blockNum) + " blocks start at LBA " + std::to_string(imageLba));
     }
     return {first, first + at.count};
-}
-
-static Error notBlocks(const std::string &text, const std::string &item) {
-    return Error("--bitmap '" + text + "': '" + item + "' is neither a block nor a range FIRST-LAST");
 }
 
 BlockSet::BlockSet(const std::string &text) {
