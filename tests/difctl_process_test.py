@@ -90,7 +90,8 @@ class DifctlProcessTest(unittest.TestCase):
 
     @unittest.skipIf(ASAN or TSAN or os.getuid() != 0, "sanitizers need memory, another user root")
     def test_shortages(self):
-        raw, limit = os.urandom(4 << 20), lambda name, most: {"preexec_fn": lambda: resource.setrlimit(name, (most, most))}
+        raw = os.urandom(4 << 20)
+        limit = lambda name, most: {"preexec_fn": lambda: resource.setrlimit(name, (most, most))}
         alone = {"args": [DIFCTL, "protect", "-", "-"], "input": raw, "user": 300000 + os.getpid()}
         none, one, many = (subprocess.run(**alone, capture_output=True, **limit(resource.RLIMIT_NPROC, threads))
                           for threads in (1, 2, 1000))
