@@ -8,14 +8,34 @@
 #include <cpuid.h>
 
 constinit std::atomic<Crc16Engine> crc16Engine{nullptr};
+constinit std::atomic<bool> hasAvx{false};
 
-uint32_t _cpu_has_sse3_clmul(void) { // NOLINT(bugprone-reserved-identifier)
+namespace {
+
+/* Whether the processor has all of these features, bits of ECX in CPUID's leaf 1. */
+bool cpuHas(uint32_t features) {
     uint32_t eax = 0;
     uint32_t ebx = 0;
     uint32_t ecx = 0;
     uint32_t edx = 0;
     __cpuid_count(1, 0, eax, ebx, ecx, edx);
-    return (ecx & bit_SSE3) != 0 && (ecx & bit_PCLMUL) != 0 ? 1 : 0;
+    return (ecx & features) == features;
+}
+
+/* Whether the operating system keeps the 256-bit registers, without which their instructions are illegal. */
+bool isAvxEnabled() {
+    if (!cpuHas(bit_OSXSAVE | bit_AVX)) {
+        return false;
+    }
+    uint32_t enabled;
+    asm("xgetbv" : "=a"(enabled) : "c"(0) : "edx");
+    return (enabled & 0x6) == 0x6;
+}
+
+} // namespace
+
+uint32_t _cpu_has_sse3_clmul(void) { // NOLINT(bugprone-reserved-identifier)
+    return cpuHas(bit_SSE3 | bit_PCLMUL) ? 1 : 0;
 }
 
 void setCrc16Func(void) {
@@ -23,6 +43,7 @@ void setCrc16Func(void) {
 }
 
 void initCrc16T10Func(void) {
+    hasAvx.store(isAvxEnabled(), std::memory_order_relaxed);
     if (_cpu_has_sse3_clmul() != 0) {
         DIF_LOG_WITH_ID(kLogNotice, kNoLogId, "Use Intel CPU hardware for crc16T10");
         setCrc16Func();

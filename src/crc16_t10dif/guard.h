@@ -29,7 +29,9 @@ inline uint16_t crcGuardCrc32c(const uint8_t *data, uint32_t len, bool zeroData)
     if (zeroData && len == 4096) {
         return kZeroGuardCrc32c4096;
     }
-    return static_cast<uint16_t>(osal_crc32c(data, len));
+    const uint32_t crc = osal_crc32c(data, len);
+    releaseUpperHalves();
+    return static_cast<uint16_t>(crc);
 }
 
 /* The guard that a tuple of `version` carries. */

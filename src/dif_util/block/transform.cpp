@@ -1,6 +1,7 @@
 /* The large-sector transform: one tuple for the data of several 520-byte blocks. */
 #include "dif/block.h"
 
+#include "crc16_t10dif/engine.h"
 #include "dif/crc16.h"
 #include "dif_util/core/arguments.h"
 #include "dif_util/core/geometry.h"
@@ -25,6 +26,7 @@ uint16_t crc32cGuardOfAll(const uint8_t *block, uint32_t blockNum) {
     for (uint32_t k = 0; k < blockNum; ++k, block += kInfo.blockSize) {
         reg = osal_crc32cContinue(reg, block, kInfo.dataSize);
     }
+    releaseUpperHalves();
     return static_cast<uint16_t>(~reg);
 }
 
