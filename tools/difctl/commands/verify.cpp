@@ -2,6 +2,7 @@
 #include "io/destination.h"
 #include "io/error.h"
 #include "io/progress.h"
+#include "pass/library.h"
 #include "pass/pipeline.h"
 #include "pass/report.h"
 
@@ -25,10 +26,7 @@ struct VerifyOptions : CheckedImageOptions {
 
 std::string renderedMetrics() {
     std::string text;
-    const auto collect = [](void *context, const char *piece, size_t size) {
-        static_cast<std::string *>(context)->append(piece, size);
-    };
-    if (const int error = difHostRenderMetrics(collect, &text); error != 0) {
+    if (const int error = difHostRenderMetrics(collectText, &text); error != 0) {
         throw systemError("metrics", "cannot be rendered", error);
     }
     return text;
@@ -85,10 +83,10 @@ int runVerify(const VerifyOptions &options) {
     } else {
         text = (options.check.report ? reportText(findings) : "") + prefix + totalsText(findings) + "\n";
     }
-    printResult(text);
     if (options.stats) {
-        difHostRunCommand(DIF_HOST_DIAGNOSE, "dif showverifyresult", nullptr, nullptr);
+        difHostRunCommand(DIF_HOST_DIAGNOSE, "dif showverifyresult", collectText, &text);
     }
+    printResult(text);
     if (metrics) {
         std::string rendered = renderedMetrics();
         metrics->write({reinterpret_cast<uint8_t *>(rendered.data()), rendered.size(), rendered.size(), 1});
