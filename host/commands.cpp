@@ -5,6 +5,8 @@
 #include "dif_host.h"
 #include "output.h"
 #include "platform/dbg_cmd.h"
+#include "session.h"
+#include "set_command.h"
 #include "words.h"
 
 #include <array>
@@ -44,7 +46,8 @@ int32_t printHelpOfMetrics(const char * /*name*/, uint32_t detail) {
 
 constexpr std::array kBuiltIns{
     DbgCmdReg{"help", "list the commands, show their help", runHelp, printHelpOfHelp},
-    DbgCmdReg{"metrics", "counters and settings for Prometheus", runMetrics, printHelpOfMetrics}};
+    DbgCmdReg{"metrics", "counters and settings for Prometheus", runMetrics, printHelpOfMetrics},
+    DbgCmdReg{"set", "change a verify level, the switch, the counters", runSet, printHelpOfSet}};
 
 /* Up to the NUL that ends a text field, or all of it. */
 template <size_t Size>
@@ -113,6 +116,7 @@ Registry *registryOf(int number) {
 
 /* The line that this thread is running. */
 struct Session {
+    const char *who;
     Registry *registry;
     DifHostPrint print;
     void *context;
@@ -245,13 +249,13 @@ int32_t DBG_ShowUsageAndErrMsg(const char *message) {
     return EINVAL;
 }
 
-int difHostRunCommand(int registry, const char *line, DifHostPrint print, void *context) {
+int runCommandFor(const char *who, int registry, const char *line, DifHostPrint print, void *context) {
     try {
         Registry *const words = registryOf(registry);
         if (words == nullptr || line == nullptr) {
             return EINVAL;
         }
-        const SessionScope scope({.registry = words, .print = print, .context = context});
+        const SessionScope scope({.who = who, .registry = words, .print = print, .context = context});
         const int result = runLine(line);
         if (!session.outOfMemory) {
             return result;
@@ -265,6 +269,14 @@ int difHostRunCommand(int registry, const char *line, DifHostPrint print, void *
         /* The status says it. */
     }
     return ENOMEM;
+}
+
+int difHostRunCommand(int registry, const char *line, DifHostPrint print, void *context) {
+    return runCommandFor(difHostOperator(), registry, line, print, context);
+}
+
+const char *difHostOperator(void) {
+    return session.who == nullptr ? "this process" : session.who;
 }
 
 int difHostForEachCommand(int registry, DifHostWord each, void *context) {

@@ -6,6 +6,7 @@
 #include "blocked_signals.h"
 #include "control_name.h"
 #include "output.h"
+#include "session.h"
 
 #include <algorithm>
 #include <atomic>
@@ -62,7 +63,7 @@ private:
     bool cut_ = false;
 };
 
-int runRequest(const std::string &request, Output &output) {
+int runRequest(const std::string &who, const std::string &request, Output &output) {
     if (request.size() > kMaxRequest) {
         output.append("Error: the request line exceeds " + std::to_string(kMaxRequest) + " bytes.\n");
         return EMSGSIZE;
@@ -77,14 +78,15 @@ int runRequest(const std::string &request, Output &output) {
         output.append("Error: unknown shell '" + escaped(name) + "', expected 'diagnose' or 'cli'.\n");
         return EINVAL;
     }
-    return difHostRunCommand(static_cast<int>(found - kRegistryName.begin()), request.c_str() + name.size(),
-                             &Output::print, &output);
+    return runCommandFor(who.c_str(), static_cast<int>(found - kRegistryName.begin()), request.c_str() + name.size(),
+                         &Output::print, &output);
 }
 
 /* A connection, on a socket that does not block: first its request is read, then its answer is written. */
 class Client {
 public:
-    explicit Client(UniqueFd fd) : fd_(std::move(fd)) {}
+    Client(UniqueFd fd, const ucred &peer)
+        : fd_(std::move(fd)), who_("user " + std::to_string(peer.uid) + ", process " + std::to_string(peer.pid)) {}
     Client(Client &&) = default;
     Client &operator=(Client &&) = default;
     Client(const Client &) = delete;
@@ -129,7 +131,7 @@ private:
             return true;
         }
         Output output;
-        const int status = runRequest(request_.substr(0, end), output);
+        const int status = runRequest(who_, request_.substr(0, end), output);
         answer_ = std::move(output).answer(status);
         deadline_ = Clock::now() + controlPatience();
         return true;
@@ -148,6 +150,7 @@ private:
     }
 
     UniqueFd fd_;
+    std::string who_;
     Clock::time_point lastMove_ = Clock::now();
     Clock::time_point deadline_ = lastMove_ + controlPatience();
     std::string request_;
@@ -248,7 +251,7 @@ private:
         socklen_t size = sizeof peer;
         if (getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0 ||
             (peer.uid != geteuid() && peer.uid != 0)) {
-            Client(std::move(fd)).dismiss(kNotTheOwner);
+            Client(std::move(fd), peer).dismiss(kNotTheOwner);
             return;
         }
         if (clients_.size() == kMaxClients) {
@@ -258,7 +261,7 @@ private:
             idle->dismiss(kDisplaced);
             clients_.erase(idle);
         }
-        clients_.emplace_back(std::move(fd));
+        clients_.emplace_back(std::move(fd), peer);
     }
 
     Listener listener_;

@@ -73,6 +73,15 @@ uint64_t difHostLogDropped(void);
 enum { DIF_HOST_ASSERT_GO_ON = 0, DIF_HOST_ASSERT_STOP = 1 };
 void difHostSetAssertPolicy(int policy);
 
+/* ---- Checksum engines -------------------------------------------------------------------------------------------- */
+
+/*
+ * Compares crc16_t10dif, where the processor can run it, and osal_crc32c, as this process has been given them, with known
+ * answers. Returns 0; or EIO, and in `why`, cut to `size`, the engine and what it answered: some other library of the
+ * process has a function of that name, and guards would be wrong.
+ */
+int difHostTestEngines(char *why, size_t size);
+
 /* ---- Services and names ------------------------------------------------------------------------------------------ */
 
 /*
@@ -87,7 +96,10 @@ bool difHostModuleName(uint32_t moduleId, char *name, size_t size);
 
 /* ---- Operator commands: the words registered through DBG_RegCmd and DBG_RegCmdToCLI ------------------------------ */
 
-/* The two registries. Each also has the words "help" and "metrics" of its own. */
+/*
+ * The two registries. Each also has words of its own: "help", "metrics", and "set", which changes a verify level, the
+ * switch or the counters and logs who did it.
+ */
 enum { DIF_HOST_DIAGNOSE = 0, DIF_HOST_CLI = 1 };
 
 /* Takes `size` bytes of output, which no NUL ends. Where a print routine is wanted, null is standard output. */
@@ -101,6 +113,10 @@ typedef void (*DifHostPrint)(void *context, const char *text, size_t size);
  */
 int difHostRunCommand(int registry, const char *line, DifHostPrint print, void *context);
 
+/* Who gave the command line that the calling thread is running, for the log: "user 0, process 4711" for a client of the
+ * control socket, else "this process". Good until the command returns. */
+const char *difHostOperator(void);
+
 /* Tells `each` every command word and its description, in the order of the words. Returns 0, EINVAL or ENOMEM. */
 typedef void (*DifHostWord)(void *context, const char *name, const char *description);
 int difHostForEachCommand(int registry, DifHostWord each, void *context);
@@ -111,6 +127,13 @@ int difHostForEachCommand(int registry, DifHostWord each, void *context);
  * name of a point that is being registered may then be shown in part. Returns 0 or ENOMEM.
  */
 int difHostRenderMetrics(DifHostPrint print, void *context);
+
+/*
+ * Adds metrics of the program's own to what is printed: `render` gives their text in the same format to `print`. It is
+ * called on any thread, one call at a time, until the process ends, and registers nothing. Returns 0, EINVAL or ENOMEM.
+ */
+typedef void (*DifHostMetrics)(void *context, DifHostPrint print, void *printContext);
+int difHostRegisterMetrics(DifHostMetrics render, void *context);
 
 /* ---- Control socket: the commands of this process for others of its user ----------------------------------------- */
 

@@ -11,9 +11,11 @@
 #include <atomic>
 #include <cerrno>
 #include <iterator>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 namespace {
 
@@ -101,7 +103,40 @@ void addCounters(Exposition &out) {
     }
 }
 
+void appendTo(void *text, const char *piece, size_t size) {
+    static_cast<std::string *>(text)->append(piece, size);
+}
+
+struct Metrics {
+    DifHostMetrics render;
+    void *context;
+};
+
+/* Those of the program. Never destroyed: an operator may ask until the process is gone. */
+struct ProgramMetrics {
+    std::mutex mutex;
+    std::vector<Metrics> all;
+};
+
+ProgramMetrics &programMetrics() {
+    static auto &instance = *new ProgramMetrics;
+    return instance;
+}
+
 } // namespace
+
+int difHostRegisterMetrics(DifHostMetrics render, void *context) {
+    if (render == nullptr) {
+        return EINVAL;
+    }
+    try {
+        const std::lock_guard lock(programMetrics().mutex);
+        programMetrics().all.push_back({render, context});
+        return 0;
+    } catch (...) {
+        return ENOMEM;
+    }
+}
 
 int difHostRenderMetrics(DifHostPrint print, void *context) {
     try {
@@ -110,7 +145,12 @@ int difHostRenderMetrics(DifHostPrint print, void *context) {
         addCounters(out);
         out.family("dif_host_log_dropped_total", "counter", "Log lines that did not reach a destination.");
         out.add("dif_host_log_dropped_total {}\n", difHostLogDropped());
-        writeOutput(print, context, out.text());
+        std::string text = out.text();
+        const std::lock_guard lock(programMetrics().mutex);
+        for (const Metrics &metrics : programMetrics().all) {
+            metrics.render(metrics.context, appendTo, &text);
+        }
+        writeOutput(print, context, text);
         return 0;
     } catch (...) {
         return ENOMEM;

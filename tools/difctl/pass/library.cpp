@@ -5,6 +5,8 @@
 
 #include "dif_host.h"
 
+#include <array>
+
 namespace difctl {
 
 namespace {
@@ -22,6 +24,10 @@ uint8_t answerAssertion(const char *expression, uint64_t /*reserved0*/, uint64_t
 Library::Library(bool verbose) {
     difHostSetLogLevel(verbose ? DIF_HOST_LOG_NOTICE : DIF_HOST_LOG_ERROR);
     difHostRegisterService("INFRA_ADAPTER_OS", "Adapt_OS_sysBugHandle", reinterpret_cast<void *>(&answerAssertion));
+    std::array<char, 200> why;
+    if (difHostTestEngines(why.data(), why.size()) != 0) {
+        throw Error(std::string(why.data()) + "; another library of this process stands in its place");
+    }
     difModuleInit();
     const VerifyPointDesc point = {kVerifyPoint, "DIFCTL_IMAGE_VERIFY"};
     if (difRegistVerifyPoint(kVerifyModule, &point, 1, __func__, __LINE__) != DIF_OK) {
