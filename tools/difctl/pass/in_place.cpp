@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstddef>
 
 namespace difctl {
@@ -39,11 +40,43 @@ Span changedFields(const Request &request, uint32_t index) {
     return span;
 }
 
+class FileReader : public image::Reader {
+public:
+    explicit FileReader(const ImageFile &file) : file_(file) {}
+
+    uint64_t length() override { return file_.length().value_or(0); }
+
+    uint64_t read(uint64_t offset, uint8_t *bytes, uint64_t size) override {
+        const Pieces pieces = {bytes, size, size, 1};
+        for (uint64_t done = 0; done < size;) {
+            const ssize_t moved = file_.read(offset + done, pieces, done);
+            if (moved < 0) {
+                throw systemError(file_.name(), "cannot read at offset " + std::to_string(offset + done), errno);
+            }
+            if (moved == 0) {
+                return done;
+            }
+            done += static_cast<uint64_t>(moved);
+        }
+        return size;
+    }
+
+    uint64_t nextData(uint64_t offset) override { return file_.nextData(offset); }
+
+private:
+    const ImageFile &file_;
+};
+
+ImageFormat look(const ImageFile &file) {
+    FileReader reader(file);
+    return lookAtFormat(reader);
+}
+
 } // namespace
 
 InPlaceImage::InPlaceImage(const std::string &path, const BlockFormat &format)
     : format_(format), file_(path, ImageFile::Use::kChange),
-      blockNum_(Source(file_, format_.geometry.blockSize).unitNum()), looks_(lookAtFormat(file_)) {
+      blockNum_(Source(file_, format_.geometry.blockSize).unitNum()), looks_(look(file_)) {
     holdingInterrupts([this](Unfinished &unfinished) { unfinished.note = note(); });
 }
 

@@ -2,10 +2,10 @@
 #ifndef DIFCTL_IN_PLACE_H
 #define DIFCTL_IN_PLACE_H
 
+#include "image/image_format.h"
 #include "io/image_file.h"
 #include "pass/block_format.h"
 #include "pass/block_range.h"
-#include "pass/image_format.h"
 #include "pass/report.h"
 
 #include <functional>

@@ -1,17 +1,13 @@
-#include "pass/image_format.h"
-
-#include "io/error.h"
-#include "pass/request.h"
+#include "image/image_format.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <utility>
 #include <vector>
 
 #include <endian.h>
 
-namespace difctl {
+namespace image {
 
 namespace {
 
@@ -29,14 +25,6 @@ bool isFilledWith(uint8_t byte, const uint8_t *bytes, size_t size) {
     return bytes[0] == byte && std::memcmp(bytes, bytes + 1, size - 1) == 0;
 }
 
-bool guardFits(const Request &request, uint32_t index, uint8_t version) {
-    uint8_t &stored = request.tuple(index)[offsetof(DifTuple, version)];
-    const uint8_t before = std::exchange(stored, version);
-    const uint32_t result = checkBlock(request, index, DIF_CHECK_CRC, 0);
-    stored = before;
-    return (result & DIF_RESULT_CRC_ERROR) == 0;
-}
-
 class Observer {
 public:
     explicit Observer(ImageFormat &format) : format_(format) {}
@@ -45,13 +33,9 @@ public:
     void look(uint8_t *bytes, uint64_t offset, uint64_t size) {
         format_.holdsData = format_.holdsData || !isFilledWith(0, bytes, size);
         for (size_t kind = 0; kind < format_.evidence.size(); ++kind) {
-            Request request;
-            request.format = format_.evidence[kind].format;
-            request.buf = bytes;
-            request.firstBlock = offset / request.format->geometry.blockSize;
-            request.blockNum = static_cast<uint32_t>(size / request.format->geometry.blockSize);
-            for (uint32_t index = 0; index < request.blockNum; ++index) {
-                lookAtBlock(kind, request, index);
+            const uint32_t blockSize = format_.evidence[kind].format->geometry.blockSize;
+            for (uint64_t at = 0; at + blockSize <= size; at += blockSize) {
+                lookAtBlock(kind, bytes + at, (offset + at) / blockSize);
             }
         }
     }
@@ -67,23 +51,23 @@ public:
     }
 
 private:
-    void lookAtBlock(size_t kind, const Request &request, uint32_t index) {
+    /* `lba`: the block's index in the image. */
+    void lookAtBlock(size_t kind, const uint8_t *block, uint64_t lba) {
         FormatEvidence &evidence = format_.evidence[kind];
-        const uint8_t *block = request.block(index);
-        if (isFilledWith(0, block, request.format->geometry.blockSize)) {
+        const DifTypeInfo &geometry = evidence.format->geometry;
+        if (isFilledWith(0, block, geometry.blockSize)) {
             return;
         }
         DifTuple tuple = {};
-        std::memcpy(&tuple, request.tuple(index), sizeof(tuple));
-        const bool written = !isFilledWith(0, request.tuple(index), sizeof(tuple));
-        const bool t10 = written && guardFits(request, index, DIF_VERSION_T10);
-        const bool crc32c = written && guardFits(request, index, DIF_VERSION_CRC32C);
+        std::memcpy(&tuple, block + geometry.difOffset, sizeof(tuple));
+        const bool written = !isFilledWith(0, block + geometry.difOffset, sizeof(tuple));
+        const bool t10 = written && tuple.crc == guardOf(DIF_VERSION_T10, block, geometry.dataSize);
+        const bool crc32c = written && tuple.crc == guardOf(DIF_VERSION_CRC32C, block, geometry.dataSize);
         const bool proven = tuple.version == DIF_VERSION_T10 ? t10 : tuple.version == DIF_VERSION_CRC32C && crc32c;
         const bool versionFits = tuple.version == DIF_VERSION_T10 || tuple.version == DIF_VERSION_CRC32C ||
                                  (tuple.version == DIF_VERSION_NO_CRC && tuple.crc == 0);
         const bool flagsFit = (tuple.app & ~(DIF_APP_BST | DIF_APP_LBA_VALID)) == 0;
-        const bool exempt =
-            tuple.version == 0xFF && tuple.app == 0xFF && !isFilledWith(0xFF, block, request.format->geometry.dataSize);
+        const bool exempt = tuple.version == 0xFF && tuple.app == 0xFF && !isFilledWith(0xFF, block, geometry.dataSize);
         const bool field = t10 || crc32c || (versionFits && flagsFit) || exempt;
         ++evidence.blocks;
         evidence.t10 += t10 ? 1 : 0;
@@ -91,7 +75,7 @@ private:
         evidence.proven += proven ? 1 : 0;
         evidence.fields += field ? 1 : 0;
         if (flagsFit && (tuple.app & DIF_APP_LBA_VALID) != 0) {
-            const uint32_t first = be32toh(tuple.lba) - static_cast<uint32_t>(request.firstBlock + index);
+            const uint32_t first = be32toh(tuple.lba) - static_cast<uint32_t>(lba);
             ++evidence.firstLbas[first];
             if (!field) {
                 onlyLba_[kind].push_back(first);
@@ -102,22 +86,6 @@ private:
     ImageFormat &format_;
     std::array<std::vector<uint32_t>, 2> onlyLba_;
 };
-
-/* What there is of the `size` bytes at `offset`. */
-uint64_t readChunks(const ImageFile &file, uint64_t offset, uint8_t *bytes, uint64_t size) {
-    const Pieces pieces = {bytes, size, size, 1};
-    for (uint64_t done = 0; done < size;) {
-        const ssize_t moved = file.read(offset + done, pieces, done);
-        if (moved < 0) {
-            throw systemError(file.name(), "cannot read at offset " + std::to_string(offset + done), errno);
-        }
-        if (moved == 0) {
-            return done;
-        }
-        done += static_cast<uint64_t>(moved);
-    }
-    return size;
-}
 
 } // namespace
 
@@ -149,22 +117,22 @@ const FormatEvidence *ImageFormat::best() const {
     return answer.proven > 0 || (answer.fields > 0 && answer.fields * kLeastShare >= answer.blocks) ? &answer : nullptr;
 }
 
-ImageFormat lookAtFormat(const ImageFile &file) {
+ImageFormat lookAtFormat(Reader &reader) {
     ImageFormat format;
     Observer observer(format);
-    const uint64_t length = file.length().value_or(0);
+    const uint64_t length = reader.length();
     const uint64_t chunkNum = (length + kChunkBytes - 1) / kChunkBytes;
     const uint64_t sampleNum = std::min(chunkNum, kSampleChunks);
     std::vector<uint8_t> bytes(kSearchChunks * kChunkBytes);
     for (uint64_t i = 0; i < sampleNum; ++i) {
         /* The first and the last chunk, and what lies between at equal distances. */
         const uint64_t offset = (i == 0 ? 0 : i * (chunkNum - 1) / (sampleNum - 1)) * kChunkBytes;
-        observer.look(bytes.data(), offset, readChunks(file, offset, bytes.data(), kChunkBytes));
+        observer.look(bytes.data(), offset, reader.read(offset, bytes.data(), kChunkBytes));
     }
     uint64_t offset = format.holdsData ? length : 0;
     for (uint64_t found = 0; offset < length && found < kSampleChunks;) {
-        offset = file.nextData(offset) / kChunkBytes * kChunkBytes;
-        const uint64_t size = offset < length ? readChunks(file, offset, bytes.data(), bytes.size()) : 0;
+        offset = reader.nextData(offset) / kChunkBytes * kChunkBytes;
+        const uint64_t size = offset < length ? reader.read(offset, bytes.data(), bytes.size()) : 0;
         for (uint64_t at = 0; at < size; at += kChunkBytes) {
             const uint64_t chunk = std::min(kChunkBytes, size - at);
             if (!isFilledWith(0, bytes.data() + at, chunk)) {
@@ -178,4 +146,4 @@ ImageFormat lookAtFormat(const ImageFile &file) {
     return format;
 }
 
-} // namespace difctl
+} // namespace image

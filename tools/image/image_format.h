@@ -1,9 +1,8 @@
 /* What an image is, judged by what stands where its fields would be. */
-#ifndef DIFCTL_IMAGE_FORMAT_H
-#define DIFCTL_IMAGE_FORMAT_H
+#ifndef IMAGE_IMAGE_FORMAT_H
+#define IMAGE_IMAGE_FORMAT_H
 
-#include "io/image_file.h"
-#include "pass/block_format.h"
+#include "image/block_format.h"
 
 #include <array>
 #include <cstdint>
@@ -11,7 +10,7 @@
 #include <optional>
 #include <string>
 
-namespace difctl {
+namespace image {
 
 /* How well the image fits a block size. Blocks of zeros tell nothing and count nowhere. */
 struct FormatEvidence {
@@ -41,12 +40,29 @@ struct ImageFormat {
     const FormatEvidence *best() const;
 };
 
+/* An image as far as it takes to look at it. */
+class Reader {
+public:
+    virtual uint64_t length() = 0;
+    /* What there is of the `size` bytes at `offset`: how many. Throws. */
+    virtual uint64_t read(uint64_t offset, uint8_t *bytes, uint64_t size) = 0;
+    /* The first offset from `offset` on that is not in a hole; the length if there is none. */
+    virtual uint64_t nextData(uint64_t offset) = 0;
+
+    Reader() = default;
+    Reader(const Reader &) = delete;
+    Reader &operator=(const Reader &) = delete;
+
+protected:
+    ~Reader() = default;
+};
+
 /*
  * Looks at blocks all over the image: at all of a small one, at the first that are not zero where it is thin. What damage
- * leaves of a field counts too, so that a damaged image is still recognised. Throws Error.
+ * leaves of a field counts too, so that a damaged image is still recognised. Throws what the reader throws.
  */
-ImageFormat lookAtFormat(const ImageFile &file);
+ImageFormat lookAtFormat(Reader &reader);
 
-} // namespace difctl
+} // namespace image
 
 #endif
