@@ -1,0 +1,55 @@
+/* The plugin below, or the filter, with whole blocks of the image. */
+#ifndef DIF_NBDKIT_LAYER_H
+#define DIF_NBDKIT_LAYER_H
+
+#include "nbdkit_api.h"
+
+#include <cstdint>
+#include <mutex>
+
+namespace nbd {
+
+/*
+ * A connection to it. Calls return 0, or -1 and an errno value in `error`. Plugins that take one request at a time get
+ * them so from the filter's own threads too.
+ */
+class Layer {
+public:
+    Layer(nbdkit_next *next, uint32_t blockSize, std::mutex *oneAtATime)
+        : next_(next), blockSize_(blockSize), oneAtATime_(oneAtATime) {}
+
+    int read(uint64_t first, uint32_t count, uint8_t *blocks, int &error) const {
+        const auto turn = takeTurn();
+        return next_->pread(next_, blocks, count * blockSize_, first * blockSize_, 0, &error);
+    }
+
+    int write(uint64_t first, uint32_t count, const uint8_t *blocks, uint32_t flags, int &error) const {
+        const auto turn = takeTurn();
+        return next_->pwrite(next_, blocks, count * blockSize_, first * blockSize_, flags, &error);
+    }
+
+    int zero(uint64_t first, uint32_t count, uint32_t flags, int &error) const {
+        const auto turn = takeTurn();
+        return next_->zero(next_, count * blockSize_, first * blockSize_, flags, &error);
+    }
+
+    int flush(int &error) const {
+        const auto turn = takeTurn();
+        return next_->flush(next_, 0, &error);
+    }
+
+    nbdkit_next *next() const { return next_; }
+
+private:
+    std::unique_lock<std::mutex> takeTurn() const {
+        return oneAtATime_ == nullptr ? std::unique_lock<std::mutex>() : std::unique_lock(*oneAtATime_);
+    }
+
+    nbdkit_next *next_;
+    uint32_t blockSize_;
+    std::mutex *oneAtATime_;
+};
+
+} // namespace nbd
+
+#endif
