@@ -2,6 +2,7 @@
 import errno, fcntl, os, pathlib, random, re, resource, signal, struct, subprocess, sys, tempfile, time, unittest
 
 DIFCTL, SHIM = (pathlib.Path(sys.argv.pop(1)).resolve() for _ in range(2))
+PRELOAD = {"LD_PRELOAD": SHIM.name, "LD_LIBRARY_PATH": str(SHIM.parent)}  # a blank would end a preloaded path
 SLOWER = 4 if any(name in DIFCTL.read_bytes() for name in (b"__asan_init", b"__tsan_init")) else 1  # and so tried less
 os.environ["ASAN_OPTIONS"] = "verify_asan_link_order=0"
 os.environ["TSAN_OPTIONS"] = os.environ.get("TSAN_OPTIONS", "") + " atexit_sleep_ms=0"
@@ -31,7 +32,8 @@ class FaultsTest(unittest.TestCase):
         directory = tempfile.TemporaryDirectory()
         self.addCleanup(directory.cleanup)
         self.addCleanup(os.chdir, os.getcwd())
-        os.chdir(directory.name)
+        os.mkdir(f"{directory.name}/work")
+        os.chdir(f"{directory.name}/work")  # the shim's count lies above, out of what the tests list
         self.image = made("protect", RAW)
         self.relabelled = made("relabel --lba 0x11111111 --crc crc32c", self.image)
 
@@ -58,7 +60,7 @@ class FaultsTest(unittest.TestCase):
             every, calls = 0, 0  # first a run in which none fails
             while every <= calls:
                 prepare()
-                env = {**os.environ, "LD_PRELOAD": str(SHIM), "FAULT_EVERY": str(every), "FAULT_ERRNO": str(fault),
+                env = {**os.environ, **PRELOAD, "FAULT_EVERY": str(every), "FAULT_ERRNO": str(fault),
                        "FAULT_COUNT": "../count", **settings}
                 with self.subTest(command, fault=fault, every=every, **settings):
                     done = difctl(*command.split(), env=env)
@@ -228,7 +230,7 @@ class FaultsTest(unittest.TestCase):
             self.assertEqual(os.stat("new").st_mode & 0o777, result, (source, replaced))
             os.remove("new")
         for named in "0", "1":
-            env = {**os.environ, "LD_PRELOAD": str(SHIM), "FAULT_NAMED": named}
+            env = {**os.environ, **PRELOAD, "FAULT_NAMED": named}
             with subprocess.Popen([DIFCTL, "protect", "-", "new"], env=env, stdin=subprocess.PIPE) as tool:
                 tool.stdin.write(RAW), tool.stdin.flush()
                 files = [os.stat(file).st_mode for file in pathlib.Path(f"/proc/{tool.pid}/fd").iterdir()]

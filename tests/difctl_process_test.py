@@ -1,5 +1,5 @@
 """How a difctl process ends: python3 difctl_process_test.py PATH_TO_DIFCTL [unittest arguments]."""
-import contextlib, fcntl, os, pathlib, pty, re, resource, select, signal, socket, subprocess, sys, tempfile
+import contextlib, fcntl, os, pathlib, pty, re, resource, select, shutil, signal, socket, subprocess, sys, tempfile
 import termios, threading, time, unittest
 
 DIFCTL = pathlib.Path(sys.argv.pop(1)).resolve()
@@ -92,9 +92,14 @@ class DifctlProcessTest(unittest.TestCase):
     def test_shortages(self):
         raw = os.urandom(4 << 20)
         limit = lambda name, most: {"preexec_fn": lambda: resource.setrlimit(name, (most, most))}
-        alone = {"args": [DIFCTL, "protect", "-", "-"], "input": raw, "user": 300000 + os.getpid()}
-        none, one, many = (subprocess.run(**alone, capture_output=True, **limit(resource.RLIMIT_NPROC, threads))
-                          for threads in (1, 2, 1000))
+        with tempfile.TemporaryDirectory() as folder:  # a copy: another user may not enter the home of the build
+            for built in DIFCTL, *DIFCTL.parents[1].glob("lib/lib*.so.1"):
+                os.chmod(shutil.copy(built, folder), 0o755)
+            os.chmod(folder, 0o755)
+            alone = {"args": [f"{folder}/difctl", "protect", "-", "-"], "input": raw, "user": 300000 + os.getpid(),
+                     "env": os.environ | {"LD_LIBRARY_PATH": folder}}
+            none, one, many = (subprocess.run(**alone, capture_output=True, **limit(resource.RLIMIT_NPROC, threads))
+                               for threads in (1, 2, 1000))
         self.assertIn(b"difctl: the thread that waits for interrupts cannot be had", none.stderr)
         self.assertEqual((none.returncode, one.stderr, one.stdout == many.stdout != none.stdout), (2, b"", True))
         pathlib.Path("raw").write_bytes(raw)
