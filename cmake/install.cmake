@@ -14,6 +14,10 @@ install(TARGETS difctl RUNTIME COMPONENT tools)
 install(FILES completions/difctl.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME difctl
   COMPONENT tools)
 
+if(TARGET nbdkit-dif-filter)
+  install(TARGETS nbdkit-dif-filter LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/nbdkit/filters COMPONENT nbdkit)
+endif()
+
 set(dif_pkgconfig_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 file(RELATIVE_PATH dif_prefix_from_pkgconfig ${CMAKE_INSTALL_PREFIX}/${dif_pkgconfig_dir} ${CMAKE_INSTALL_PREFIX})
 foreach(library dif dif_host)

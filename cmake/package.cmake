@@ -1,4 +1,4 @@
-# Debian packages, one a component: libdif1, libdif-dev and dif-tools. They take a build for the prefix /usr.
+# Debian packages, one a component: libdif1, libdif-dev, dif-tools and nbdkit-dif-filter. They take a build for the prefix /usr.
 find_program(SCDOC scdoc REQUIRED)
 
 # dif_compressed(SOURCE NAME COMMAND): builds NAME.gz of what the shell command makes of the file SOURCE.
@@ -10,6 +10,7 @@ endfunction()
 
 dif_compressed(${PROJECT_SOURCE_DIR}/docs/difctl.1.scd difctl.1 ${SCDOC})
 dif_compressed(${PROJECT_SOURCE_DIR}/docs/libdif.3.scd libdif.3 ${SCDOC})
+dif_compressed(${PROJECT_SOURCE_DIR}/docs/nbdkit-dif-filter.1.scd nbdkit-dif-filter.1 ${SCDOC})
 dif_compressed(${PROJECT_SOURCE_DIR}/CHANGELOG.md changelog cat)
 set(dif_deb_version ${PROJECT_VERSION}-1)
 set(dif_maintainer "libdif authors <maintainers@libdif.invalid>")
@@ -19,6 +20,7 @@ dif_compressed(${PROJECT_BINARY_DIR}/changelog.Debian changelog.Debian cat)
 add_custom_target(package_docs ALL DEPENDS ${dif_compressed_files})
 
 install(FILES ${PROJECT_BINARY_DIR}/difctl.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+install(FILES ${PROJECT_BINARY_DIR}/nbdkit-dif-filter.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT nbdkit)
 install(FILES ${PROJECT_BINARY_DIR}/libdif.3.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man3)
 
 # dif_package(COMPONENT NAME SECTION DEPENDS SUMMARY DESCRIPTION)
@@ -47,6 +49,14 @@ dif_package(tools dif-tools utils "libdif1 (= ${dif_deb_version})"
   "data integrity fields for block storage - command-line tool"
   "difctl writes, verifies, shows and rewrites the integrity fields of disk\n\
 images.")
+if(NOT TARGET nbdkit-dif-filter)
+  message(FATAL_ERROR "The package nbdkit-dif-filter takes nbdkit-plugin-dev")
+endif()
+# A filter works with the version of nbdkit that it was built for alone.
+dif_package(nbdkit nbdkit-dif-filter admin "nbdkit (>= ${NBDKIT_VERSION}), nbdkit (<< ${NBDKIT_VERSION}.~)"
+  "data integrity fields for block storage - nbdkit filter"
+  "Serves an image of blocks with integrity fields as a disk: every write gets its\n\
+fields, every read is checked, and a block that fails is an I/O error.")
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME dif)

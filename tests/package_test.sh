@@ -22,10 +22,11 @@ done <<'END'
 libdif1 libc6 libisal2 libstdc++6
 libdif-dev libdif1(=VERSION)
 dif-tools libdif1(=VERSION) libc6
+nbdkit-dif-filter nbdkit(>=1 nbdkit(<<1 libisal2 libc6
 END
 [[ $(dpkg-deb -I "$packages"/libdif1_*.deb triggers) == *ldconfig* ]] || fail "libdif1: has no ldconfig trigger"
 libdir=$root/usr/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)
-for file in "$libdir"/libdif.so.1 "$libdir"/libdif_host.so.1 "$root"/usr/bin/difctl; do
+for file in "$libdir"/libdif.so.1 "$libdir"/libdif_host.so.1 "$root"/usr/bin/difctl "$libdir"/nbdkit/filters/nbdkit-dif-filter.so; do
     ! readelf -SW "$file" | grep -q '\.symtab' || fail "$file: is not stripped"
     ! readelf -d "$file" | grep -qE 'RPATH|RUNPATH' || fail "$file: looks for libraries in a place of its own"
 done
@@ -33,7 +34,7 @@ done
 
 # The pages render, and difctl's has a section for every command, with the options that the command has.
 cd "$root"
-for page in man1/difctl.1 man3/libdif.3; do
+for page in man1/difctl.1 man1/nbdkit-dif-filter.1 man3/libdif.3; do
     MANWIDTH=200 man -l --warnings=all "usr/share/man/$page.gz" >"$(basename $page)" 2>warnings
     [[ -s $(basename $page) && ! -s warnings ]] || fail "$page: does not render: $(cat warnings)"
 done
@@ -44,4 +45,7 @@ for command in protect verify strip show inject relabel convert fold shell attac
         <(usr/bin/difctl $command --help | sed -nE 's/^  (-[^ ]*).*/\1/p' | options) ||
         fail "difctl(1): < has other options for $command than > its --help"
 done
+diff <(sed -nE 's/^ {7}(dif-[a-z]+)=.*/\1/p' nbdkit-dif-filter.1 | sort -u) \
+    <(nbdkit --filter="$libdir"/nbdkit/filters/nbdkit-dif-filter.so null --help | sed -nE 's/^(dif-[a-z]+)=.*/\1/p' | sort) ||
+    fail "nbdkit-dif-filter(1): < has other parameters than > the filter"
 echo "manual pages: ok"
