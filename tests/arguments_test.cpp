@@ -22,9 +22,11 @@ TEST_F(Arguments, OfWriting) {
     Chain chain(Lengths{{4160}}, blocks.bytes);
     DifOpParam op{DIF_DATA_4160_ZERO, 0x2FF, 9, nullptr};
     DifInjectParam inject{DIF_DATA_4160_ZERO, 0x4000000F, 9, 1, 1};
-    const auto expect = [](const std::string &name, const char *placeName, auto *place, auto &record, auto operation) {
+    const auto expect = [](const std::string &name, const char *first, const char *second, auto *place, auto &record,
+                           auto operation) {
         const decltype(place) noPlace = nullptr;
         decltype(&record) noRecord = nullptr;
+        operation(noPlace, 8, noRecord); /* which of the two is asserted first */
         operation(noPlace, 8, &record);
         operation(place, 8, noRecord);
         record.type = DIF_DATA_BUTT;
@@ -32,16 +34,16 @@ TEST_F(Arguments, OfWriting) {
         record.type = DIF_DATA_4160_ZERO;
         operation(place, 7, &record);
         const Lines noBlocks = {plain(3, name, "DIF_ERROR_BLOCK_NUM: sectorNum(7),type(3),blockSize(4160).")};
-        EXPECT_EQ(host.take(), notNull(name, placeName) + notNull(name, "param") +
+        EXPECT_EQ(host.take(), notNull(name, first) + notNull(name, second) +
                                    asserted(name, "(param->type) < DIF_DATA_BUTT") + noBlocks + asserted(name, "0"));
     };
-    expect("insertDif", "buf", blocks.data(0), op, insertDif);
-    expect("replaceDif", "buf", blocks.data(0), op, replaceDif);
-    expect("injectDif", "buf", blocks.data(0), inject, injectDif);
+    expect("insertDif", "buf", "param", blocks.data(0), op, insertDif);
+    expect("replaceDif", "param", "buf", blocks.data(0), op, replaceDif);
+    expect("injectDif", "buf", "param", blocks.data(0), inject, injectDif);
     EXPECT_EQ(inject.ctrlFlag, 0xFu); // only the call without blocks got that far
-    expect("insertDifInSgl", "sgl", chain.at(0), op, fromStart(insertDifInSgl));
-    expect("replaceDifInSgl", "sgl", chain.at(0), op, fromStart(replaceDifInSgl));
-    expect("injectDifInSgl", "sgl", chain.at(0), inject, fromStart(injectDifInSgl));
+    expect("insertDifInSgl", "sgl", "param", chain.at(0), op, fromStart(insertDifInSgl));
+    expect("replaceDifInSgl", "param", "sgl", chain.at(0), op, fromStart(replaceDifInSgl));
+    expect("injectDifInSgl", "param", "sgl", chain.at(0), inject, fromStart(injectDifInSgl));
     EXPECT_TRUE(blocks.bytes == Blocks(DIF_DATA_4160, 1).bytes && chain.bytes() == blocks.bytes);
 }
 
