@@ -96,4 +96,4 @@ TEST_F(Writing, TransformIsInsertionOverOneLargeSector) {
     }
 }
 
-} // namespace
+} /* namespace */
