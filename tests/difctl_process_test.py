@@ -36,7 +36,6 @@ class DifctlProcessTest(ToolTest):
                 for args in ["--version"], ["protect", "--help"], ["shell"], ["attach", "sock", "metrics"]:
                     self.run_tool(*args, input=b"help\n", stdout=stdout, status=2,
                                   says=[f"standard output: cannot write the results: {why}\n"])
-
         pathlib.Path("raw").write_bytes(bytes(2 << 20))
         self.run_tool("protect", "raw", "new", status=2, says=["new: cannot write at offset 1048576: File too large\n"],
                       preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (1 << 20, 1 << 20)))
