@@ -25,9 +25,9 @@ std::optional<uint32_t> number(std::string_view word, uint32_t end) {
                                                                                     : std::nullopt;
 }
 
-/* A module by its number or its short name. */
+/* A module by its number, or by its short name if it has one. */
 std::optional<uint32_t> moduleOf(const char *word) {
-    for (uint32_t mid = 0; mid < DIF_MID_BUTT; ++mid) {
+    for (uint32_t mid = 0; mid <= DIF_MID_SASINI; ++mid) {
         if (strcasecmp(word, g_difModuleName[mid]) == 0) {
             return mid;
         }

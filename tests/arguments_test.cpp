@@ -22,9 +22,11 @@ TEST_F(Arguments, OfWriting) {
     Chain chain(Lengths{{4160}}, blocks.bytes);
     DifOpParam op{DIF_DATA_4160_ZERO, 0x2FF, 9, nullptr};
     DifInjectParam inject{DIF_DATA_4160_ZERO, 0x4000000F, 9, 1, 1};
-    const auto expect = [](const std::string &name, const char *placeName, auto *place, auto &record, auto operation) {
+    const auto expect = [](const std::string &name, const char *first, const char *second, auto *place, auto &record,
+                           auto operation) {
         const decltype(place) noPlace = nullptr;
         decltype(&record) noRecord = nullptr;
+        operation(noPlace, 8, noRecord); /* which of the two is asserted first */
         operation(noPlace, 8, &record);
         operation(place, 8, noRecord);
         record.type = DIF_DATA_BUTT;
@@ -32,16 +34,16 @@ TEST_F(Arguments, OfWriting) {
         record.type = DIF_DATA_4160_ZERO;
         operation(place, 7, &record);
         const Lines noBlocks = {plain(3, name, "DIF_ERROR_BLOCK_NUM: sectorNum(7),type(3),blockSize(4160).")};
-        EXPECT_EQ(host.take(), notNull(name, placeName) + notNull(name, "param") +
+        EXPECT_EQ(host.take(), notNull(name, first) + notNull(name, second) +
                                    asserted(name, "(param->type) < DIF_DATA_BUTT") + noBlocks + asserted(name, "0"));
     };
-    expect("insertDif", "buf", blocks.data(0), op, insertDif);
-    expect("replaceDif", "buf", blocks.data(0), op, replaceDif);
-    expect("injectDif", "buf", blocks.data(0), inject, injectDif);
-    EXPECT_EQ(inject.ctrlFlag, 0xFu); // only the call without blocks got that far
-    expect("insertDifInSgl", "sgl", chain.at(0), op, fromStart(insertDifInSgl));
-    expect("replaceDifInSgl", "sgl", chain.at(0), op, fromStart(replaceDifInSgl));
-    expect("injectDifInSgl", "sgl", chain.at(0), inject, fromStart(injectDifInSgl));
+    expect("insertDif", "buf", "param", blocks.data(0), op, insertDif);
+    expect("replaceDif", "param", "buf", blocks.data(0), op, replaceDif);
+    expect("injectDif", "buf", "param", blocks.data(0), inject, injectDif);
+    EXPECT_EQ(inject.ctrlFlag, 0xFu); /* only the call without blocks got that far */
+    expect("insertDifInSgl", "sgl", "param", chain.at(0), op, fromStart(insertDifInSgl));
+    expect("replaceDifInSgl", "param", "sgl", chain.at(0), op, fromStart(replaceDifInSgl));
+    expect("injectDifInSgl", "param", "sgl", chain.at(0), inject, fromStart(injectDifInSgl));
     EXPECT_TRUE(blocks.bytes == Blocks(DIF_DATA_4160, 1).bytes && chain.bytes() == blocks.bytes);
 }
 
@@ -74,9 +76,9 @@ TEST_F(Arguments, OfChecks) {
     const Lines point = {plain(3, "checkDifParamCheck",
                                "DIF_ERROR_MID_OR_VERIFY_POINT: mid(4), verify_point(3), verify_point_num(2), "
                                "funcName(caller), line(42).")};
-    host.filtered = 1u << 4; // no dumps, no warnings
+    host.filtered = 1u << 4; /* no dumps, no warnings */
     for (const auto &row : rows) {
-        const bool asserts = row.noBlocks.size() > 1; // and goes on
+        const bool asserts = row.noBlocks.size() > 1; /* and goes on */
         const uint32_t code = asserts ? DIF_ERR_CHECK : DIF_ERR_SGL;
         Check check(DIF_DATA_4160, DIF_CHECK_CRC);
         DifCheckParam *const param = &check.param;
@@ -94,17 +96,17 @@ TEST_F(Arguments, OfChecks) {
         param->type = DIF_DATA_4160;
         expect(row.check(sgl, 7, param), asserts ? DIF_OK : DIF_ERR_SGL, row.noBlocks);
         param->subPid = 3;
-        if (!row.nulls.starts_with(stdT10)) // which has no points
+        if (!row.nulls.starts_with(stdT10)) /* which has no points */
             expect(row.check(sgl, 8, param), code,
                    asserts ? point + Lines(row.noBlocks.begin() + 1, row.noBlocks.end()) : point);
     }
     Check check(DIF_DATA_4160, 0);
     host.filtered = 0;
-    EXPECT_EQ(checkList(empty.at(0), 0, 7, &check.param), DIF_OK); // without blocks, too, it positions itself
+    EXPECT_EQ(checkList(empty.at(0), 0, 7, &check.param), DIF_OK); /* without blocks, too, it positions itself */
     EXPECT_EQ(checkDifInSglWithStdT10(sgl, 0, 7, &check.param), DIF_ERR_SGL);
-    EXPECT_EQ(host.take().size(), 6u + 3u + 1u + 4u); // each with a dump of its chain
+    EXPECT_EQ(host.take().size(), 6u + 3u + 1u + 4u); /* each with a dump of its chain */
     check.param.ctrlFlag = DIF_CHECK_LBA | DIF_CHECK_BST;
-    check.param.mid = 16; // beyond every table
+    check.param.mid = 16; /* beyond every table */
     EXPECT_EQ(checkBuffer(blocks.data(0), 8, &check.param), DIF_OK);
     EXPECT_NE(host.take()[0].find("verify_point_num(0)"), std::string::npos);
     EXPECT_EQ(checkDifParamCheck(&check.param, "caller", 42), DIF_FAIL);
@@ -120,7 +122,7 @@ TEST_F(Arguments, OfZeroTestsTrimAndTupleTools) {
     Check check(DIF_DATA_4160, DIF_CHECK_TRIM_ZERO), other(DIF_DATA_4160_ZERO, DIF_CHECK_TRIM_ZERO), strange(99, 0);
     const DifCheckParam &good = check.param, &zero = other.param;
     EXPECT_FALSE(noDifZeroDataCheck(nullptr, 8, &good));
-    EXPECT_TRUE(noDifZeroDataCheck(buf, 8, &zero)); // goes on with the geometry that this type has
+    EXPECT_TRUE(noDifZeroDataCheck(buf, 8, &zero)); /* goes on with the geometry that this type has */
     EXPECT_TRUE(noDifZeroDataCheck(buf, 7, &good));
     EXPECT_FALSE(noDifZeroDataCheck(buf, 8, &strange.param));
     EXPECT_EQ(host.take(), notNull(name, "buf") + asserted(name, type) + asserted(name, "blockNum != 0"));
@@ -152,7 +154,7 @@ TEST_F(Arguments, OfZeroTestsTrimAndTupleTools) {
     trans2LSectorDif(buf, 0, nullptr);
     EXPECT_EQ(host.take(), notNull(name, "buf") + asserted(name, "sectorNum != 0") + notNull(name, "dif"));
     EXPECT_EQ(tuple.version, 2);
-    setDifOn(0); // which is asked before anything else
+    setDifOn(0); /* which is asked before anything else */
     host.later();
     host.take();
     insertDif(nullptr, 0, nullptr);
@@ -167,4 +169,4 @@ TEST_F(Arguments, OfZeroTestsTrimAndTupleTools) {
     EXPECT_EQ(host.take(), notNull("noDifSetCheckResult", "param") + notNull("noDifSetCheckResultInSgl", "param"));
 }
 
-} // namespace
+} /* namespace */

@@ -152,4 +152,4 @@ TEST_F(Concurrency, NothingIsLost) {
     EXPECT_EQ(bitmap, std::vector<uint32_t>(kRounds, 0xFFFFFFFF));
 }
 
-} // namespace
+} /* namespace */

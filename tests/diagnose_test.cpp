@@ -48,24 +48,69 @@ TEST_F(Diagnose, NamesAndHelp) {
     const std::string states = "        dif showdifswitch" + gap + "   : show dif is on or off.\n";
     const std::string results = result + gap + ": show verify result for all modules.\n";
     EXPECT_EQ(printed(host.cli.doHelp, "dif", 0u), "\n" + level + "\n" + result + "\n" + tables);
-    EXPECT_EQ(printed(host.diagnose.doHelp, "dif", 2u), "SYNOPSIS\n" + levels + states + results + tables);
+    EXPECT_EQ(printed(host.diagnose.doHelp, "dif", 0u),
+              "\n" + level + "\n        dif showdifswitch\n" + result + "\n" + tables);
+    EXPECT_EQ(printed(host.diagnose.doHelp, "dif", 1u), "SYNOPSIS\n" + levels + states + results + tables);
     EXPECT_EQ(printed(host.cli.doHelp, "diff", 1u), tables);
+}
+
+TEST_F(Diagnose, SwitchLevelsAndResults) {
+    const auto shown = [](const DbgCmdFunc command, const char *word) {
+        const char *words[] = {"dif", word};
+        return printed(command, 2, const_cast<char **>(words));
+    };
+    const VerifyPointDesc point{1, "last"};
+    for (const uint32_t mid : {9u, 10u}) /* the latter is a reserved id, whose points are not shown */
+        difRegistVerifyPoint(mid, &point, 1, "test", 1);
+    for (const int32_t kind : {0, 1, 1, 2, 2, 2, 3, 3, 3, 3})
+        difVerifyStatisticAdd(DIF_MID_CACHE, 1, kind), difVerifyStatisticAdd(DIF_MID_SASINI, 0, kind);
+    setDifOn(200);
+    EXPECT_EQ(shown(diagnoseDoDifCmd, "showdifswitch"), "dif switch status: on\n");
+    EXPECT_TRUE(
+        shown(cliDoDifCmd, "showverifylevel").starts_with("\n  module id   module name        verify level  \n"));
+    const std::string rule(40, '-');
+    const char *const wide = &rule[20];
+    const std::array<const char *, 8> rows[] = {
+        {"module_id", "module_name", "verify_point_id", "verify_point_name", "verify_ok", "lba_error", "crc_error",
+         "version_error"},
+        {&rule[30], &rule[24], &rule[25], &rule[0], wide, wide, wide, wide},
+        {"0", "DIF_MID_DEBUG", "1", "DEBUG_MOD_COMMON_VERIFY_POINT", "0", "0", "0", "0"},
+        {"4", "DIF_MID_CACHE", "1", "front", "0", "0", "0", "0"},
+        {"", "", "2", "back", "1", "3", "4", "2"},
+        {"9", "DIF_MID_SASINI", "1", "last", "1", "3", "4", "2"}};
+    std::string all = "\n", forCli = "\n"; /* which has no column of passed checks */
+    for (const auto &row : rows) {
+        const std::string place = format("  %-10s  %-16s  %-15s  %-40s", row[0], row[1], row[2], row[3]);
+        const std::string errors = format("  %20s  %20s  %20s\n", row[5], row[6], row[7]);
+        all += place + format("  %20s", row[4]) + errors;
+        forCli += place + errors;
+    }
+    EXPECT_EQ(shown(diagnoseDoDifCmd, "showverifyresult"), all);
+    EXPECT_EQ(shown(cliDoDifCmd, "showverifyresult"), forCli);
 }
 
 /* The clock of the fake host moves by 500 ns whenever it is read. */
 TEST_F(Diagnose, SelfTest) {
     EXPECT_EQ(printed(testCRCPerf, 3u, 0u), "Test FAIL:len is not a positive number.\n");
     EXPECT_EQ(printed(testCRCPerf, 3u, uint64_t{1} << 32), "Test FAIL:len(4294967296) is not below 2^32.\n");
-    EXPECT_EQ(printed(testCRCPerf, 3u, 4096u),
-              "Test PASS:\nTime:\nt10_time: 1 us 8192000000 B/s\nasm_t10_time: 1 us 8192000000 B/s\n"
-              "table_t10_time: 1 us 8192000000 B/s\n");
+    EXPECT_EQ(printed(testCRCPerf, 100u, 512u),
+              "Test PASS:\nTime:\nt10_time: 50 us 1024000000 B/s\nasm_t10_time: 50 us 1024000000 B/s\n"
+              "table_t10_time: 50 us 1024000000 B/s\n");
     EXPECT_NE(printed(testCRCPerf, 0u, 1u).find("\nt10_time: 0 us 0 B/s\n"), std::string::npos);
-    for (const uint32_t wrong : {1u, 2u, 3u, 4u}) { // two calls a round: the library's way in, then the engine itself
+    for (const uint32_t wrong :
+         {1u, 2u, 3u, 4u}) { /* two calls a round: the library's way in, then the engine itself */
         uint32_t calls = 0;
-        host.onCrc = [&](const uint8_t *, uint64_t) { return static_cast<uint16_t>(++calls == wrong ? 1 : 0); };
-        const std::string end = format("\nTest FAIL:\ncrcT10 result is different, index(%u)\n", (wrong - 1) / 2);
-        EXPECT_TRUE(printed(testCRCPerf, 9u, 100u).ends_with(end));
+        uint16_t right = 0;
+        host.onCrc = [&](const uint8_t *data, uint64_t size) {
+            right = slowCrc16(0, data, size);
+            return static_cast<uint16_t>(++calls == wrong ? 1 : 0);
+        };
+        const std::string text = printed(testCRCPerf, 9u, 100u);
+        const auto wayIn = static_cast<uint16_t>(right ^ (wrong % 2));
+        EXPECT_EQ(text, format("t10:%x\nasm_t10:%x\ntable_t10:%x\n"
+                               "Test FAIL:\ncrcT10 result is different, index(%u)\n",
+                               __builtin_bswap16(wayIn), right ^ (1 - wrong % 2), right, (wrong - 1) / 2));
     }
 }
 
-} // namespace
+} /* namespace */

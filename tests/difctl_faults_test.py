@@ -1,11 +1,11 @@
 """What difctl leaves when things go wrong: python3 difctl_faults_test.py DIFCTL FAULT_SHIM [unittest arguments]."""
-import errno, fcntl, os, pathlib, random, re, resource, signal, struct, subprocess, sys, tempfile, time, unittest
+import contextlib, errno, fcntl, os, pathlib, random, re, resource, signal, struct, subprocess, sys, time, unittest
+from difctl_tool import DIFCTL, SANITIZED, ToolTest
 
-DIFCTL, SHIM = (pathlib.Path(sys.argv.pop(1)).resolve() for _ in range(2))
+SHIM = pathlib.Path(sys.argv.pop(1)).resolve()
 PRELOAD = {"LD_PRELOAD": SHIM.name, "LD_LIBRARY_PATH": str(SHIM.parent)}  # a blank would end a preloaded path
-SLOWER = 4 if any(name in DIFCTL.read_bytes() for name in (b"__asan_init", b"__tsan_init")) else 1  # and so tried less
+SLOWER = 4 if SANITIZED else 1  # and so tried less
 os.environ["ASAN_OPTIONS"] = "verify_asan_link_order=0"
-os.environ["TSAN_OPTIONS"] = os.environ.get("TSAN_OPTIONS", "") + " atexit_sleep_ms=0"
 FAULTS = errno.EIO, errno.ENOSPC, errno.EINTR, 0  # 0: half the bytes
 random.seed(8)
 RAW = random.randbytes(4160 * 512)  # requests of 2048 blocks of 520
@@ -27,19 +27,14 @@ def made(command, content):
     return result
 
 
-class FaultsTest(unittest.TestCase):
+class FaultsTest(ToolTest):
     def setUp(self):
-        directory = tempfile.TemporaryDirectory()
-        self.addCleanup(directory.cleanup)
-        self.addCleanup(os.chdir, os.getcwd())
-        os.mkdir(f"{directory.name}/work")
-        os.chdir(f"{directory.name}/work")  # the shim's count lies above, out of what the tests list
+        super().setUp()
+        os.chmod(".", 0o711)
+        os.mkdir("work")
+        self.enterContext(contextlib.chdir("work"))  # the shim's count lies above, out of what the tests list
         self.image = made("protect", RAW)
         self.relabelled = made("relabel --lba 0x11111111 --crc crc32c", self.image)
-
-    def write(self, name, content):
-        pathlib.Path(name).write_bytes(content)
-        return name
 
     def ends(self, *args, status, says="", **kwargs):
         done = difctl(*args, **kwargs)
@@ -198,7 +193,7 @@ class FaultsTest(unittest.TestCase):
             self.assertEqual(pathlib.Path("img").read_bytes() == image, status == 2)
 
     def test_refused_before_anything_is_done(self):
-        self.write("img", self.image), self.write("note", b"a note\n"), os.symlink("nowhere", "link")
+        self.write("img", self.image), self.write("note", b"# HELP of mine\n"), os.symlink("nowhere", "link")
         fields = "--lba", "--bitmap", "--block", "--crc", "--first-lba"
         for words, says in (
             *((["relabel", "img", "--version-only", name, ""], name + ": has an empty value") for name in fields),
@@ -210,13 +205,33 @@ class FaultsTest(unittest.TestCase):
             (["verify", "--metrics", "note", "img"], "note: exists already; only a file that --metrics has written"),
             (["strip", "img", "new/"], "new/: ends in '/'"), (["strip", "img", "n" * 300], "n: cannot be written"),
             (["strip", "--force", "img", "link"], "link: is a symbolic link that leads nowhere"),
-            (["verify", "a\x1b[2J\nb"], r"difctl: a\\x1b\[2J\\x0ab: cannot open: No such file"),
+            (["verify", "a\x1b[2J\nb\x7F\x9B"],
+             r"difctl: a\\x1b\[2J\\x0ab\\x7f\\xc2\\x9b: cannot open: No such file"),
+            (["verify", "img", "\x1b"], r"not expected: \\x1b"),
+            (["attach", "nowhere", "--", "--x="], "nowhere: cannot run a command through this socket: No such file"),
         ):
             with self.subTest(words):
                 self.ends(*words, status=2, says=f"[^\n]*{says}[^\n]*\n")
                 self.assertEqual(sorted(os.listdir(".")), ["img", "link", "note"])
                 self.assertTrue(pathlib.Path("img").read_bytes() == self.image)
-                self.assertEqual(pathlib.Path("note").read_bytes(), b"a note\n")
+                self.assertEqual(pathlib.Path("note").read_bytes(), b"# HELP of mine\n")
+
+    def test_rare_answers_of_the_system(self):
+        self.write("src", RAW), os.chmod(".", 0o333)  # where a user can open no directory
+        for named, injected, status, says in (
+            ("1", "renameat2:error=EEXIST", 2, ["new: has appeared meanwhile and is left as it is; --force replaces it\n"]),
+            ("1", "renameat2:error=ENOSYS", 0, ""), ("0", "syncfs:error=EINVAL", 0, ""),
+            ("0", "syncfs:error=EIO", 2, ["new: is complete, but its name may not outlive a power failure: cannot bring the "
+                                          "directory to stable storage: Input/output error\n"]),
+        ):
+            os.chmod(self.write("calls", b""), 0o666)
+            strace = ["strace", "-f", "-qq", "-o", "calls", "-E", f"LD_PRELOAD={SHIM}", "-E", f"FAULT_NAMED={named}", "-E",
+                      "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=0", "-e", "inject=" + injected]
+            self.run_tool("protect", "src", "new", under=strace, status=status, says=says, input=None,
+                          user=6 if os.getuid() == 0 else None)
+            self.assertEqual(set(os.listdir(".")), {"src", "calls"} if "EEXIST" in injected else {"src", "calls", "new"})
+            self.assertIn("RENAME_NOREPLACE" if "rename" in injected else "syncfs", pathlib.Path("calls").read_text())
+            pathlib.Path("new").unlink(missing_ok=True)
 
     def test_nobody_may_read_more(self):
         self.write("img", self.image)
@@ -244,6 +259,13 @@ class FaultsTest(unittest.TestCase):
                 self.ends("strip", "--force", "img", "new", status=0)
                 new = os.stat("new")
                 self.assertEqual((new.st_uid, new.st_gid, new.st_mode & 0o777), result)
+            os.chmod("img", 0o644), os.chmod(".", 0o1777), os.chown(".", 9, 9), os.chown("new", 7, 8)
+            self.ends("strip", "--force", "img", "new", status=2, user=6, says="difctl: new: cannot be replaced: it "
+                      "belongs to another user, in a directory where only they may\n")
+            os.chmod(".", 0o777)
+            self.ends("strip", "--force", "img", "new", status=0, user=6)
+            os.chmod(".", 0o1777)
+            self.ends("strip", "--force", "img", "new", status=0)
 
 if __name__ == "__main__":
     unittest.main()

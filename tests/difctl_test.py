@@ -1,12 +1,7 @@
 """Drives the difctl command on real images: python3 difctl_test.py PATH_TO_DIFCTL [unittest arguments]."""
-import contextlib, ctypes, functools, json, os, pathlib, pty, random, re, select, shlex, signal, socket
-import subprocess, sys, tempfile, termios, time, unittest
-
-DIFCTL = pathlib.Path(sys.argv.pop(1)).resolve()
-SANITIZED = any(name in DIFCTL.read_bytes() for name in (b"__asan_init", b"__tsan_init"))
-os.environ["TSAN_OPTIONS"] = os.environ.get("TSAN_OPTIONS", "") + " atexit_sleep_ms=0"  # of every single run
-for interrupt in signal.SIGINT, signal.SIGTERM, signal.SIGHUP:
-    signal.signal(interrupt, signal.SIG_DFL)  # what a shell starts with & ignores some, and so would difctl
+import contextlib, ctypes, functools, json, os, pathlib, pty, random, re, shlex, signal, socket
+import subprocess, termios, time, unittest
+from difctl_tool import DIFCTL, SANITIZED, ToolTest, shown
 
 ISAL, LIBC = ctypes.CDLL("libisal.so.2"), ctypes.CDLL(None)
 DATA_SIZE = {520: 512, 4160: 4096}  # of a block's bytes; the tuple follows
@@ -73,42 +68,9 @@ def running(*args, feed=b"", on_terminal=(), **streams):
             os.close(end)
 
 
-def shown(end, until="(?!)"):
-    """What appears on a terminal, up to a text that matches or to the program's end."""
-    text = ""
-    while not re.search(until, text):
-        if not select.select([end], [], [], 20)[0]:
-            raise AssertionError(f"no {until} in {text!r}")
-        try:
-            text += os.read(end, 4096).decode()
-        except OSError:
-            break
-    return text
-
-
-class DifctlTest(unittest.TestCase):
-    def setUp(self):
-        directory = tempfile.TemporaryDirectory()
-        self.addCleanup(directory.cleanup)
-        self.addCleanup(os.chdir, os.getcwd())
-        os.chdir(directory.name)
-
-    def write(self, name, content):
-        pathlib.Path(os.fsdecode(name)).write_bytes(content)
-        return name
-
+class DifctlTest(ToolTest):
     def is_file(self, name, content):
         self.assertTrue(pathlib.Path(name).read_bytes() == content, f"{name} has other bytes")
-
-    def run_tool(self, *args, status=0, says="", under=(), **kwargs):
-        """What difctl writes; it must end with `status` and say the lines `says`, or what matches that pattern."""
-        kwargs = {"stdout": subprocess.PIPE, **({} if "stdin" in kwargs else {"input": b""}), **kwargs}
-        done = subprocess.run([*under, DIFCTL, *args], stderr=subprocess.PIPE, timeout=60, **kwargs)
-        if not isinstance(says, re.Pattern):
-            says = re.compile(re.escape("".join("difctl: " + line for line in says)))
-        self.assertRegex(done.stderr.decode(), rf"(?s)^{says.pattern}\Z")
-        self.assertEqual(done.returncode, status, args)
-        return done.stdout
 
     def refused(self, *args, says, **kwargs):
         """Runs a command that must not be done: one line that says why, the directory as it was."""
@@ -145,7 +107,9 @@ class DifctlTest(unittest.TestCase):
             (f"inject {place} --at 8589934594,2 --lba 0x1000000ff", t10,
              edit(t10, (4, LBA, b"\0\0\0\xFF"), (5, LBA, b"\0\0\1\0"))),
             (f"inject {place} --at 8589934597,2 --bst", t10, edit(t10, (7, FLAGS, b"\3"), (8, FLAGS, b"\3"))),
-            (f"relabel {place} --version-only --force --crc crc32c --bitmap 9", t10, edit(t10, (9, VERSION, b"\x29"))),
+            (f"relabel {place} --version-only --force --crc crc32c --bitmap 9-9", t10, edit(t10, (9, VERSION, b"\x29"))),
+            (f"relabel {place} --version-only", edit(t10, *((i, GUARD, b"\0\0\x34") for i in range(10))),
+             edit(t10, *((i, GUARD, b"\0\0\x13") for i in range(10)))),
             (f"relabel {place} --lba 77 --crc t10", edit(crc32c, (7, FLAGS, b"\3")),
              edit(protected(ten, 4160, T10, 77), (7, FLAGS, b"\3"))),
             (f"convert {place}", t10[: 4 * 4160] + crc32c[4 * 4160 :], t10),
@@ -176,6 +140,7 @@ class DifctlTest(unittest.TestCase):
             self.run_tool(*base, "--all", "-", status=1,
                           says=[*FAULT_LINES, TOTALS + "; nothing is written to standard output\n"])
         self.assertEqual(os.listdir("."), ["img"])
+        self.refused("fold", self.write("odd", DAMAGED[:-520]), "new", says="odd: has 7 blocks beyond a multiple of 8")
         raw = self.run_tool("strip", "--no-lba", "-", "-", input=IMAGE[: 4096 * 520] + DAMAGED, status=1,
                             says=re.compile(".*goes on; what was written to standard output cannot be undone\n"))
         self.assertTrue(raw == RAW[: 4096 * 512])  # the requests before the one that fails
@@ -211,7 +176,7 @@ class DifctlTest(unittest.TestCase):
                 "report": {key: key in holds for key in answers.values()}})
         result = json.loads(self.run_tool("verify", "--json", "--no-lba", self.write(b"\xff", IMAGE)))
         self.assertEqual((result["image"], result["failed_blocks"], "report" in result), ("\ufffd", [], False))
-        self.run_tool("verify", "-v", "--lba", "100", "img", status=1, says=re.compile(".*NOTICE.*"))
+        self.run_tool("verify", "-v", "--lba", "100", "img", status=1, says=re.compile(".*NOTICE.*Exit DIF Module.*"))
         for _ in range(2):  # the second file replaces the first
             stats = self.run_tool("verify", "--all", "--lba", "100", "--stats", "--metrics", "m.prom", "img", status=1)
         counters = re.search(rb"DIFCTL_IMAGE_VERIFY +0 +(\d+) +(\d+) +(\d+)\n", stats).groups()
@@ -239,6 +204,7 @@ class DifctlTest(unittest.TestCase):
         ):
             result = self.run_tool("verify", "--json", *options.split(), "-", input=image, status=int(bool(faults)))
             result = json.loads(result)
+            self.assertEqual(result["image"], "standard input")
             self.assertEqual({fault["block"]: fault["kind"] for fault in result["failed_blocks"]}, faults, options)
             self.assertEqual([key for key, answer in result.get("report", {}).items() if answer], holds)
 
@@ -274,7 +240,18 @@ class DifctlTest(unittest.TestCase):
             "protect --lba -1 raw new": "--lba: '-1' is not a number from 0 to 18446744073709551615",
             "": "a command: protect, verify, strip, show, inject, relabel, convert, fold, shell, attach or selftest",
             "verify --entry 0 --block 4160 good": "--entry 0: a list entry holds whole blocks of 4160 bytes, at least",
-            "verify --standard --report good": "excludes",
+            **dict.fromkeys(("verify --standard --report good", "verify --standard --crc t10 good",
+                             "verify --stats --json good", "protect --lba 1 --no-lba raw new",
+                             "relabel --version-only --lba 1 good"), "excludes"),
+            "verify .": ".: is a directory, not an image",
+            "relabel --lba 1 -": "standard input: cannot be changed in place; name a file",
+            "relabel --lba 1 nowhere": "nowhere: cannot open for writing: No such file",
+            "show --lba 18446744073709551615 good --at 0": "--at 0,1: is not all in good",
+            "relabel --lba 1 --bitmap 18446744073709551615 good": "is neither a block nor a range",
+            "inject --at 0 --version 256 good": "--version: '256' is not a number from 0 to 255",
+            "inject --at 0 --crc 65536 good": "--crc: '65536' is not a number from 0 to 65535",
+            "verify --block 512 good": "--block: 512 not in {520,4160}",
+            "protect --crc T10 raw new": "--crc: T10 not in {t10,crc32c}",
             "show - --at 0": "standard input: has no known length",
             "show good --at 0,0": "--at '0,0': is not an LBA or LBA,COUNT with a COUNT from 1 on",
             "inject --at 0 good": "no fault is asked for; give at least one of --version, --crc, --lba and --bst",
@@ -292,6 +269,8 @@ class DifctlTest(unittest.TestCase):
             ("verify -", "standard input: is empty", {"input": b""}),
             ("protect - -", "488 bytes are left after 4097 blocks; what was written to standard output cannot be",
              {"input": RAW[: 4097 * 512 + 488]}),
+            ("strip --lba 100 - -", "1 bytes are left after 4096 blocks; what was written to standard output cannot be",
+             {"input": IMAGE[: 4096 * 520] + b"x"}),
             ("fold - new", "standard input: has 1 blocks beyond a multiple of 8", {"input": bytes(9 * 520)}),
             ("protect raw -", "standard output: cannot write at offset 0: No space", {"stdout": full}),
             ("protect raw -", "standard output: is a terminal; redirect it", {"stdout": terminal}),
@@ -316,6 +295,8 @@ class DifctlTest(unittest.TestCase):
             with running("protect", "--lba", "100", "-", "-", stdin=odd.stdout, stdout=into):
                 os.close(into)
                 self.assertTrue(image.read() == IMAGE)
+        taken = ["sh", "-c", 'touch .difctl-$$-0.tmp && exec "$@"', "sh"]  # the name that it would take first
+        self.run_tool("protect", "--force", "raw", self.write("new", b""), under=taken)
         os.symlink("raw", "link")
         self.run_tool("protect", "--force", "--lba", "100", "raw", "link")
         self.assertTrue(os.path.islink("link"))
@@ -346,6 +327,8 @@ class DifctlTest(unittest.TestCase):
             tool.stdin.close()
             self.ended(tool, "difctl: new: has appeared meanwhile and is left as it is; --force replaces it\n")
         self.is_file("new", b"of another")
+        with running("verify", "--lba", "100", "-", feed=DAMAGED[: 2048 * 520], stdout=subprocess.DEVNULL) as (tool, _):
+            self.ended(tool, "", status=1)  # though there may be more to read
         ignore = lambda: signal.signal(signal.SIGINT, signal.SIG_IGN)
         with running("protect", "--force", "-", "new", feed=RAW[: 2 << 20], preexec_fn=ignore) as (tool, _):
             tool.send_signal(signal.SIGINT)
@@ -373,7 +356,7 @@ class DifctlTest(unittest.TestCase):
 
     def test_progress(self):
         os.truncate(self.write("raw", b""), 256 << 20)
-        bar = r"\[#{7,8}\.{22,23}\]  2[567]%  \d\d of 256 MiB  \d+ MiB/s  0:\d\d left"
+        bar = r"\[#{7,8}\.{22,23}\]  2[567]%  \d\d of 256 MiB  \d+ MiB/s  0:0[1-9] left"
         with running("protect", "raw", "-", on_terminal=["stderr"], stdout=subprocess.PIPE) as (tool, end):
             tool.stdout.read(64 << 20)
             time.sleep(0.6)  # it waits that long before it shows anything
@@ -381,6 +364,14 @@ class DifctlTest(unittest.TestCase):
             shown(end, rf"\r\x1b\[K\x1b\[\?7l{bar}\x1b\[\?7h$")
             tool.terminate()
             self.assertIn("\r\x1b[Kdifctl: interrupted by SIGTERM; what was written", shown(end))
+        os.truncate("raw", 1 << 40)
+        for verbose in [], ["-v"]:
+            with running(*verbose, "protect", "raw", "-", on_terminal=["stderr"], stdout=subprocess.PIPE) as (tool, end):
+                for _ in range(3):
+                    tool.stdout.read(1 << 20)
+                    time.sleep(0.3)
+                tool.terminate()
+                self.assertEqual(bool(re.search(r"  \d{1,3}:[0-5]\d:[0-5]\d left", shown(end))), not verbose)
         streams = {"on_terminal": ["stderr"], "stdout": subprocess.DEVNULL}
         with running("protect", "-", "-", feed=RAW[: 2 << 20], **streams) as (tool, end):
             time.sleep(0.6)
@@ -402,7 +393,7 @@ class DifctlTest(unittest.TestCase):
         self.write("raw.img", b"")
         with running("shell", on_terminal=["stdin", "stdout", "stderr"]) as (tool, end):
             shown(end, "dif> $")
-            for typed, answer in (("hel\tdi\t\r", "SYNOPSIS"), ("nonsense\r", "unknown command 'nonsense'"),
+            for typed, answer in (("hel\tdi\t\r", "SYNOPSIS"), ("nonsense\r", "unknown command 'nonsense'"), (" \r", ""),
                                   ("\x1b[A\r", "'nonsense'"), ("dif showd\t\r", "dif switch status: on"),
                                   ("dif ra\t\r", "dif ra\r\n"), ("\x04", "\r\n")):
                 while termios.tcgetattr(end)[3] & termios.ICANON:

@@ -146,4 +146,4 @@ int strncpy_s(char *dest, size_t destMax, const char *src, size_t count) {
     return snprintf(dest, destMax, "%.*s", static_cast<int>(count), src) < 0 ? -1 : 0;
 }
 
-} // extern "C"
+} /* extern "C" */

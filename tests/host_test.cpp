@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstring>
@@ -16,10 +17,12 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <ranges>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -56,10 +59,13 @@ int32_t spill(int32_t, char **) { /* three times what an answer holds */
 }
 
 int32_t refuse(int32_t argc, char **) {
+    for (int32_t i = 2; i < argc; ++i)
+        DBG_ShowUsageAndErrMsg(nullptr);
     return DBG_ShowUsageAndErrMsg(argc > 1 ? "Error: no." : nullptr);
 }
 
 int32_t reopen(int32_t, char **argv) {
+    usleep(100'000);
     return difHostCloseControlSocket(), difHostOpenControlSocket(argv[1]);
 }
 
@@ -174,7 +180,12 @@ TEST_F(Host, Registries) {
         *static_cast<std::string *>(to) += name + ":"s + text + " ";
     };
     EXPECT_EQ(difHostForEachCommand(DIF_HOST_CLI, add, &words), 0);
-    EXPECT_PRED2(matches, words, "1234567890123456789:d{64} dif:cli function of dif help:list .* metrics:counters .*");
+    EXPECT_PRED2(matches, words,
+                 "1234567890123456789:d{64} dif:cli function of dif help:list the commands, show their help "
+                 "metrics:counters and settings for Prometheus set:change a verify level, the switch, the counters ");
+    EXPECT_PRED2(matches, run("help").second, "1234567890123456789   d{64}\n\\(1234567890123456789 0\\)\n.*");
+    EXPECT_EQ(difHostForEachCommand(DIF_HOST_CLI, nullptr, nullptr), EINVAL);
+    EXPECT_EQ(difHostRunCommand(DIF_HOST_CLI, nullptr, collect, &words), EINVAL);
     word.doCmd = refuse; /* the registry has its own copy */
     EXPECT_EQ(run("1234567890123456789 a b"), Result(3, "[a][b]"));
     for (const auto unregist : {DBG_UnRegCmd, DBG_UnRegCmdToCLI}) {
@@ -189,6 +200,7 @@ TEST_F(Host, Registries) {
 
 TEST_F(Host, CommandsHelpAndUsage) {
     EXPECT_EQ(run("refuse"), Result(EINVAL, "Usage:\n(refuse 0)\n"));
+    EXPECT_EQ(run("refuse it twice"), Result(EINVAL, "Usage:\n(refuse 0)\nError: no.\nUsage:\n(refuse 0)\n"));
     EXPECT_EQ(run("refuse it"), Result(EINVAL, "Error: no.\nUsage:\n(refuse 0)\n"));
     EXPECT_EQ(run("a\x1B"), Result(ENOENT, "Error: unknown command 'a\\x1b', 'help' lists the commands.\n"));
     EXPECT_EQ(run("help a\x1B"), run("a\x1B"));
@@ -196,7 +208,8 @@ TEST_F(Host, CommandsHelpAndUsage) {
     EXPECT_EQ(run("help echo"), Result(0, "(echo 1)\nUsage:\n        help [WORD]\n"));
     EXPECT_PRED2(matches, run("help help").second + run("help metrics").second,
                  "SYNOPSIS\n        help  +: list the commands.\n        help WORD  +: show .*\n"
-                 "SYNOPSIS\n        metrics  +: show DIF switch.*\n +in the Prometheus text format.\n");
+                 "SYNOPSIS\n        metrics  +: show DIF switch, CRC version, verify levels and counters\n +in the "
+                 "Prometheus text format.\n");
     EXPECT_PRED2(matches, run("help").second,
                  "dif                   diagnose function of dif\n\n        dif showverifylevel\n.*"
                  "echo                  shows its words\n\\(echo 0\\)\n.*        help .WORD.\n.*        metrics\n.*");
@@ -240,9 +253,64 @@ TEST_F(Host, Metrics) {
             "# TYPE dif_host_log_dropped_total counter\ndif_host_log_dropped_total " +
             std::to_string(difHostLogDropped());
     EXPECT_EQ(run("metrics"), Result(0, text + "\n"));
-    setDifOn(0);
-    EXPECT_NE(run("metrics", DIF_HOST_CLI).second.find("\ndif_switch 0\n"), std::string::npos);
+    for (const uint8_t on : std::initializer_list<uint8_t>{0, 200}) {
+        setDifOn(on);
+        const std::string line = on != 0 ? "\ndif_switch 1\n" : "\ndif_switch 0\n";
+        EXPECT_NE(run("metrics", DIF_HOST_CLI).second.find(line), std::string::npos);
+    }
+    difVerifyMsgGetByMid(15)->verifyPoints[1].pointId = DIF_VERIFY_POINT_FREE; /* as while it is being registered */
+    EXPECT_EQ(run("metrics").second.find("PLAIN"), std::string::npos);
     EXPECT_PRED2(matches, run("metrics x").second, "Error: metrics takes no words.\nUsage:\n        metrics\n");
+}
+
+TEST_F(Host, OperatorsChangeSettings) {
+    difHostSetLogLevel(DIF_HOST_LOG_NOTICE);
+    ASSERT_EQ(difHostSetLogFile(path.c_str(), 1 << 20, 1), 0);
+    ASSERT_EQ(difHostOpenControlSocket((directory + "/socket").c_str()), 0);
+    difVerifyStatisticAdd(0, 0, DIF_STAT_LBA_ERROR);
+    for (const char *const line : {"set level Lun 3", "set level 15 0", "set switch off", "set counters 0"})
+        EXPECT_EQ(run(line, DIF_HOST_CLI), Result(0, ""));
+    uint64_t counters[DIF_STAT_BUTT];
+    difVerifyStatisticGet(0, 0, counters);
+    EXPECT_EQ(counters[DIF_STAT_LBA_ERROR], 0u);
+    EXPECT_EQ(std::make_tuple(getDifVerifyLevelByMid(2), getDifVerifyLevelByMid(15), getDifOn()),
+              std::make_tuple(3, 0, 0));
+    int status = -1;
+    EXPECT_EQ(difHostAttach((directory + "/socket").c_str(), 0, "set switch on", nullptr, nullptr, &status), 0);
+    EXPECT_EQ(std::make_pair(status, int{getDifOn()}), std::make_pair(0, 1));
+    const std::string usage = "\nUsage:\n        set level MODULE LEVEL | switch on|off | counters 0\n";
+    for (const auto &[line, error] : {std::pair{"set level reserved 1", "'reserved' is no module."},
+                                      {"set level 16 1", "'16' is no module."},
+                                      {"set level lun 5", "'5' is no verify level (0 to 4)."},
+                                      {"set level lun 1x", "'1x' is no verify level (0 to 4)."},
+                                      {"set switch ON", "'ON' is no state of the switch (on or off)."},
+                                      {"set counters 1", "'1' is no count that counters can be set to (0)."},
+                                      {"set switch", "set takes one of these, with its words."}})
+        EXPECT_EQ(run(line), Result(EINVAL, "Error: "s + error + usage));
+    EXPECT_TRUE(difHostFlushLog());
+    const std::string by =
+        "set switch on: by user " + std::to_string(getuid()) + ", process " + std::to_string(getpid());
+    EXPECT_PRED2(matches, content(path),
+                 ".*set level Lun 3: by this process.*set level 15 0: .*set switch off: .*"
+                 "set counters 0: .*" +
+                     by + ".*");
+    EXPECT_STREQ(difHostOperator(), "this process");
+}
+
+TEST_F(Host, ProgramsAddMetricsAndTestTheirEngines) {
+    EXPECT_EQ(difHostRegisterMetrics(nullptr, nullptr), EINVAL);
+    static bool isOver = false; /* metrics stay for the process's life */
+    const auto render = [](void *context, DifHostPrint print, void *to) {
+        if (!isOver)
+            print(to, static_cast<const char *>(context), 5);
+    };
+    char own[] = "own 1";
+    ASSERT_EQ(difHostRegisterMetrics(render, own), 0);
+    EXPECT_PRED2(matches, run("metrics").second, ".*\ndif_host_log_dropped_total [0-9]+\nown 1");
+    isOver = true;
+    char why[8] = "nothing";
+    EXPECT_EQ(difHostTestEngines(why, sizeof why), 0);
+    EXPECT_STREQ(why, "nothing");
 }
 
 TEST_F(Host, ServicesNamesClockAndCopies) {
@@ -266,6 +334,8 @@ TEST_F(Host, ServicesNamesClockAndCopies) {
     const double ticked = static_cast<double>(osal_get_jiffies() - ticks);
     const double passed = static_cast<double>(osal_time_getnanosec() - start);
     EXPECT_TRUE(passed >= 1e8 && passed < 1e10) << passed;
+    const std::chrono::nanoseconds now = std::chrono::steady_clock::now().time_since_epoch();
+    EXPECT_NEAR(static_cast<double>(now.count()), static_cast<double>(start), 1e10);
     EXPECT_NEAR(ticked, passed / 1e9 * 250, 1.5);
     const auto copy = [&text](size_t destMax, const char *from, size_t count) {
         strcpy(text, "?");
@@ -275,6 +345,8 @@ TEST_F(Host, ServicesNamesClockAndCopies) {
     EXPECT_EQ(copy(4, "abc", 9), Result(0, "abc"));
     EXPECT_EQ(copy(4, "abcdef", 3), Result(0, "abc"));
     EXPECT_EQ(copy(4, "abcd", 4), Result(ERANGE, ""));
+    EXPECT_EQ(copy(4, "abcdef", 9), Result(ERANGE, ""));
+    EXPECT_EQ(copy(4, "abc", SIZE_MAX), Result(ERANGE, ""));
     EXPECT_EQ(copy(4, nullptr, 1), Result(EINVAL, ""));
     EXPECT_EQ(copy(0, "abc", 1), Result(ERANGE, "?"));
     EXPECT_EQ(copy(SIZE_MAX, "abc", 1), Result(ERANGE, "?"));
@@ -284,7 +356,10 @@ TEST_F(Host, ServicesNamesClockAndCopies) {
 }
 
 TEST_F(Host, LogLines) {
+    umask(022);
     ASSERT_EQ(difHostSetLogFile(path.c_str(), 100'000, 1), 0);
+    struct stat found;
+    EXPECT_EQ(stat(path.c_str(), &found) == 0 ? found.st_mode : 0, S_IFREG | 0644u);
     CaptureStderr();
     osal_pid_set_name(9, "ni\nne");
     const std::string stamp =
@@ -304,6 +379,10 @@ TEST_F(Host, LogLines) {
     hostlog_standard(10, 4, nullptr, -1, 0, "%s", "bare");
     hostlog_standard(10, 5, nullptr, -1, 0, "filtered");
     pattern += stamp + R"(WARNING 10 \?:-1 \[0\] bare)" + "\n";
+    std::thread([&] {
+        hostlog_standard(10, 3, "elsewhere", 1, 0, "by %d", gettid());
+        pattern += "[^\n]*\\[" + std::to_string(gettid()) + "\\] ERROR 10 elsewhere:1 [^\n]*\n";
+    }).join();
     difHostSetLogStderr(false);
     EXPECT_TRUE(difHostFlushLog());
     const std::string both = content(path);
@@ -320,6 +399,7 @@ TEST_F(Host, LogFilesAreRotatedRefusedAndGivenUp) {
     log(1);
     EXPECT_EQ(difHostSetLogFile((path + "/no").c_str(), 1, 1), ENOENT);
     EXPECT_EQ(difHostSetLogFile(path.c_str(), 0, 1), EINVAL);
+    EXPECT_FALSE(std::filesystem::exists(path));
     EXPECT_EQ(difHostSetLogFile(path.c_str(), 1, 200'001), EINVAL);
     ASSERT_EQ(difHostSetLogFile(path.c_str(), 150, 2), 0);
     log(9); /* two a file */
@@ -334,6 +414,11 @@ TEST_F(Host, LogFilesAreRotatedRefusedAndGivenUp) {
         EXPECT_TRUE(difHostFlushLog());
         EXPECT_EQ(difHostLogDropped() - dropped, 1u);
     }
+    difHostSetLogStderr(false); /* nor does it hear of this one */
+    EXPECT_EQ(difHostSetLogFile("/dev/full", 100, 1), 0);
+    log(1);
+    EXPECT_TRUE(difHostFlushLog());
+    difHostSetLogStderr(true);
     EXPECT_PRED2(matches, GetCapturedStderr(),
                  "[^\n]*line 0\n.*line 8\n[^\n]*line 0\n[^\n]*ERROR dif_host log \\[0\\] log file /dev/full given up: "
                  ".*No space left on device\n[^\n]*line 0\n");
@@ -360,11 +445,15 @@ TEST_F(Host, LogHoldsNobodyUp) {
     const std::string missing = "WARNING dif_host log [0] " + std::to_string(dropped) + " log lines are missing here\n";
     EXPECT_LT(text.find("line 0\n"), text.find(missing));
     EXPECT_LT(text.find(missing), text.find("line 3905\n"));
+    EXPECT_EQ(text.find("missing"), text.rfind("missing")); /* that is said once, */
     EXPECT_EQ(difHostLogDropped() - before, dropped);
 }
 
 TEST_F(Host, NothingIsLostAtTheEnd) {
     uint8_t block[520];
+    DifOpParam op{DIF_DATA_520, DIF_INSERT_CRC, 0, nullptr};
+    EXPECT_EXIT(insertDif(block, 0, &op), ::testing::KilledBySignal(SIGILL),
+                "dif_host/insertDif:[0-9]+ \\[0\\] this must not happen \\(see the lines before\\)\\. The process");
     EXPECT_EXIT((log(1000), exit(3 + (difHostLogDropped() != 0))), ::testing::ExitedWithCode(3),
                 "line 0\n(.*\n){998}.*line 999\n$");
     EXPECT_EXIT(insertDif(block, 1, nullptr), ::testing::KilledBySignal(SIGILL),
@@ -383,6 +472,8 @@ TEST(HostAlone, NoticesOnceThatTheLibraryWasNotStarted) {
     EXPECT_EXIT(
         (registerPoint(), registerPoint(), exit(0)), ::testing::ExitedWithCode(0),
         "^[^\n]*ERROR dif_host .*difModuleInit has not been called[^\n]*\n[^\n]*regist[^\n]*\n[^\n]*regist[^\n]*\n$");
+    EXPECT_EXIT((difHostSetLogLevel(0), registerPoint(), exit(0)), ::testing::ExitedWithCode(0), "^$");
+    EXPECT_EXIT(exit(static_cast<int>(difHostGetLogLevel())), ::testing::ExitedWithCode(DIF_HOST_LOG_NOTICE), "");
 }
 
 TEST_F(Host, ControlSocketAnswersWithOutputAndStatus) {
@@ -392,13 +483,42 @@ TEST_F(Host, ControlSocketAnswersWithOutputAndStatus) {
     EXPECT_EQ(readAll(client("diagnose echo x\nignored")), "[x]\0002\n"s);
     EXPECT_EQ(readAll(client("\a\n")), "Error: unknown shell '\\x07', expected 'diagnose' or 'cli'.\n\00022\n"s);
     const Result cut = attach("spill");
-    EXPECT_TRUE(cut.first == EFBIG && cut.second.size() > 1 << 20) << cut.second.size();
+    EXPECT_EQ(cut.first, EFBIG);
+    EXPECT_EQ(cut.second.substr(1 << 20), "\nError: the output is cut after 1048576 bytes.\n");
     EXPECT_EQ(attach("reopen " + path).first, EADDRINUSE); /* a command of the service cannot end it */
     attach("echo\necho", EINVAL);
     attach("echo", EINVAL, 2);
-    attach(std::string(4096, 'x'), EMSGSIZE);
-    difHostCloseControlSocket();
+    EXPECT_EQ(attach("echo " + std::string(4082, 'x')).first, 2); /* the longest */
+    attach(std::string(4088, 'x'), EMSGSIZE);
+    EXPECT_EQ(difHostAttach(path.c_str(), 0, "echo", collect, nullptr, nullptr), EINVAL);
+    const int waiting = client("diagnose reopen x\n");
+    usleep(50'000);
+    difHostCloseControlSocket(); /* nor does it wait for who ends it */
+    EXPECT_EQ(readAll(waiting), "\00098\n"s);
     attach("echo", ENOENT);
+}
+
+TEST_F(Host, ThreadsAndDescriptorsKeepToThemselves) {
+    const auto inheritable = [] {
+        const auto fds = std::views::iota(0, 256);
+        return std::ranges::count_if(fds, [](int fd) { return fcntl(fd, F_GETFD) == 0; });
+    };
+    const auto before = inheritable();
+    ASSERT_EQ(difHostOpenControlSocket(path.c_str()), 0);
+    ASSERT_EQ(difHostSetLogFile((path + ".log").c_str(), 1000, 1), 0);
+    const int silent = client("diagnose");
+    EXPECT_EQ(attach("echo").first, 1); /* and so the silent one is accepted by now */
+    EXPECT_EQ(inheritable(), before + 1) << "but for the client's end, none";
+    log(1); /* standard error has a thread, too */
+    std::string names;
+    for (const auto &task : std::filesystem::directory_iterator("/proc/self/task")) {
+        const std::string status = content(task.path() / "status");
+        const uint64_t blocked = std::stoull(status.substr(status.find("SigBlk:") + 7), nullptr, 16);
+        EXPECT_EQ(blocked >> (SIGTERM - 1) & 1, task.path().filename() == std::to_string(gettid()) ? 0u : 1u) << status;
+        names += status.substr(0, status.find('\n')) + " ";
+    }
+    EXPECT_NE(names.find("dif-control "), std::string::npos) << names;
+    close(silent);
 }
 
 TEST_F(Host, ControlSocketHasANameOfItsOwn) {
@@ -423,11 +543,17 @@ TEST_F(Host, ControlSocketHasANameOfItsOwn) {
     std::ofstream{path};
     EXPECT_EQ(open(path), ENOTSOCK);
     EXPECT_EQ(open(directory + "/"), EISDIR);
+    EXPECT_EQ(open(""), ENOENT);
     const std::string longest = directory + "/" + std::string(106 - directory.size(), 'x');
     EXPECT_EQ(open(longest + "x"), ENAMETOOLONG);
     EXPECT_EQ(difHostOpenControlSocket(nullptr), EINVAL);
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory), {}), 1); /* nothing else stays */
     EXPECT_EQ(open(longest), 0);
+    difHostCloseControlSocket();
+    const std::filesystem::path home = std::filesystem::current_path();
+    std::filesystem::current_path(directory);
+    EXPECT_EQ(open("here"), 0);
+    std::filesystem::current_path(home);
 }
 
 TEST_F(Host, ControlSocketBelongsToItsProcess) {
@@ -435,14 +561,18 @@ TEST_F(Host, ControlSocketBelongsToItsProcess) {
     GTEST_SKIP() << "ThreadSanitizer starts no threads in a child of fork";
 #endif
     ASSERT_EQ(difHostOpenControlSocket(path.c_str()), 0);
-    log(1);
+    ASSERT_EQ(difHostSetLogFile((path + ".log").c_str(), 1'000'000, 1), 0);
+    const int silent = client("diagnose");
+    EXPECT_EQ(attach("echo").first, 1);
+    log(1000);
     int hold[2]; /* keeps a grandchild until this process closes its end */
     ASSERT_EQ(pipe(hold), 0);
     const pid_t child = fork();
     if (child == 0) {
         difHostCloseControlSocket();
         path += "2";
-        const bool works = difHostOpenControlSocket(path.c_str()) == 0 && attach("echo 1") == Result(2, "[1]");
+        const bool works = content(directory + "/file.log").ends_with("line 999\n") &&
+                           difHostOpenControlSocket(path.c_str()) == 0 && attach("echo 1") == Result(2, "[1]");
         log(1);
         if (fork() == 0) {
             close(hold[1]);
@@ -453,8 +583,15 @@ TEST_F(Host, ControlSocketBelongsToItsProcess) {
     int status = -1;
     waitpid(child, &status, 0);
     EXPECT_EQ(status, 0);
+    std::filesystem::permissions(directory, std::filesystem::perms::all);
+    std::filesystem::permissions(path, std::filesystem::perms::all);
+    const std::string notTheOwner = "Error: this control socket is its owner's alone.\n\00013\n"s;
+    if (geteuid() == 0 && fork() == 0)
+        _exit(setuid(1) == 0 && readAll(client("")) == notTheOwner ? 0 : 1);
+    EXPECT_TRUE(geteuid() != 0 || (wait(&status) > 0 && status == 0));
     EXPECT_EQ(attach("echo 1"), Result(2, "[1]"));
     difHostCloseControlSocket();
+    EXPECT_EQ(readAll(silent), "");                             /* though the grandchild has the other end, too */
     while (difHostOpenControlSocket((path + "2").c_str()) != 0) /* the grandchild does not keep it, once it runs */
         usleep(1000);
     close(hold[1]);
@@ -470,8 +607,12 @@ TEST_F(Host, HostileClientsHurtNobody) {
         EXPECT_EQ(attach("echo 1"), Result(2, "[1]"));
     }
     std::vector<int> silent;
-    while (silent.size() < 8)
+    while (silent.size() < 7)
         silent.push_back(client("diagnose"));
+    EXPECT_EQ(attach("echo 1"), Result(2, "[1]")); /* and so they are heard by now */
+    send(silent[0], " ", 1, 0);
+    silent.push_back(client("diagnose"));
+    std::swap(silent[0], silent[1]);
     EXPECT_EQ(attach("echo 1"), Result(2, "[1]")); /* in the place of the one that was idle the longest */
     EXPECT_EQ(readAll(silent[0]), "Error: too many clients, this one was idle the longest.\n\00016\n"s);
     std::for_each(silent.begin() + 1, silent.end(), close);
@@ -486,15 +627,27 @@ TEST_F(Host, HostileClientsHurtNobody) {
 
 TEST_F(Host, ClientsGiveUpOnBadServers) {
     const int listener = server();
-    auto attached = std::async(std::launch::async, [&] { return attach("echo", EPROTO).second; });
-    const int fd = accept(listener, nullptr, nullptr);
-    send(fd, "half\0001x\n", 8, 0);
-    close(fd);
-    EXPECT_EQ(attached.get(), "half\0001x\n"s);
+    const std::string endless(2 << 20, 'x');
+    for (const std::string &answer : {"half\0001x\n"s, "half\00012"s, endless + "\0001\n"s}) {
+        auto attached = std::async(std::launch::async, [&] { return attach("echo", EPROTO).second; });
+        const int fd = accept(listener, nullptr, nullptr);
+        char first;
+        EXPECT_EQ(recv(fd, &first, 1, MSG_PEEK), 1); /* the request, which is never read */
+        send(fd, answer.data(), answer.size(), MSG_NOSIGNAL);
+        close(fd);
+        const std::string output = attached.get();
+        EXPECT_TRUE(output == answer || (answer.size() > 9 && output.size() < 3 << 19)) << output.size();
+    }
     difHostSetControlPatience(300);
+    auto attached = std::async(std::launch::async, [&] { attach("echo", ETIMEDOUT); });
+    const int slow = accept(listener, nullptr, nullptr);
+    while (attached.wait_for(100ms) != std::future_status::ready && send(slow, "x", 1, MSG_NOSIGNAL) == 1)
+        ;
+    close(slow);
     attach("echo", ETIMEDOUT); /* nobody accepts */
     attach("echo", ETIMEDOUT); /* nor is there room for one more to wait */
+    EXPECT_EQ(difHostOpenControlSocket(path.c_str()), EADDRINUSE);
     close(listener);
 }
 
-} // namespace
+} /* namespace */

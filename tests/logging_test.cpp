@@ -12,7 +12,7 @@ using Call = std::function<void()>;
 /* A place that logs behind a limiter, which is free at first. Ticks count from now on. */
 struct Site {
     explicit Site(const Call &call) : attempt(call) {
-        attempt(); // reports what earlier tests left
+        attempt(); /* reports what earlier tests left */
         host.later();
         host.take();
         host.wantsReports = true;
@@ -48,16 +48,16 @@ TEST_F(Logging, CreditLimiter) {
     Check check(DIF_DATA_520, DIF_CHECK_CONVERT_T10);
     Site site([&] { checkBuffer(blocks.data(0), 1, &check.param); });
     constexpr uint64_t I = 75000;
-    host.filtered = 1u << 6; // what the gate filters leaves the limiter as it is
+    host.filtered = 1u << 6; /* what the gate filters leaves the limiter as it is */
     EXPECT_EQ(site.written(5, 0), 0u);
     host.filtered = ~host.filtered;
     EXPECT_EQ(site.written(4, 0), 3u);
-    EXPECT_EQ(site.written(2, I - 1), 0u); // dropped attempts keep what has gathered
+    EXPECT_EQ(site.written(2, I - 1), 0u); /* dropped attempts keep what has gathered */
     EXPECT_EQ(site.written(2, I), 1u);
-    EXPECT_EQ(site.written(4, 11 * I - 1), 3u); // no more than three gather
+    EXPECT_EQ(site.written(4, 11 * I - 1), 3u); /* no more than three gather */
     EXPECT_EQ(site.reports.size(), 1u);
-    EXPECT_EQ(site.written(1, 12 * I), 1u);     // more than ten intervals after the report
-    EXPECT_EQ(site.written(4, 12 * I - 2), 3u); // time goes back
+    EXPECT_EQ(site.written(1, 12 * I), 1u);     /* more than ten intervals after the report */
+    EXPECT_EQ(site.written(4, 12 * I - 2), 3u); /* time goes back */
     EXPECT_EQ(site.reports.back(),
               "level 6, dif_util, tryCheckDifIntegrity, 0: print: 2 messages suppressed.tryCheckDifIntegrity");
 }
@@ -71,10 +71,10 @@ TEST_F(Logging, BurstLimiter) {
     host.filtered = ~host.filtered;
     EXPECT_EQ(site.written(1, 0), 1u);
     EXPECT_EQ(site.written(1, I - 1), 1u);
-    EXPECT_EQ(site.written(2, 2 * I - 2), 1u); // the third of the period
+    EXPECT_EQ(site.written(2, 2 * I - 2), 1u); /* the third of the period */
     EXPECT_EQ(site.written(1, 3 * I - 3), 0u);
     EXPECT_EQ(site.written(4, 3 * I - 2), 3u);
-    EXPECT_EQ(site.written(1, 13 * I - 3), 1u); // not ten intervals after the report
+    EXPECT_EQ(site.written(1, 13 * I - 3), 1u); /* not ten intervals after the report */
     EXPECT_EQ(site.reports.size(), 1u);
     EXPECT_EQ(site.written(1, 14 * I - 3), 1u);
     EXPECT_EQ(site.reports.back(), "level 3, dif_util, checkDif, 0: print: 1 messages suppressed.checkDif");
@@ -84,7 +84,7 @@ void expectLimit(uint64_t interval, const Call &cause) {
     Site site(cause);
     EXPECT_EQ(site.written(4, 0), 3u);
     EXPECT_EQ(site.written(4, interval - 1), 0u);
-    EXPECT_EQ(site.written(4, interval), interval == 2500 ? 3u : 1u);
+    EXPECT_EQ(site.written(4, interval), interval == 2500 || interval == 15000 ? 3u : 1u);
 }
 
 /* What is written about a tuple, here of block 1 behind a right one. Its data is all zeros but for the last byte, a 1. */
@@ -94,7 +94,7 @@ TEST_F(Logging, MessagesAboutTuples) {
     Blocks blocks(DIF_DATA_4160, 2);
     blocks.set(0, blocks.right(0, 7));
     blocks.zeroData(1);
-    uint8_t *const tuple = blocks.dif(1), *const small = tuple - 512; // the small block that it ends, too
+    uint8_t *const tuple = blocks.dif(1), *const small = tuple - 512; /* the small block that it ends, too */
     tuple[-1] = 1;
     Chain chain(Lengths{{8320}});
     chain.at(0)->entries[0].buf = blocks.data(0);
@@ -154,6 +154,8 @@ TEST_F(Logging, MessagesAboutTuples) {
         {"Lba valid flag error,dif:0xbc 0x0a 0x29 0xfd 0x00 0x00 0x00 0x00", "getDifLba", 4, 1250, lbaOf, kCrc32c, 0},
         {"DIF_INFO_INJECT_DIF: inject invalid version(0x1e).", "injectDifInOneBlock", 6, 2500, injection, kWrong,
          DIF_INJECT_VERSION},
+        {"DIF_INFO_INJECT_DIF: inject invalid crc(0x1234).", "injectDifInOneBlock", 6, 2500, injection, kWrong,
+         DIF_INJECT_CRC},
         {"DIF_INFO_INJECT_DIF: inject invalid lba(4294967303).", "injectDifInOneBlock", 6, 2500, injection, kWrong,
          DIF_INJECT_LBA},
         {"DIF_INFO_INJECT_DIF: inject app BST.", "injectDifInOneBlock", 6, 2500, injection, kWrong, DIF_INJECT_BST},
@@ -176,6 +178,22 @@ TEST_F(Logging, MessagesAboutTuples) {
     }
 }
 
+TEST_F(Logging, MessagesAboutArgumentsAreLimited) {
+    Check good(DIF_DATA_520, 0), strange(DIF_DATA_BUTT, 0);
+    Chain chain(Lengths{{520}});
+    const Sgl *const sgl = chain.at(0);
+    uint8_t buf[520];
+    host.filtered = 1u << 4; /* no dumps */
+    expectLimit(1250, [] { getDifLba(nullptr, 520, nullptr); });
+    expectLimit(15000, [&] { checkBuffer(buf, 1, &strange.param); });
+    expectLimit(15000, [&] { checkList(sgl, 0, 1, nullptr); });
+    expectLimit(15000, [&] { checkList(sgl, 0, 1, &strange.param); });
+    expectLimit(2500, [&] { checkDifInSglWithStdT10(sgl, 0, 1, nullptr); });
+    expectLimit(2500, [&] { checkDifInSglWithStdT10(sgl, 0, 1, &strange.param); });
+    expectLimit(2500, [&] { checkDifInSglWithStdT10(sgl, 0, 0, &good.param); });
+    expectLimit(2500, [&] { checkListReturning(sgl, ~0u, 1, &good.param); });
+}
+
 TEST_F(Logging, AssertionAsksTheServiceThatTheHostHas) {
     constexpr uint64_t I = 150000;
     const Lines texts = notNull("insertDif", "buf");
@@ -187,11 +205,11 @@ TEST_F(Logging, AssertionAsksTheServiceThatTheHostHas) {
     };
     g_baseServiceIntfRely = nullptr;
     host.hasService = false;
-    host.filtered = 1u << 3; // the gate is the error level,
+    host.filtered = 1u << 3; /* the gate is the error level, */
     EXPECT_EQ(attempt(), Lines{});
-    host.filtered = 1u << 0; // not that of the text
+    host.filtered = 1u << 0; /* not that of the text */
     EXPECT_EQ(attempt(), (Lines{texts[0], lookup}));
-    host.hasService = true; // looked up again, then kept
+    host.hasService = true; /* looked up again, then kept */
     host.tick += I - 1;
     EXPECT_EQ(attempt(), Lines{});
     host.tick += 1;
@@ -202,7 +220,7 @@ TEST_F(Logging, AssertionAsksTheServiceThatTheHostHas) {
 }
 
 TEST_F(Logging, AssertionStopsTheProcessOnRequest) {
-    host.assertAnswer = 0x80; // any true value
+    host.assertAnswer = 0x80; /* any true value */
     host.onEvent = [](const std::string &event) { fprintf(stderr, "%s\n", event.c_str()); };
     const std::string story = "buf != NULL\nask insertDif\\(buf != \\(\\(void \\*\\)0\\)\\)\n"
                               "level 0, no file, insertDif, 0: Assert fail: \\(0\\)\n";
@@ -211,4 +229,4 @@ TEST_F(Logging, AssertionStopsTheProcessOnRequest) {
     EXPECT_EXIT((signal(SIGILL, SIG_IGN), insertDif(nullptr, 1, &op)), ::testing::ExitedWithCode(255), story);
 }
 
-} // namespace
+} /* namespace */

@@ -168,8 +168,10 @@ TEST_F(Lists, Dump) {
     };
     EXPECT_EQ(dump(6), all);       /* counts from the chain's start, */
     EXPECT_EQ(dump(4).size(), 8u); /* 1000 bytes as one sector */
-    dump(3);
-    EXPECT_EQ(dump(3), Lines{}); /* suppressed */
+    EXPECT_EQ(dump(3).size(), 5u); /* no node behind the last sector */
+    EXPECT_EQ(dump(3), Lines{});   /* suppressed */
+    host.tick += 1250;
+    EXPECT_NE(dump(3), Lines{});
 }
 
 TEST_F(Lists, ChecksEndWithTheirLastQuestionOrFault) {
@@ -187,7 +189,12 @@ TEST_F(Lists, ChecksEndWithTheirLastQuestionOrFault) {
     EXPECT_EQ(counters, (std::array<uint64_t, DIF_STAT_BUTT>{})); /* nothing is counted */
     EXPECT_EQ(checkListReturning(cut.at(0), 1, 1, &untouched.param), DIF_ERR_SGL);
     EXPECT_EQ(checkDifInSglWithStdT10(cut.at(0), 1, 1, &untouched.param), DIF_ERR_SGL);
+    Chain odd(Lengths{{4680}}); /* no large block's multiple */
+    Check large(DIF_DATA_4160, DIF_CHECK_CRC);
+    host.take();
+    EXPECT_EQ(checkListReturning(odd.at(0), 0, 8, &large.param), DIF_ERR_SGL);
+    EXPECT_NE(host.take()[0].find("entryLen(4680),blockSize(4160)"), std::string::npos);
     EXPECT_EQ(untouched.result, Check::kUntouched); /* positioning fails before anything changes */
 }
 
-} // namespace
+} /* namespace */

@@ -13,6 +13,7 @@ TEST_F(Writing, Crc16AgreesWithTheReference) {
     EXPECT_EQ(~slowCrc32c(~0u, digits, 9), 0xE3069283);
     EXPECT_EQ(calcT10DifCrcByTable(0x1234, digits, 0), 0x1234);
     EXPECT_EQ(crc16T10Dif(0x1234, nullptr, 10), 0x1234);
+    EXPECT_EQ(crc16T10Dif(0x1234, digits, 0), 0x1234);
     Random random;
     Blocks noise(DIF_DATA_520, 10, random.engine());
     for (uint32_t round = 0; round < 500; ++round) {
@@ -95,4 +96,4 @@ TEST_F(Writing, TransformIsInsertionOverOneLargeSector) {
     }
 }
 
-} // namespace
+} /* namespace */

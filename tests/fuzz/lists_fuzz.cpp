@@ -73,7 +73,7 @@ void callOnce(Random &random) {
     require(before == after, "a call changes what is not its own");
 }
 
-} // namespace
+} /* namespace */
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
     FuzzedDataProvider data(bytes, size);

@@ -79,7 +79,7 @@ void liveAStretch(Random &random) {
         thread.join();
 }
 
-} // namespace
+} /* namespace */
 
 int main(int argc, char **argv) {
     CLI::App app("Runs libdif as a storage process does, and proves that everything adds up.", "dif_soak");

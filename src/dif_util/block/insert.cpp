@@ -50,6 +50,7 @@ DIF_INSERT_HELPER void insertBlock(uint8_t *block, const DifTypeInfo &info, cons
     const uint32_t areaSize = info.blockSize - info.dataSize;
     const bool isTupleFirst = info.difOffset == info.dataSize;
     if (areaSize == 64) {
+        // NOLINTNEXTLINE(clang-analyzer-core.NonNullParamChecker): a null block was asserted against
         std::memset(block + info.dataSize, 0, 64);
     }
     if (isTupleFirst && (areaSize == 8 || areaSize == 64)) {
@@ -57,6 +58,7 @@ DIF_INSERT_HELPER void insertBlock(uint8_t *block, const DifTypeInfo &info, cons
         return;
     }
     if (areaSize == 8) {
+        // NOLINTNEXTLINE(clang-analyzer-core.NonNullParamChecker): likewise
         std::memset(block + info.dataSize, 0, 8);
     }
     insertTuple(tupleOf(block, info), block, info.dataSize, param);

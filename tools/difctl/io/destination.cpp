@@ -86,7 +86,11 @@ void Destination::requireUsable(const std::string &path) {
     if (!replacing_.allowed(path)) {
         throw Error(name_ + ": exists already; " + replacing_.otherwise);
     }
-    target_ = std::filesystem::canonical(path).string();
+    std::error_code failed;
+    target_ = std::filesystem::canonical(path, failed).string();
+    if (failed) {
+        throw systemError(name_, "cannot be followed to the file it names", failed.value());
+    }
     if (isHeldByAnother(status, directoryOf(target_))) {
         throw Error(name_ + ": cannot be replaced: it belongs to another user, in a directory where only they may");
     }
@@ -111,7 +115,7 @@ void Destination::create() {
 std::string Destination::unusedName() const {
     struct stat status = {};
     for (int attempt = 0;; ++attempt) {
-        const std::string path =
+        std::string path =
             directoryOf(target_) + "/.difctl-" + std::to_string(::getpid()) + "-" + std::to_string(attempt) + ".tmp";
         if (::lstat(path.c_str(), &status) != 0) {
             return path;
