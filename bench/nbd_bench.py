@@ -3,6 +3,7 @@ take turns."""
 import json, os, pathlib, subprocess, sys, tempfile, time
 
 FILTER, DIFCTL = sys.argv[1:]
+# ONLY: a part of the names of what is to be measured.
 ROUNDS, SECONDS = int(os.environ.get("ROUNDS", "5")), os.environ.get("SECONDS", "1.5")
 SIZE = 256 << 20
 TICK = os.sysconf("SC_CLK_TCK")
@@ -66,6 +67,7 @@ def main():
         works = {f"{kind} {name}": fio(kind, size, depth) for name, size, depth in
                  (("4 KiB", "4k", 16), ("64 KiB", "64k", 8), ("1 MiB", "1m", 4)) for kind in ("randread", "randwrite")}
         works |= {"nbdcopy from": copyOut, "nbdcopy to": copyIn(source)}
+        works = {name: work for name, work in works.items() if os.environ.get("ONLY", "") in name}
         print(f"{'':18}{'processor time':>24}{'throughput':>24}\n{'':18}" + f"{'520':>12}{'4160':>12}" * 2)
         for name, work in works.items():
             best = {}

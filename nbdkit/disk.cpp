@@ -11,7 +11,7 @@ namespace nbd {
 namespace {
 
 /* What is read from the layer or written to it at once; a request is a few pieces. */
-constexpr size_t kPieceDataBytes = size_t{256} << 10;
+constexpr size_t kPieceDataBytes = size_t{128} << 10;
 constexpr size_t kPieceBytes = kPieceDataBytes / 512 * 520;
 static_assert(kPieceBytes == kPieceDataBytes / 4096 * 4160);
 /* So many blocks are copied and protected while they are in the fastest cache. */

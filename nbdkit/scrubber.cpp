@@ -15,8 +15,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/* Read at once: little enough to delay no client. */
-constexpr uint32_t kStepBytes = 256 << 10;
 /* How long it lets clients go first, so that it comes to an end however busy they are. */
 constexpr auto kPatience = 50ms;
 constexpr auto kLook = 2ms;
@@ -90,8 +88,7 @@ void Scrubber::run() {
 
 bool Scrubber::step(const Source &source) {
     const auto began = std::chrono::steady_clock::now();
-    const uint32_t most = kStepBytes / disk_.geometry().blockSize;
-    const auto count = static_cast<uint32_t>(std::min<uint64_t>(most, blocks_ - block_));
+    const auto count = static_cast<uint32_t>(std::min<uint64_t>(disk_.pieceBlocks(), blocks_ - block_));
     int error = 0;
     const bool done = disk_.scrub(source.layer, block_, count, error) == 0;
     uint64_t rate = 0;

@@ -306,16 +306,12 @@ class FilterTest(unittest.TestCase):
         self.assertEqual(difctl("relabel", path)[0], 2)
         (self.folder / "second").mkdir()
         for parameters, words in ({}, "is locked by another process"), ({"intent": self.folder / "intent"}, "is in use"):
-            second = Server(self.folder / "second", "file", path, wait=False, lba=5, **parameters)
-            with contextlib.suppress(Exception):
-                time.sleep(0.5)
-                second.connect()
-            self.assertRegex(second.end(signal.SIGKILL), words)
+            self.refused(words, "file", path, folder=self.folder / "second", lba=5, **parameters)
         client.pread(512, 0)
 
-    def refused(self, words, *plugin, **parameters):
+    def refused(self, words, *plugin, folder=None, **parameters):
         """By the server at its start, or by it to its first client."""
-        server = Server(self.folder, *plugin, wait=False, **parameters)
+        server = Server(folder or self.folder, *plugin, wait=False, **parameters)
         end = time.monotonic() + 30
         while server.process.poll() is None and not os.path.exists(server.path) and time.monotonic() < end:
             time.sleep(0.01)
