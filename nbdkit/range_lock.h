@@ -8,16 +8,17 @@
 
 namespace nbd {
 
-/* Ranges that are held do not overlap: who wants one that does waits. Holding takes no memory but the holder's. */
+/* Ranges that are held do not overlap: who wants one that does waits for those that came before. Holding takes no memory
+ * but the holder's. */
 class RangeLock {
 public:
     class Hold {
     public:
         Hold(RangeLock &lock, uint64_t first, uint64_t count) : lock_(lock), first_(first), end_(first + count) {
             std::unique_lock guard(lock_.mutex_);
-            lock_.released_.wait(guard, [this] { return isFree(); });
             next_ = lock_.holds_;
             lock_.holds_ = this;
+            lock_.released_.wait(guard, [this] { return isFree(); });
         }
         ~Hold() {
             {
@@ -35,7 +36,7 @@ public:
 
     private:
         bool isFree() const {
-            for (const Hold *hold = lock_.holds_; hold != nullptr; hold = hold->next_) {
+            for (const Hold *hold = next_; hold != nullptr; hold = hold->next_) {
                 if (hold->first_ < end_ && first_ < hold->end_) {
                     return false;
                 }
@@ -46,13 +47,13 @@ public:
         RangeLock &lock_;
         uint64_t first_;
         uint64_t end_;
-        Hold *next_ = nullptr;
+        Hold *next_ = nullptr; /* that came before */
     };
 
 private:
     std::mutex mutex_;
     std::condition_variable released_;
-    Hold *holds_ = nullptr;
+    Hold *holds_ = nullptr; /* held and waited for, the newest first */
 };
 
 } // namespace nbd
