@@ -223,7 +223,7 @@ int difConfigComplete(nbdkit_next_config_complete *next, nbdkit_backend *backend
         nbdkit_error("dif: one dif filter a server; run another server for another disk");
         return -1;
     }
-    return next(backend);
+    return refuseSharedFiles(filter().parameters) != 0 ? -1 : next(backend);
 }
 
 int difGetReady(int threadModel) {

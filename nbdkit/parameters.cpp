@@ -5,7 +5,10 @@
 #include <array>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <memory>
+#include <system_error>
+#include <utility>
 
 namespace nbd {
 
@@ -95,6 +98,28 @@ int takeParameter(Parameters &parameters, const char *key, const char *value) {
     }
     nbdkit_error("%s: the dif filter has no such parameter", key);
     return -1;
+}
+
+int refuseSharedFiles(const Parameters &parameters) {
+    const std::pair<const char *, std::string> files[] = {
+        {"file", parameters.image},
+        {"dif-intent", parameters.intent},
+        {"dif-socket", parameters.socket},
+        {"dif-log", parameters.log},
+        {"dif-metrics", parameters.metrics},
+        {"dif-metrics with .new", parameters.metrics.empty() ? "" : parameters.metrics + ".new"},
+    };
+    for (const auto &file : files) {
+        for (const auto &other : files) {
+            std::error_code none;
+            if (&file != &other && !file.second.empty() &&
+                (file.second == other.second || std::filesystem::equivalent(file.second, other.second, none))) {
+                nbdkit_error("%s and %s are the same file: %s", file.first, other.first, file.second.c_str());
+                return -1;
+            }
+        }
+    }
+    return 0;
 }
 
 } // namespace nbd

@@ -30,6 +30,9 @@ extern const char kParameterHelp[];
 /* Takes a parameter that begins with "dif-". Returns 0; or -1, after nbdkit_error. */
 int takeParameter(Parameters &parameters, const char *key, const char *value);
 
+/* Each file has one purpose, and none is the image. Returns 0; or -1, after nbdkit_error. */
+int refuseSharedFiles(const Parameters &parameters);
+
 /* Makes a path good for a server that leaves its directory. Returns 0; or -1, after nbdkit_error. */
 int takePath(std::string &path, const char *key, const char *value);
 

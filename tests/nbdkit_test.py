@@ -291,6 +291,7 @@ class FilterTest(unittest.TestCase):
             ({"lba": 6}, r"dif-lba=5 fits"),
             ({"lba": 5, "intent": other}, r"no write-intent file"),
             ({"lba": 5, "metrics": other}, r"no file of metrics"),
+            ({"lba": 5, "log": path}, r"file and dif-log are the same file"),
             ({"block": 520}, r"dif-block=520: expected 512 or 4096"),
             ({"colour": 1}, r"dif-colour: the dif filter has no such parameter"),
             ({"log": ""}, r"dif-log: has an empty value"),
