@@ -337,9 +337,14 @@ int difPwrite(nbdkit_next *next, void *handle, const void *buf, uint32_t count, 
 }
 
 int difZero(nbdkit_next *next, void *handle, uint32_t count, uint64_t offset, uint32_t flags, int *error) {
-    return withFua(next, handle, flags, error, [&](uint32_t each, int &failed) {
+    const int result = withFua(next, handle, flags, error, [&](uint32_t each, int &failed) {
         return filter().disk.zero(filter().layer(next), {offset, count}, each, failed);
     });
+    /* A read or a write below may say so; it is what only a fast zero may answer. */
+    if (result != 0 && (flags & NBDKIT_FLAG_FAST_ZERO) == 0 && (*error == ENOTSUP || *error == EOPNOTSUPP)) {
+        *error = EIO;
+    }
+    return result;
 }
 
 int difTrim(nbdkit_next *next, void *handle, uint32_t count, uint64_t offset, uint32_t flags, int *error) {

@@ -365,6 +365,10 @@ class FilterTest(unittest.TestCase):
         client.pwrite(data, 999)
         self.assertEqual(client.pread(len(data), 999), data)
         client.shutdown()
+        server.end()
+        server = self.serve("eval", "get_size=echo 520000", "pread=head -c $3 /dev/zero", "can_zero=exit 0", "zero=exit 0",
+                            "can_write=exit 0", "pwrite=echo ENOTSUP no >&2; exit 1")
+        self.fails(server.connect().zero, 5000, 100)  # nbdkit stops if an answer is ENOTSUP
 
 
 if __name__ == "__main__":
