@@ -415,6 +415,7 @@ int Disk::retag(const Layer &layer, BlockRun run, int &error) {
     while (run.count != 0) {
         const auto count = static_cast<uint32_t>(std::min<uint64_t>(run.count, pieceBlocks()));
         uint8_t *const blocks = pieceRoom(error);
+        const RangeLock::Hold hold(locks_, run.first, count);
         if (blocks == nullptr || layer.read(run.first, count, blocks, error) != 0) {
             return -1;
         }
@@ -430,6 +431,7 @@ int Disk::retag(const Layer &layer, BlockRun run, int &error) {
             if (layer.write(number, 1, block, 0, error) != 0) {
                 return -1;
             }
+            ledger_.blocksWritten(number, 1);
         }
         run = {run.first + count, run.count - count};
     }

@@ -69,18 +69,17 @@ int Intent::open(const std::string &path) {
 }
 
 int Intent::attach(uint32_t blockSize, uint64_t firstLba, uint64_t blocks, std::vector<BlockRun> &marked) {
+    IntentHeader fits = kNew;
+    fits.blockSize = blockSize;
+    fits.firstLba = firstLba;
+    fits.blocks = blocks;
+    fits.regionBlocks = kRegionBytes / (blockSize == 520 ? 512 : 4096);
+    while (fits.regionBlocks * kMaxRegions < blocks) {
+        fits.regionBlocks *= 2;
+    }
+    fits.scrubbedTo = header_.scrubbedTo;
     const bool isNew = header_.version == 0;
-    if (isNew) {
-        header_ = kNew;
-        header_.blockSize = blockSize;
-        header_.firstLba = firstLba;
-        header_.blocks = blocks;
-        header_.regionBlocks = kRegionBytes / (blockSize == 520 ? 512 : 4096);
-        while (header_.regionBlocks * kMaxRegions < blocks) {
-            header_.regionBlocks *= 2;
-        }
-    } else if (header_.blockSize != blockSize || header_.firstLba != firstLba || header_.blocks != blocks ||
-               header_.regionBlocks == 0) {
+    if (!isNew && std::memcmp(&header_, &fits, sizeof fits) != 0) {
         nbdkit_error(
             "dif-intent=%s: is that of a disk of %llu blocks of %u bytes from LBA %llu, not of %llu of %u from %llu; "
             "remove it if that disk was shut down cleanly or is gone",
@@ -89,10 +88,10 @@ int Intent::attach(uint32_t blockSize, uint64_t firstLba, uint64_t blocks, std::
             static_cast<unsigned long long>(firstLba));
         return -1;
     }
-    std::vector<char> marks((blocks + header_.regionBlocks - 1) / header_.regionBlocks);
+    std::vector<char> marks((blocks + fits.regionBlocks - 1) / fits.regionBlocks);
     const auto size = static_cast<ssize_t>(marks.size());
-    if (isNew && (!writeAt(file_, &header_, sizeof header_, 0) || ftruncate(file_, kMarks + size) != 0 ||
-                  fsync(file_) != 0 || syncDirectoryOf(path_) != 0)) {
+    if (isNew && (!writeAt(file_, &fits, sizeof fits, 0) || ftruncate(file_, kMarks + size) != 0 || fsync(file_) != 0 ||
+                  syncDirectoryOf(path_) != 0)) {
         nbdkit_error("dif-intent=%s: cannot be written: %m", path_.c_str());
         return -1;
     }
@@ -101,6 +100,7 @@ int Intent::attach(uint32_t blockSize, uint64_t firstLba, uint64_t blocks, std::
                      path_.c_str());
         return -1;
     }
+    header_ = fits;
     regions_.resize(marks.size());
     for (uint64_t region = 0; region < marks.size(); ++region) {
         if (marks[region] != 0) {
@@ -125,24 +125,27 @@ int Intent::mark(uint64_t region, bool marked) {
 
 int Intent::begin(BlockRun run) {
     const std::lock_guard lock(mutex_);
+    const uint64_t first = run.first / header_.regionBlocks;
     const uint64_t last = (run.first + run.count - 1) / header_.regionBlocks;
     bool isNew = false;
-    for (uint64_t region = run.first / header_.regionBlocks; region <= last; ++region) {
+    int error = 0;
+    for (uint64_t region = first; region <= last && error == 0; ++region) {
         if (!regions_[region].marked) {
-            if (const int error = mark(region, true); error != 0) {
-                return error;
-            }
+            error = mark(region, true);
             isNew = true;
         }
     }
-    if (isNew && fdatasync(file_) != 0) {
-        const int error = errno;
-        for (uint64_t region = run.first / header_.regionBlocks; region <= last; ++region) {
+    if (isNew && error == 0 && fdatasync(file_) != 0) {
+        error = errno;
+    }
+    if (error != 0) {
+        /* None of them may pass for durable. */
+        for (uint64_t region = first; region <= last; ++region) {
             regions_[region].marked = false;
         }
         return error;
     }
-    for (uint64_t region = run.first / header_.regionBlocks; region <= last; ++region) {
+    for (uint64_t region = first; region <= last; ++region) {
         ++regions_[region].writes;
     }
     return 0;

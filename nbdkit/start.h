@@ -28,6 +28,7 @@ private:
     Intent &intent_;
     std::mutex mutex_;
     bool looked_ = false;
+    uint64_t blocks_ = 0;          /* of the disk, when it was looked at */
     std::vector<BlockRun> marked_; /* regions to be mended */
 };
 

@@ -238,6 +238,9 @@ class FilterTest(unittest.TestCase):
         client = server.connect()
         client.pwrite(b"x" * 5120, 512 * (32768 - 4))  # into two regions
         self.assertEqual(intent.read_bytes()[MARKS:], b"\1\1\0\0")
+        os.truncate(path, 520 * (blocks + 1))
+        self.assertRaises(nbd.Error, server.connect)  # its marks are for the size that the image had
+        os.truncate(path, 520 * blocks)
         server.end(signal.SIGKILL)
         with path.open("r+b") as file:
             for block in 5, 32768 + 2, 2 * 32768 + 5:  # the last one is no crash's work
