@@ -339,10 +339,12 @@ int Disk::extents(const Layer &layer, Extent extent, uint32_t flags, struct nbdk
     const uint64_t first = extent.offset / info.dataSize;
     const uint64_t wanted = (extent.offset + extent.count - 1) / info.dataSize - first + 1;
     const uint64_t blocks = std::min<uint64_t>(wanted, UINT32_MAX / info.blockSize);
+    auto turn = layer.takeTurn();
     const std::unique_ptr<nbdkit_extents, decltype(&nbdkit_extents_free)> below(
         nbdkit_extents_full(layer.next(), static_cast<uint32_t>(blocks * info.blockSize), first * info.blockSize, 0,
                             &error),
         &nbdkit_extents_free);
+    turn = {};
     if (below == nullptr) {
         return -1;
     }

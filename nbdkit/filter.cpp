@@ -51,6 +51,7 @@ public:
 
 private:
     std::optional<Scrubber::Source> openForScrub();
+    void closeOwn();
     void keepHouse();
 
     std::mutex turn_;
@@ -82,7 +83,9 @@ Connection &connectionOf(void *handle) {
 }
 
 /* Asks everything that nbdkit wants asked before requests. Returns the size of the image; or -1. */
-int64_t askAll(nbdkit_next *next) {
+int64_t askAll(const Layer &layer) {
+    nbdkit_next *const next = layer.next();
+    const auto turn = layer.takeTurn();
     const int64_t size = next->get_size(next);
     for (const auto ask :
          {next->can_write, next->can_flush, next->can_trim, next->can_zero, next->can_fast_zero, next->can_extents,
@@ -166,11 +169,7 @@ void Filter::keepHouse() {
 void Filter::cleanUp() {
     difHostCloseControlSocket();
     scrubber.end();
-    if (own_ != nullptr) {
-        own_->finalize(own_);
-        nbdkit_next_context_close(own_);
-        own_ = nullptr;
-    }
+    closeOwn();
     {
         const std::lock_guard guard(mutex_);
         ended_ = true;
@@ -187,15 +186,28 @@ void Filter::cleanUp() {
     difHostFlushLog();
 }
 
-/* On the scrubber's thread. */
+void Filter::closeOwn() {
+    if (own_ != nullptr) {
+        const auto turn = layer(nullptr).takeTurn();
+        own_->finalize(own_);
+        nbdkit_next_context_close(own_);
+        own_ = nullptr;
+    }
+}
+
+/* On the scrubber's thread, again and again until it can be opened. */
 std::optional<Scrubber::Source> Filter::openForScrub() {
-    own_ = background && backend_ != nullptr ? nbdkit_next_context_open(backend_, 1, "", 1) : nullptr;
-    if (own_ == nullptr || own_->prepare(own_) != 0) {
+    if (!background || backend_ == nullptr || lock.take(parameters.image, false) != 0) {
         return std::nullopt;
     }
-    const int64_t size = askAll(own_);
+    auto turn = layer(nullptr).takeTurn();
+    own_ = nbdkit_next_context_open(backend_, 1, "", 1);
+    const bool isPrepared = own_ != nullptr && own_->prepare(own_) == 0;
+    turn = {};
     const Layer own = layer(own_);
+    const int64_t size = isPrepared ? askAll(own) : -1;
     if (size < 0 || start.connection(own, static_cast<uint64_t>(size), false) != 0) {
+        closeOwn();
         return std::nullopt;
     }
     return Scrubber::Source{own, static_cast<uint64_t>(size) / parameters.format.geometry.blockSize};
@@ -243,7 +255,10 @@ void difCleanup(nbdkit_backend * /*backend*/) {
 /* The disk is that of the export that the plugin takes for its default, whatever the client calls it. */
 void *difOpen(nbdkit_next_open *next, nbdkit_context *context, int readOnly, const char * /*exportName*/,
               int /*isTls*/) {
-    if (filter().lock.take(filter().parameters.image, readOnly == 0) != 0 || next(context, readOnly, "") != 0) {
+    if (filter().lock.take(filter().parameters.image, readOnly == 0) != 0) {
+        return nullptr;
+    }
+    if (const auto turn = filter().layer(nullptr).takeTurn(); next(context, readOnly, "") != 0) {
         return nullptr;
     }
     auto *const connection = new (std::nothrow) Connection{.mayWrite = readOnly == 0};
@@ -258,7 +273,7 @@ void difClose(void *handle) {
 }
 
 int difPrepare(nbdkit_next *next, void *handle, int /*readOnly*/) {
-    const int64_t size = askAll(next);
+    const int64_t size = askAll(filter().layer(next));
     if (size < 0) {
         return -1;
     }
@@ -367,6 +382,7 @@ int difCache(nbdkit_next *next, void * /*handle*/, uint32_t count, uint64_t offs
     const uint64_t first = offset / geometry.dataSize;
     const uint64_t blocks = (offset + count + geometry.dataSize - 1) / geometry.dataSize - first;
     const uint64_t bytes = std::min<uint64_t>(blocks * geometry.blockSize, UINT32_MAX);
+    const auto turn = filter().layer(next).takeTurn();
     return next->cache(next, static_cast<uint32_t>(bytes), first * geometry.blockSize, flags, error);
 }
 

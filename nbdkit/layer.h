@@ -11,7 +11,7 @@ namespace nbd {
 
 /*
  * A connection to it. Calls return 0, or -1 and an errno value in `error`. Plugins that take one request at a time get
- * them so from the filter's own threads too.
+ * them so from the filter's own threads too; only the end of a client's connection is nbdkit's own and may fall beside.
  */
 class Layer {
 public:
@@ -38,13 +38,13 @@ public:
         return next_->flush(next_, 0, &error);
     }
 
+    /* For other calls, which are to be made while the turn is held. */
     nbdkit_next *next() const { return next_; }
-
-private:
     std::unique_lock<std::mutex> takeTurn() const {
         return oneAtATime_ == nullptr ? std::unique_lock<std::mutex>() : std::unique_lock(*oneAtATime_);
     }
 
+private:
     nbdkit_next *next_;
     uint32_t blockSize_;
     std::mutex *oneAtATime_;

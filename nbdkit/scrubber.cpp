@@ -47,32 +47,27 @@ void Scrubber::end() {
     }
 }
 
-/* Whether it is to go on. */
-bool Scrubber::waitFor(std::chrono::steady_clock::duration time) {
-    std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, time, [this] { return ending_; });
-    return !ending_;
-}
-
 void Scrubber::run() {
-    const auto source = open_();
-    {
-        const std::lock_guard lock(mutex_);
-        if (source) {
-            blocks_ = source->blocks;
-            block_ = intent_.isOpen() && intent_.scrubbedTo() < blocks_ ? intent_.scrubbedTo() : 0;
-        } else {
-            trouble_ = "the image cannot be opened";
-            rate_ = 0;
-        }
-    }
+    std::optional<Source> source;
     for (uint64_t steps = 1;; ++steps) {
         {
             std::unique_lock lock(mutex_);
-            changed_.wait(lock, [this] { return ending_ || (rate_ != 0 && blocks_ != 0); });
+            changed_.wait(lock, [this] { return ending_ || rate_ != 0; });
             if (ending_) {
                 return;
             }
+        }
+        if (!source) {
+            source = open_();
+            const std::lock_guard lock(mutex_);
+            if (!source || source->blocks == 0) {
+                trouble_ = source ? "the disk has no blocks" : "the image cannot be opened";
+                source.reset();
+                rate_ = 0;
+                continue;
+            }
+            blocks_ = source->blocks;
+            block_ = intent_.isOpen() && intent_.scrubbedTo() < blocks_ ? intent_.scrubbedTo() : 0;
         }
         for (auto waited = 0ms; disk_.busy() != 0 && waited < kPatience; waited += kLook) {
             std::this_thread::sleep_for(kLook);
@@ -115,7 +110,8 @@ bool Scrubber::step(const Source &source) {
         const std::chrono::duration<double> share(bytes / static_cast<double>(rate));
         const auto left =
             std::chrono::duration_cast<std::chrono::nanoseconds>(share) - (std::chrono::steady_clock::now() - began);
-        return left <= 0ns || waitFor(left);
+        std::unique_lock lock(mutex_);
+        changed_.wait_for(lock, left, [&] { return ending_ || rate_ != rate; });
     }
     return true;
 }

@@ -46,7 +46,6 @@ public:
 
 private:
     void run();
-    bool waitFor(std::chrono::steady_clock::duration time);
     bool step(const Source &source);
 
     Disk &disk_;

@@ -17,13 +17,14 @@ namespace {
 /* The image under the layer, as it is looked at. Errors are nbdkit's own words; the exception only ends the look. */
 class LayerReader : public image::Reader {
 public:
-    LayerReader(nbdkit_next *next, uint64_t size) : next_(next), size_(size) {}
+    LayerReader(const Layer &layer, uint64_t size) : layer_(layer), next_(layer.next()), size_(size) {}
 
     uint64_t length() override { return size_; }
 
     uint64_t read(uint64_t offset, uint8_t *bytes, uint64_t size) override {
         const uint64_t there = offset < size_ ? std::min(size, size_ - offset) : 0;
         int error = 0;
+        const auto turn = layer_.takeTurn();
         if (there != 0 && next_->pread(next_, bytes, static_cast<uint32_t>(there), offset, 0, &error) != 0) {
             throw std::runtime_error(fmt::format("cannot read at offset {}: {}", offset, std::strerror(error)));
         }
@@ -31,6 +32,7 @@ public:
     }
 
     uint64_t nextData(uint64_t offset) override {
+        const auto turn = layer_.takeTurn();
         /* What does not tell its holes is not read from end to end. */
         if (next_->can_extents(next_) != 1) {
             return size_;
@@ -57,6 +59,7 @@ public:
 private:
     static constexpr uint64_t kAsked = uint64_t{1} << 30;
 
+    const Layer &layer_;
     nbdkit_next *next_;
     uint64_t size_;
 };
@@ -68,16 +71,18 @@ bool Start::looksRight(const Layer &layer, uint64_t imageSize) const {
     uint32_t preferred = 0;
     uint32_t maximum = 0;
     const uint32_t blockSize = disk_.geometry().blockSize;
+    auto turn = layer.takeTurn();
     if (layer.next()->block_size(layer.next(), &minimum, &preferred, &maximum) != 0) {
         return false;
     }
+    turn = {};
     if (minimum > 1 && blockSize % minimum != 0) {
         nbdkit_error("dif: what is below takes requests of whole %u bytes only, blocks have %u; put --filter=blocksize "
                      "behind --filter=dif",
                      minimum, blockSize);
         return false;
     }
-    LayerReader reader(layer.next(), imageSize);
+    LayerReader reader(layer, imageSize);
     const image::ImageFormat format = image::lookAtFormat(reader);
     const image::FormatEvidence *const best = format.best();
     if (best == nullptr) {
