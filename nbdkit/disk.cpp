@@ -338,7 +338,15 @@ int Disk::extents(const Layer &layer, Extent extent, uint32_t flags, struct nbdk
     /* So many blocks that their bytes are a count of nbdkit's. What is not told is asked for again. */
     const uint64_t first = extent.offset / info.dataSize;
     const uint64_t wanted = (extent.offset + extent.count - 1) / info.dataSize - first + 1;
-    const uint64_t blocks = std::min<uint64_t>(wanted, UINT32_MAX / info.blockSize);
+    uint64_t blocks = std::min<uint64_t>(wanted, UINT32_MAX / info.blockSize);
+    if ((flags & NBDKIT_FLAG_REQ_ONE) != 0) {
+        nbdkit_extent one = {};
+        if (layer.firstExtent(static_cast<uint32_t>(blocks * info.blockSize), first * info.blockSize, one, error) !=
+            0) {
+            return -1;
+        }
+        blocks = std::clamp<uint64_t>(one.length / info.blockSize, 1, blocks);
+    }
     auto turn = layer.takeTurn();
     const std::unique_ptr<nbdkit_extents, decltype(&nbdkit_extents_free)> below(
         nbdkit_extents_full(layer.next(), static_cast<uint32_t>(blocks * info.blockSize), first * info.blockSize, 0,
@@ -350,6 +358,8 @@ int Disk::extents(const Layer &layer, Extent extent, uint32_t flags, struct nbdk
     }
     /* A block reads as zeros if all of its bytes do, and is a hole if all of it lies in holes. */
     const size_t num = nbdkit_extents_count(below.get());
+    const nbdkit_extent last = nbdkit_get_extent(below.get(), num - 1); /* nbdkit leaves out those behind a million */
+    blocks = std::min(blocks, (last.offset + last.length) / info.blockSize - first);
     size_t index = 0;
     uint64_t runFirst = first;
     uint32_t runType = 0;

@@ -5,6 +5,7 @@
 #include "nbdkit_api.h"
 
 #include <cstdint>
+#include <memory>
 #include <mutex>
 
 namespace nbd {
@@ -36,6 +37,22 @@ public:
     int flush(int &error) const {
         const auto turn = takeTurn();
         return next_->flush(next_, 0, &error);
+    }
+
+    /* The first extent of the `bytes` at `offset`; others are not looked for. */
+    int firstExtent(uint32_t bytes, uint64_t offset, nbdkit_extent &extent, int &error) const {
+        const std::unique_ptr<nbdkit_extents, decltype(&nbdkit_extents_free)> extents(
+            nbdkit_extents_new(offset, offset + bytes), &nbdkit_extents_free);
+        if (extents == nullptr) {
+            error = ENOMEM;
+            return -1;
+        }
+        const auto turn = takeTurn();
+        if (next_->extents(next_, bytes, offset, NBDKIT_FLAG_REQ_ONE, extents.get(), &error) != 0) {
+            return -1;
+        }
+        extent = nbdkit_get_extent(extents.get(), 0);
+        return 0;
     }
 
     /* For other calls, which are to be made while the turn is held. */

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <memory>
 #include <stdexcept>
 
 #include <fmt/format.h>
@@ -32,26 +31,21 @@ public:
     }
 
     uint64_t nextData(uint64_t offset) override {
-        const auto turn = layer_.takeTurn();
         /* What does not tell its holes is not read from end to end. */
         if (next_->can_extents(next_) != 1) {
             return size_;
         }
         while (offset < size_) {
             int error = 0;
-            const std::unique_ptr<nbdkit_extents, decltype(&nbdkit_extents_free)> extents(
-                nbdkit_extents_full(next_, static_cast<uint32_t>(std::min(size_ - offset, kAsked)), offset, 0, &error),
-                &nbdkit_extents_free);
-            if (extents == nullptr) {
+            nbdkit_extent extent = {};
+            if (layer_.firstExtent(static_cast<uint32_t>(std::min(size_ - offset, kAsked)), offset, extent, error) !=
+                0) {
                 return size_;
             }
-            for (size_t i = 0; i < nbdkit_extents_count(extents.get()); ++i) {
-                const nbdkit_extent extent = nbdkit_get_extent(extents.get(), i);
-                if ((extent.type & NBDKIT_EXTENT_ZERO) == 0) {
-                    return std::max(extent.offset, offset);
-                }
+            if ((extent.type & NBDKIT_EXTENT_ZERO) == 0) {
+                return offset;
             }
-            offset += std::min(size_ - offset, kAsked);
+            offset = extent.offset + extent.length;
         }
         return size_;
     }
