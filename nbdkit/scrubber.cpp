@@ -19,6 +19,8 @@ using namespace std::chrono_literals;
 constexpr auto kPatience = 50ms;
 constexpr auto kLook = 2ms;
 constexpr uint64_t kStepsToRemember = 64;
+/* So many steps in a row that cannot be read are a store that is gone. */
+constexpr uint32_t kMostUnreadable = 16;
 
 } // namespace
 
@@ -86,19 +88,26 @@ bool Scrubber::step(const Source &source) {
     const auto count = static_cast<uint32_t>(std::min<uint64_t>(disk_.pieceBlocks(), blocks_ - block_));
     int error = 0;
     const bool done = disk_.scrub(source.layer, block_, count, error) == 0;
+    unreadable_ = done ? 0 : unreadable_ + 1;
+    if (!done) {
+        NBD_LOG(DIF_HOST_LOG_ERROR, fmt::format("scrubbing: blocks {} to {} cannot be read: {}", block_,
+                                                block_ + count - 1, std::strerror(error)));
+    }
+    const bool isGone = unreadable_ == kMostUnreadable;
     uint64_t rate = 0;
     {
         const std::lock_guard lock(mutex_);
-        if (!done) {
-            trouble_ = fmt::format("block {} and those behind it cannot be read: {}", block_, std::strerror(error));
+        if (isGone) {
+            trouble_ = fmt::format("block {} and those before it cannot be read: {}", block_, std::strerror(error));
             rate_ = 0;
+            unreadable_ = 0;
         } else if (block_ += count; block_ == blocks_) {
             block_ = 0;
             ++passes_;
         }
         rate = rate_;
     }
-    if (!done) {
+    if (isGone) {
         NBD_LOG(DIF_HOST_LOG_ERROR, "scrubbing has stopped: " + trouble_);
         return false;
     }

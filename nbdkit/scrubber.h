@@ -57,9 +57,10 @@ private:
     bool ending_ = false;
     uint64_t rate_ = 0;
     uint64_t block_ = 0;
-    uint64_t blocks_ = 0; /* 0: not known yet */
-    uint64_t passes_ = 0; /* complete */
-    std::string trouble_; /* why it has stopped by itself */
+    uint64_t blocks_ = 0;     /* 0: not known yet */
+    uint64_t passes_ = 0;     /* complete */
+    uint32_t unreadable_ = 0; /* steps in a row */
+    std::string trouble_;     /* why it has stopped by itself */
 };
 
 } // namespace nbd
