@@ -244,6 +244,14 @@ class FaultsTest(ToolTest):
             self.ends("strip", "--force", "img", "new", status=0)
             self.assertEqual(os.stat("new").st_mode & 0o777, result, (source, replaced))
             os.remove("new")
+        os.chmod("img", 0o600)
+        entries = (1, 6, -1), (2, 4, 7), (4, 0, -1), (16, 4, -1), (32, 0, -1)  # user 7 may read it; its group may not
+        with contextlib.suppress(OSError):  # no such lists here
+            os.setxattr("img", "system.posix_acl_access",
+                        struct.pack("<I", 2) + b"".join(struct.pack("<HHi", *entry) for entry in entries))
+        self.ends("strip", "img", "new", status=0)
+        self.assertEqual(os.stat("new").st_mode & 0o777, 0o600)
+        os.remove("new"), os.remove("img"), self.write("img", self.image)
         for named in "0", "1":
             env = {**os.environ, **PRELOAD, "FAULT_NAMED": named}
             with subprocess.Popen([DIFCTL, "protect", "-", "new"], env=env, stdin=subprocess.PIPE) as tool:
