@@ -340,8 +340,7 @@ int Disk::extents(const Layer &layer, Extent extent, uint32_t flags, struct nbdk
     const uint64_t wanted = (extent.offset + extent.count - 1) / info.dataSize - first + 1;
     const uint64_t blocks = std::min<uint64_t>(wanted, UINT32_MAX / info.blockSize);
     const std::unique_ptr<nbdkit_extents, decltype(&nbdkit_extents_free)> below(
-        nbdkit_extents_full(layer.next(), static_cast<uint32_t>(blocks * info.blockSize), first * info.blockSize, 0,
-                            &error),
+        layer.extents(first * info.blockSize, static_cast<uint32_t>(blocks * info.blockSize), error),
         &nbdkit_extents_free);
     if (below == nullptr) {
         return -1;
@@ -399,6 +398,7 @@ int Disk::scrub(const Layer &layer, uint64_t first, uint32_t count, int &error) 
         uint8_t *const block = blocks + size_t{index} * geometry().blockSize;
         const BlockState state = stateOf(block, geometry(), parameters_.firstLba + first + index);
         if (state == BlockState::kGood || (state == BlockState::kUnwritten && parameters_.zerosAreUnwritten)) {
+            ledger_.blockPassed(first + index);
             continue;
         }
         const RangeLock::Hold hold(locks_, first + index, 1);

@@ -38,6 +38,17 @@ public:
         return next_->flush(next_, 0, &error);
     }
 
+    /* Of bytes of the image; null and an errno value in `error` if it fails. To be freed with nbdkit_extents_free. */
+    nbdkit_extents *extents(uint64_t offset, uint32_t count, int &error) const {
+        const auto turn = takeTurn();
+        return nbdkit_extents_full(next_, count, offset, 0, &error);
+    }
+
+    int cache(uint64_t first, uint32_t count, uint32_t flags, int &error) const {
+        const auto turn = takeTurn();
+        return next_->cache(next_, count * blockSize_, first * blockSize_, flags, &error);
+    }
+
     nbdkit_next *next() const { return next_; }
 
 private:

@@ -148,6 +148,12 @@ int Start::connection(const Layer &layer, uint64_t imageSize, bool mayWrite) {
             NBD_LOG(DIF_HOST_LOG_NOTICE, fmt::format("the last {} bytes of the image are no whole block", rest));
         }
         looked_ = true;
+        imageSize_ = imageSize;
+    }
+    if (imageSize != imageSize_) {
+        nbdkit_error("dif: the image has changed its size from %llu to %llu bytes; start the server anew",
+                     static_cast<unsigned long long>(imageSize_), static_cast<unsigned long long>(imageSize));
+        return -1;
     }
     return marked_.empty() || !mayWrite ? 0 : mend(layer);
 }

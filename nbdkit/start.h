@@ -28,6 +28,7 @@ private:
     Intent &intent_;
     std::mutex mutex_;
     bool looked_ = false;
+    uint64_t imageSize_ = 0;       /* of the first connection */
     std::vector<BlockRun> marked_; /* regions to be mended */
 };
 

@@ -176,7 +176,7 @@ class FilterTest(unittest.TestCase):
                 client.pwrite(model[bad - 5 : bad + 517], bad - 5)
         self.assertEqual(client.pread(len(model), 0), model)
         told = difctl("attach", self.folder / "socket", "nbd")[1]
-        for text, count in ("without a field", 6), ("a wrong LBA", 2), ("a wrong guard", 2), ("written again", 10):
+        for text, count in ("without a field", 6), ("a wrong LBA", 2), ("a wrong guard", 2), ("right again", 10):
             self.assertRegex(told, f"blocks? .*{text} +{count}\n")
         self.assertIn('dif_nbd_blocks_failed_total{kind="guard"} 2', difctl("attach", self.folder / "socket", "metrics")[1])
         client.shutdown()
@@ -311,6 +311,10 @@ class FilterTest(unittest.TestCase):
         for parameters, words in ({}, "is locked by another process"), ({"intent": self.folder / "intent"}, "is in use"):
             self.refused(words, "file", path, folder=self.folder / "second", lba=5, **parameters)
         client.pread(512, 0)
+        os.truncate(path, 520 * 100)
+        self.assertRaises(nbd.Error, server.connect)
+        client.shutdown()
+        self.assertIn("has changed its size from 33280 to 52000 bytes", server.end())
 
     def refused(self, words, *plugin, folder=None, **parameters):
         """By the server at its start, or by it to its first client."""
