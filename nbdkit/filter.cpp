@@ -51,6 +51,7 @@ public:
 
 private:
     std::optional<Scrubber::Source> openForScrub();
+    void closeOwn();
     void keepHouse();
 
     std::mutex turn_;
@@ -166,11 +167,7 @@ void Filter::keepHouse() {
 void Filter::cleanUp() {
     difHostCloseControlSocket();
     scrubber.end();
-    if (own_ != nullptr) {
-        own_->finalize(own_);
-        nbdkit_next_context_close(own_);
-        own_ = nullptr;
-    }
+    closeOwn();
     {
         const std::lock_guard guard(mutex_);
         ended_ = true;
@@ -187,8 +184,17 @@ void Filter::cleanUp() {
     difHostFlushLog();
 }
 
+void Filter::closeOwn() {
+    if (own_ != nullptr) {
+        own_->finalize(own_);
+        nbdkit_next_context_close(own_);
+        own_ = nullptr;
+    }
+}
+
 /* On the scrubber's thread. */
 std::optional<Scrubber::Source> Filter::openForScrub() {
+    closeOwn();
     own_ = background && backend_ != nullptr ? nbdkit_next_context_open(backend_, 1, "", 1) : nullptr;
     if (own_ == nullptr || own_->prepare(own_) != 0) {
         return std::nullopt;

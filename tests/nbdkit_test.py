@@ -355,6 +355,27 @@ class FilterTest(unittest.TestCase):
         self.assertRegex(log, rf"set switch off: by user {os.getuid()}, process \d+\.")
         self.assertRegex(log, rf"scrub start: by user {os.getuid()}, process \d+")
 
+    def test_scrub_starts_again_when_what_is_below_is_back(self):
+        path, _ = self.image(64)
+        socket, below = self.folder / "socket", self.folder / "below"
+        below.mkdir()
+
+        def scrub(until):
+            self.assertEqual(difctl("attach", socket, "scrub", "start", "1M"), (0, ""))
+            end = time.monotonic() + 30
+            while not re.search(until, text := difctl("attach", socket, "scrub", "status")[1]):
+                self.assertLess(time.monotonic(), end, text)
+
+        store = Server(below, "file", path, filters=())
+        self.addCleanup(lambda: store.end(signal.SIGKILL))
+        self.serve("nbd", f"socket={store.path}", socket=socket)
+        scrub("[1-9][0-9]* passes")
+        store.end(signal.SIGKILL)  # with SIGTERM it would wait for its client
+        scrub("stopped, ")
+        store = Server(below, "file", path, filters=())
+        passes = re.search(r"\d+ passes", difctl("attach", socket, "scrub", "status")[1])[0]
+        scrub(rf"^scrubbing(?!.* {passes})")
+
     def test_clients_and_other_plugins(self):
         path, model = self.image(8192)
         server = self.serve("file", path)
