@@ -347,12 +347,9 @@ int Disk::extents(const Layer &layer, Extent extent, uint32_t flags, struct nbdk
         }
         blocks = std::clamp<uint64_t>(one.length / info.blockSize, 1, blocks);
     }
-    auto turn = layer.takeTurn();
     const std::unique_ptr<nbdkit_extents, decltype(&nbdkit_extents_free)> below(
-        nbdkit_extents_full(layer.next(), static_cast<uint32_t>(blocks * info.blockSize), first * info.blockSize, 0,
-                            &error),
+        layer.extents(first * info.blockSize, static_cast<uint32_t>(blocks * info.blockSize), error),
         &nbdkit_extents_free);
-    turn = {};
     if (below == nullptr) {
         return -1;
     }
@@ -411,6 +408,7 @@ int Disk::scrub(const Layer &layer, uint64_t first, uint32_t count, int &error) 
         uint8_t *const block = blocks + size_t{index} * geometry().blockSize;
         const BlockState state = stateOf(block, geometry(), parameters_.firstLba + first + index);
         if (state == BlockState::kGood || (state == BlockState::kUnwritten && parameters_.zerosAreUnwritten)) {
+            ledger_.blockPassed(first + index);
             continue;
         }
         const RangeLock::Hold hold(locks_, first + index, 1);

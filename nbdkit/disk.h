@@ -19,7 +19,9 @@ struct Extent {
 };
 
 /*
- * One a process, used by all connections at once. Calls return 0, or -1 and an errno value in `error`. Readers take no
+ * One a process, used by all connections at once. A byte of data is copied once on its way, between the client's buffer,
+ * in which it lies without fields, and the thread's room for blocks, which is as warm as a cache can be; no request takes
+ * memory. Calls return 0, or -1 and an errno value in `error`. Readers take no
  * lock; a block that fails beside a write is read once more under the lock of the writers.
  */
 class Disk {

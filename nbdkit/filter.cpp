@@ -195,8 +195,9 @@ void Filter::closeOwn() {
     }
 }
 
-/* On the scrubber's thread, again and again until it can be opened. */
+/* On the scrubber's thread. */
 std::optional<Scrubber::Source> Filter::openForScrub() {
+    closeOwn();
     if (!background || backend_ == nullptr || lock.take(parameters.image, false) != 0) {
         return std::nullopt;
     }
@@ -381,9 +382,8 @@ int difCache(nbdkit_next *next, void * /*handle*/, uint32_t count, uint64_t offs
     const DifTypeInfo &geometry = filter().disk.geometry();
     const uint64_t first = offset / geometry.dataSize;
     const uint64_t blocks = (offset + count + geometry.dataSize - 1) / geometry.dataSize - first;
-    const uint64_t bytes = std::min<uint64_t>(blocks * geometry.blockSize, UINT32_MAX);
-    const auto turn = filter().layer(next).takeTurn();
-    return next->cache(next, static_cast<uint32_t>(bytes), first * geometry.blockSize, flags, error);
+    const uint64_t most = UINT32_MAX / geometry.blockSize; /* it is no more than advice */
+    return filter().layer(next).cache(first, static_cast<uint32_t>(std::min(blocks, most)), flags, *error);
 }
 
 constinit nbdkit_filter theFilter = [] {

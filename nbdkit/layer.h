@@ -54,6 +54,16 @@ public:
         extent = nbdkit_get_extent(extents.get(), 0);
         return 0;
     }
+    /* Of bytes of the image; null and an errno value in `error` if it fails. To be freed with nbdkit_extents_free. */
+    nbdkit_extents *extents(uint64_t offset, uint32_t count, int &error) const {
+        const auto turn = takeTurn();
+        return nbdkit_extents_full(next_, count, offset, 0, &error);
+    }
+
+    int cache(uint64_t first, uint32_t count, uint32_t flags, int &error) const {
+        const auto turn = takeTurn();
+        return next_->cache(next_, count * blockSize_, first * blockSize_, flags, &error);
+    }
 
     /* For other calls, which are to be made while the turn is held. */
     nbdkit_next *next() const { return next_; }

@@ -29,7 +29,7 @@ constexpr std::array<CountText, static_cast<size_t>(Count::kEnd)> kCountTexts{{
     {"dif_nbd_blocks_failed_total", "{kind=\"field\"}", "blocks without a field"},
     {"dif_nbd_blocks_failed_total", "{kind=\"lba\"}", "blocks with a wrong LBA"},
     {"dif_nbd_blocks_failed_total", "{kind=\"guard\"}", "blocks with a wrong guard"},
-    {"dif_nbd_blocks_healed_total", "", "failed blocks written again"},
+    {"dif_nbd_blocks_healed_total", "", "failed blocks that are right again"},
     {"dif_nbd_blocks_scrubbed_total", "", "blocks scrubbed"},
     {"dif_nbd_blocks_retagged_total", "", "blocks with new fields after a crash"},
 }};
@@ -99,12 +99,20 @@ void Ledger::blockFailed(uint64_t block, const uint8_t *bytes, BlockState state)
 }
 
 void Ledger::blocksWritten(uint64_t first, uint64_t count) {
+    forget(first, count, " is written again");
+}
+
+void Ledger::blockPassed(uint64_t block) {
+    forget(block, 1, " is right again, though it was not written here");
+}
+
+void Ledger::forget(uint64_t first, uint64_t count, const char *why) {
     if (badNum_.load(std::memory_order_relaxed) == 0) {
         return;
     }
     const std::lock_guard lock(mutex_);
     for (auto block = bad_.lower_bound(first); block != bad_.end() && block->first < first + count;) {
-        NBD_LOG(DIF_HOST_LOG_NOTICE, placeOf(block->first) + " is written again");
+        NBD_LOG(DIF_HOST_LOG_NOTICE, placeOf(block->first) + why);
         add(Count::kHealed, 1);
         block = bad_.erase(block);
     }

@@ -45,6 +45,9 @@ public:
     /* Blocks were written: those that were bad no longer are. */
     void blocksWritten(uint64_t first, uint64_t count);
 
+    /* A block was scrubbed: if it was bad, something below has repaired it. */
+    void blockPassed(uint64_t block);
+
     /* "block 5 (LBA 105, offset 2560 in the disk, 2600 in the image)" */
     std::string placeOf(uint64_t block) const;
 
@@ -53,6 +56,7 @@ public:
     std::string metrics() const;
 
 private:
+    void forget(uint64_t first, uint64_t count, const char *why);
     std::string faultOf(uint64_t block, const uint8_t *bytes, BlockState state) const;
 
     const Parameters &parameters_;

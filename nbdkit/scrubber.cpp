@@ -49,27 +49,38 @@ void Scrubber::end() {
     }
 }
 
+/* Anew at every start: what is below may have gone and come back since the last. */
+std::optional<Scrubber::Source> Scrubber::openSource() {
+    auto source = open_();
+    const std::lock_guard lock(mutex_);
+    if (!source || source->blocks == 0) {
+        trouble_ = source ? "the image has no whole block" : "the image cannot be opened";
+        rate_ = 0;
+        return std::nullopt;
+    }
+    if (blocks_ == 0 && intent_.isOpen()) {
+        block_ = intent_.scrubbedTo();
+    }
+    blocks_ = source->blocks;
+    block_ = block_ < blocks_ ? block_ : 0;
+    return source;
+}
+
 void Scrubber::run() {
     std::optional<Source> source;
     for (uint64_t steps = 1;; ++steps) {
         {
             std::unique_lock lock(mutex_);
+            if (rate_ == 0) {
+                source.reset();
+            }
             changed_.wait(lock, [this] { return ending_ || rate_ != 0; });
             if (ending_) {
                 return;
             }
         }
-        if (!source) {
-            source = open_();
-            const std::lock_guard lock(mutex_);
-            if (!source || source->blocks == 0) {
-                trouble_ = source ? "the disk has no blocks" : "the image cannot be opened";
-                source.reset();
-                rate_ = 0;
-                continue;
-            }
-            blocks_ = source->blocks;
-            block_ = intent_.isOpen() && intent_.scrubbedTo() < blocks_ ? intent_.scrubbedTo() : 0;
+        if (!source && !(source = openSource())) {
+            continue;
         }
         for (auto waited = 0ms; disk_.busy() != 0 && waited < kPatience; waited += kLook) {
             std::this_thread::sleep_for(kLook);

@@ -20,7 +20,7 @@ namespace nbd {
  */
 class Scrubber {
 public:
-    /* What it reads through, opened on its thread when it is first needed: the layer and the disk's blocks, or none. */
+    /* What it reads through, opened on its thread at every start: the layer and the disk's blocks, or none. */
     struct Source {
         Layer layer;
         uint64_t blocks;
@@ -45,6 +45,7 @@ public:
     std::string metrics();
 
 private:
+    std::optional<Source> openSource();
     void run();
     bool step(const Source &source);
 

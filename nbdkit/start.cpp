@@ -129,8 +129,6 @@ int Start::mend(const Layer &layer) {
 
 int Start::connection(const Layer &layer, uint64_t imageSize, bool mayWrite) {
     const std::lock_guard lock(mutex_);
-    const DifTypeInfo &geometry = disk_.geometry();
-    const uint64_t blocks = imageSize / geometry.blockSize;
     if (!looked_) {
         try {
             if (!looksRight(layer, imageSize)) {
@@ -140,18 +138,20 @@ int Start::connection(const Layer &layer, uint64_t imageSize, bool mayWrite) {
             nbdkit_error("dif: the image cannot be looked at: %s", error.what());
             return -1;
         }
-        if (intent_.isOpen() && intent_.attach(geometry.blockSize, parameters_.firstLba, blocks, marked_) != 0) {
+        const DifTypeInfo &geometry = disk_.geometry();
+        if (intent_.isOpen() &&
+            intent_.attach(geometry.blockSize, parameters_.firstLba, imageSize / geometry.blockSize, marked_) != 0) {
             return -1;
         }
         if (const uint64_t rest = imageSize % geometry.blockSize; rest != 0) {
             NBD_LOG(DIF_HOST_LOG_NOTICE, fmt::format("the last {} bytes of the image are no whole block", rest));
         }
-        blocks_ = blocks;
         looked_ = true;
+        imageSize_ = imageSize;
     }
-    if (intent_.isOpen() && blocks != blocks_) {
-        nbdkit_error("dif: the image has changed its size, from %llu blocks to %llu; dif-intent is for the former",
-                     static_cast<unsigned long long>(blocks_), static_cast<unsigned long long>(blocks));
+    if (imageSize != imageSize_) {
+        nbdkit_error("dif: the image has changed its size from %llu to %llu bytes; start the server anew",
+                     static_cast<unsigned long long>(imageSize_), static_cast<unsigned long long>(imageSize));
         return -1;
     }
     return marked_.empty() || !mayWrite ? 0 : mend(layer);

@@ -28,7 +28,7 @@ private:
     Intent &intent_;
     std::mutex mutex_;
     bool looked_ = false;
-    uint64_t blocks_ = 0;          /* of the disk, when it was looked at */
+    uint64_t imageSize_ = 0;       /* of the first connection */
     std::vector<BlockRun> marked_; /* regions to be mended */
 };
 

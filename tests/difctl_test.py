@@ -230,7 +230,8 @@ class DifctlTest(ToolTest):
         self.assertEqual(re.findall(r"block (\d+)|(wrong)", lines), [(str(i), "") for i in range(99, 549)])
 
     def test_refusals(self):
-        for name, content in (("raw", RAW[:4096]), ("odd", RAW[:1000]), ("taken", b"old"), ("good", bytes(8 * 520))):
+        for name, content in (("raw", RAW[:4096]), ("odd", RAW[:1000]), ("taken", b"old"), ("good", bytes(8 * 520)),
+                              ("mixed", protected(RAW[:2048]) + protected(RAW[:2048], version=CRC32C, lba=4))):
             self.write(name, content)
         os.mkfifo("fifo")
         for command, says in {
@@ -244,6 +245,7 @@ class DifctlTest(ToolTest):
                              "verify --stats --json good", "protect --lba 1 --no-lba raw new",
                              "relabel --version-only --lba 1 good"), "excludes"),
             "verify .": ".: is a directory, not an image",
+            "relabel --lba 1 --block 4160 mixed": "which look like blocks of 520 bytes with guards t10 and crc32c and LBAs from 0",
             "relabel --lba 1 -": "standard input: cannot be changed in place; name a file",
             "relabel --lba 1 nowhere": "nowhere: cannot open for writing: No such file",
             "show --lba 18446744073709551615 good --at 0": "--at 0,1: is not all in good",

@@ -17,7 +17,6 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
-#include <ranges>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -500,8 +499,10 @@ TEST_F(Host, ControlSocketAnswersWithOutputAndStatus) {
 
 TEST_F(Host, ThreadsAndDescriptorsKeepToThemselves) {
     const auto inheritable = [] {
-        const auto fds = std::views::iota(0, 256);
-        return std::ranges::count_if(fds, [](int fd) { return fcntl(fd, F_GETFD) == 0; });
+        int num = 0;
+        for (int fd = 0; fd < 256; ++fd)
+            num += fcntl(fd, F_GETFD) == 0;
+        return num;
     };
     const auto before = inheritable();
     ASSERT_EQ(difHostOpenControlSocket(path.c_str()), 0);

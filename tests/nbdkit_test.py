@@ -176,7 +176,7 @@ class FilterTest(unittest.TestCase):
                 client.pwrite(model[bad - 5 : bad + 517], bad - 5)
         self.assertEqual(client.pread(len(model), 0), model)
         told = difctl("attach", self.folder / "socket", "nbd")[1]
-        for text, count in ("without a field", 6), ("a wrong LBA", 2), ("a wrong guard", 2), ("written again", 10):
+        for text, count in ("without a field", 6), ("a wrong LBA", 2), ("a wrong guard", 2), ("right again", 10):
             self.assertRegex(told, f"blocks? .*{text} +{count}\n")
         self.assertIn('dif_nbd_blocks_failed_total{kind="guard"} 2', difctl("attach", self.folder / "socket", "metrics")[1])
         client.shutdown()
@@ -305,6 +305,9 @@ class FilterTest(unittest.TestCase):
         self.assertEqual(other.read_bytes(), b"not mine" * 8)
         self.refused("one dif filter a server", "file", path, filters=(FILTER, FILTER), lba=5)
         self.refused("engine crc16_t10dif answers", INTERPOSER)
+        done = subprocess.run([DIFCTL, "verify", path], env={"LD_PRELOAD": INTERPOSER}, capture_output=True, text=True)
+        self.assertEqual(done.returncode, 2)
+        self.assertIn("engine crc16_t10dif answers", done.stderr)
         server = self.serve("file", path, lba=5, intent=self.folder / "intent")
         client = server.connect()
         self.assertEqual(difctl("relabel", path)[0], 2)
@@ -312,6 +315,10 @@ class FilterTest(unittest.TestCase):
         for parameters, words in ({}, "is locked by another process"), ({"intent": self.folder / "intent"}, "is in use"):
             self.refused(words, "file", path, folder=self.folder / "second", lba=5, **parameters)
         client.pread(512, 0)
+        os.truncate(path, 520 * 100)
+        self.assertRaises(nbd.Error, server.connect)
+        client.shutdown()
+        self.assertIn("has changed its size from 33280 to 52000 bytes", server.end())
 
     def refused(self, words, *plugin, folder=None, **parameters):
         """By the server at its start, or by it to its first client."""
@@ -351,6 +358,27 @@ class FilterTest(unittest.TestCase):
         log = (self.folder / "log").read_text()
         self.assertRegex(log, rf"set switch off: by user {os.getuid()}, process \d+\.")
         self.assertRegex(log, rf"scrub start: by user {os.getuid()}, process \d+")
+
+    def test_scrub_starts_again_when_what_is_below_is_back(self):
+        path, _ = self.image(64)
+        socket, below = self.folder / "socket", self.folder / "below"
+        below.mkdir()
+
+        def scrub(until):
+            self.assertEqual(difctl("attach", socket, "scrub", "start", "1M"), (0, ""))
+            end = time.monotonic() + 30
+            while not re.search(until, text := difctl("attach", socket, "scrub", "status")[1]):
+                self.assertLess(time.monotonic(), end, text)
+
+        store = Server(below, "file", path, filters=())
+        self.addCleanup(lambda: store.end(signal.SIGKILL))
+        self.serve("nbd", f"socket={store.path}", socket=socket)
+        scrub("[1-9][0-9]* passes")
+        store.end(signal.SIGKILL)  # with SIGTERM it would wait for its client
+        scrub("stopped, ")
+        store = Server(below, "file", path, filters=())
+        passes = re.search(r"\d+ passes", difctl("attach", socket, "scrub", "status")[1])[0]
+        scrub(rf"^scrubbing(?!.* {passes})")
 
     def test_clients_and_other_plugins(self):
         path, model = self.image(8192)

@@ -10,6 +10,7 @@ fail() { echo "package_test.sh: $*" >&2 && exit 1; }
 while read -r name depends; do
     package=$(echo "$packages/$name"_*.deb)
     version=$(dpkg-deb -f "$package" Version)
+    depends=${depends//NBDKIT/$(nbdkit --version | cut -d' ' -f2)}
     for depend in ${depends//VERSION/$version}; do
         [[ ",$(dpkg-deb -f "$package" Depends | tr -d ' ')," == *",$depend"[,\(]* ]] ||
             fail "$name: does not depend on $depend"
@@ -22,7 +23,7 @@ done <<'END'
 libdif1 libc6 libisal2 libstdc++6
 libdif-dev libdif1(=VERSION)
 dif-tools libdif1(=VERSION) libc6
-nbdkit-dif-filter nbdkit(>=1 nbdkit(<<1 libisal2 libc6
+nbdkit-dif-filter nbdkit(>=NBDKIT) nbdkit(<<NBDKIT.~) libisal2 libc6
 END
 [[ $(dpkg-deb -I "$packages"/libdif1_*.deb triggers) == *ldconfig* ]] || fail "libdif1: has no ldconfig trigger"
 libdir=$root/usr/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)
