@@ -47,6 +47,9 @@ public:
 
     int flush(const Layer &layer, int &error);
 
+    /* A flush, if there is one below; what has none has no writes that wait for it. */
+    int settle(const Layer &layer, int &error);
+
     /* Adds the extents of the disk to `extents`. */
     int extents(const Layer &layer, Extent extent, uint32_t flags, struct nbdkit_extents *extents, int &error) const;
 

@@ -109,7 +109,7 @@ int Filter::getReady(int threadModel) {
     difHostSetLogStderr(false);
     if (!parameters.log.empty()) {
         if (const int error = difHostSetLogFile(parameters.log.c_str(), kLogBytes, kLogFiles); error != 0) {
-            nbdkit_error("dif-log=%s: cannot be written: %s", parameters.log.c_str(), std::strerror(error));
+            nbdkit_error("dif-log=%s: cannot be written: %s", parameters.log.c_str(), errorText(error).c_str());
             return -1;
         }
     }
@@ -126,7 +126,7 @@ int Filter::getReady(int threadModel) {
         return -1;
     }
     if (const int error = registerWords(ledger, scrubber); error != 0) {
-        nbdkit_error("dif: the operator's words cannot be registered: %s", std::strerror(error));
+        nbdkit_error("dif: the operator's words cannot be registered: %s", errorText(error).c_str());
         return -1;
     }
     return parameters.intent.empty() ? 0 : intent.open(parameters.intent);
@@ -136,7 +136,7 @@ int Filter::afterFork(nbdkit_backend *backend) {
     backend_ = backend;
     if (!parameters.socket.empty()) {
         if (const int error = difHostOpenControlSocket(parameters.socket.c_str()); error != 0) {
-            nbdkit_error("dif-socket=%s: cannot be opened: %s", parameters.socket.c_str(), std::strerror(error));
+            nbdkit_error("dif-socket=%s: cannot be opened: %s", parameters.socket.c_str(), errorText(error).c_str());
             return -1;
         }
     }
@@ -160,7 +160,7 @@ void Filter::keepHouse() {
         intent.clear(false);
         if (!parameters.metrics.empty() && round % kMetricsEvery == 0) {
             if (const int error = writeMetrics(parameters.metrics); error != 0) {
-                NBD_LOG(DIF_HOST_LOG_ERROR, parameters.metrics + ": cannot be written: " + std::strerror(error));
+                NBD_LOG(DIF_HOST_LOG_ERROR, parameters.metrics + ": cannot be written: " + errorText(error));
             }
         }
     }
@@ -288,8 +288,8 @@ int difPrepare(nbdkit_next *next, void *handle, int /*readOnly*/) {
 /* A client that leaves without a flush leaves marks; a last flush lets them be cleared. */
 int difFinalize(nbdkit_next *next, void *handle) {
     int error = 0;
-    if (filter().intent.isOpen() && connectionOf(handle).mayWrite && next->can_flush(next) == 1) {
-        static_cast<void>(filter().disk.flush(filter().layer(next), error));
+    if (filter().intent.isOpen() && connectionOf(handle).mayWrite) {
+        static_cast<void>(filter().disk.settle(filter().layer(next), error));
     }
     return 0;
 }

@@ -102,14 +102,14 @@ bool Scrubber::step(const Source &source) {
     unreadable_ = done ? 0 : unreadable_ + 1;
     if (!done) {
         NBD_LOG(DIF_HOST_LOG_ERROR, fmt::format("scrubbing: blocks {} to {} cannot be read: {}", block_,
-                                                block_ + count - 1, std::strerror(error)));
+                                                block_ + count - 1, errorText(error)));
     }
     const bool isGone = unreadable_ == kMostUnreadable;
     uint64_t rate = 0;
     {
         const std::lock_guard lock(mutex_);
         if (isGone) {
-            trouble_ = fmt::format("block {} and those before it cannot be read: {}", block_, std::strerror(error));
+            trouble_ = fmt::format("block {} and those before it cannot be read: {}", block_, errorText(error));
             rate_ = 0;
             unreadable_ = 0;
         } else if (block_ += count; block_ == blocks_) {

@@ -25,7 +25,7 @@ public:
         int error = 0;
         const auto turn = layer_.takeTurn();
         if (there != 0 && next_->pread(next_, bytes, static_cast<uint32_t>(there), offset, 0, &error) != 0) {
-            throw std::runtime_error(fmt::format("cannot read at offset {}: {}", offset, std::strerror(error)));
+            throw std::runtime_error(fmt::format("cannot read at offset {}: {}", offset, errorText(error)));
         }
         return there;
     }
@@ -111,7 +111,7 @@ int Start::mend(const Layer &layer) {
         int error = 0;
         if (disk_.retag(layer, run, error) != 0) {
             nbdkit_error("dif: blocks from %llu on cannot be mended: %s", static_cast<unsigned long long>(run.first),
-                         std::strerror(error));
+                         errorText(error).c_str());
             return -1;
         }
     }
@@ -120,8 +120,8 @@ int Start::mend(const Layer &layer) {
     }
     marked_.clear();
     int error = 0;
-    if (layer.next()->can_flush(layer.next()) == 1 && disk_.flush(layer, error) != 0) {
-        nbdkit_error("dif: mended blocks cannot be brought to stable storage: %s", std::strerror(error));
+    if (disk_.settle(layer, error) != 0) {
+        nbdkit_error("dif: mended blocks cannot be brought to stable storage: %s", errorText(error).c_str());
         return -1;
     }
     return 0;
