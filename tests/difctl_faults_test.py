@@ -251,23 +251,34 @@ class FaultsTest(ToolTest):
             os.remove("new")
         os.chmod("img", 0o600)
         entries = (1, 6, -1), (2, 4, 7), (4, 0, -1), (16, 4, -1), (32, 0, -1)  # user 7 may read it; its group may not
+        access = struct.pack("<I", 2) + b"".join(struct.pack("<HHi", *entry) for entry in entries)
+        os.mkdir("d"), self.write("open", self.image)
         with contextlib.suppress(OSError):  # no such lists here
-            os.setxattr("img", "system.posix_acl_access",
-                        struct.pack("<I", 2) + b"".join(struct.pack("<HHi", *entry) for entry in entries))
-        self.ends("strip", "img", "new", status=0)
-        self.assertEqual(os.stat("new").st_mode & 0o777, 0o600)
-        os.remove("new"), os.remove("img"), self.write("img", self.image)
+            os.setxattr("img", "system.posix_acl_access", access)
+            os.setxattr("d", "system.posix_acl_default", access)
+        for command, source, new, umask, result in (("strip", "img", "new", 0o022, 0o600),
+                                                    ("strip", "open", "d/new", 0o022, 0o600),
+                                                    ("strip", "open", "new", 0o027, 0o640),
+                                                    ("protect --block 4160", "d/new", "new", 0o022, 0o600)):
+            os.umask(umask)
+            self.ends(*command.split(), source, new, status=0)
+            self.assertEqual(os.stat(new).st_mode & 0o770, result, (source, new))
+            new == "new" and os.remove(new)
+        os.remove("d/new"), os.rmdir("d"), os.remove("open"), os.remove("img"), self.write("img", self.image)
         for named in "0", "1":
             env = {**os.environ, **PRELOAD, "FAULT_NAMED": named}
             with subprocess.Popen([DIFCTL, "protect", "-", "new"], env=env, stdin=subprocess.PIPE) as tool:
                 tool.stdin.write(RAW), tool.stdin.flush()
                 files = [os.stat(file).st_mode for file in pathlib.Path(f"/proc/{tool.pid}/fd").iterdir()]
                 self.assertIn(0o100600, files)  # until it is complete
-                tool.kill()
+                tool.terminate(), tool.wait()
+            self.assertEqual(os.listdir("."), ["img"])
         if os.getuid() == 0:
-            for owner, group, mode, result in ((7, 8, 0o660, (7, 8, 0o640)), (7, 9, 0o660, (7, 9, 0o600)),
-                                               (6, 8, 0o644, (0, 8, 0o640))):
-                os.chown("img", 7, 8), os.chmod("img", 0o640)
+            for source, owner, group, mode, result in (
+                (0o640, 7, 8, 0o660, (7, 8, 0o640)), (0o640, 7, 9, 0o660, (7, 9, 0o600)),
+                (0o604, 7, 9, 0o666, (7, 9, 0o600)), (0o640, 6, 8, 0o644, (0, 8, 0o640)),
+            ):
+                os.chown("img", 7, 8), os.chmod("img", source)
                 os.chown(self.write("new", b""), owner, group), os.chmod("new", mode)
                 self.ends("strip", "--force", "img", "new", status=0)
                 new = os.stat("new")
