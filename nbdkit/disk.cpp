@@ -21,11 +21,11 @@ constexpr uint64_t kMostZeroed = uint64_t{1} << 18;
 
 /* Room for a piece, one a thread for its life; null and ENOMEM if it cannot be had. */
 uint8_t *pieceRoom(int &error) {
-    // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete): the room goes with its thread, not with a call
     thread_local const std::unique_ptr<uint8_t[]> room(new (std::nothrow) uint8_t[kPieceBytes]);
     if (room == nullptr) {
         error = ENOMEM;
     }
+    // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete): the room goes with its thread, not with a call
     return room.get();
 }
 
