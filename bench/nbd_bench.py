@@ -1,6 +1,6 @@
-"""The nbdkit filter beside the bare plugin: nbd_bench.py FILTER DIFCTL. Ratios of the best of some rounds, in which the two
-take turns."""
-import json, os, pathlib, subprocess, sys, tempfile, time
+"""The nbdkit filter beside the bare plugin: nbd_bench.py FILTER DIFCTL. In every round each server has its turn;
+the ratios are those of one round, and their median over the rounds counts."""
+import json, os, pathlib, statistics, subprocess, sys, tempfile, time
 
 FILTER, DIFCTL = sys.argv[1:]
 # ONLY: a part of the names of what is to be measured.
@@ -70,15 +70,10 @@ def main():
         works = {name: work for name, work in works.items() if os.environ.get("ONLY", "") in name}
         print(f"{'':18}{'processor time':>24}{'throughput':>24}\n{'':18}" + f"{'520':>12}{'4160':>12}" * 2)
         for name, work in works.items():
-            best = {}
-            for _ in range(ROUNDS):
-                for key, server in servers.items():
-                    speed, cost = server.measure(work)
-                    old = best.get(key, (0, 1e9))
-                    best[key] = max(old[0], speed), min(old[1], cost)
-            bare = best["bare"]
-            print(f"{name:18}" + "".join(f"{best[b][1] / bare[1]:12.2f}" for b in (520, 4160)) +
-                  "".join(f"{best[b][0] / bare[0]:12.2f}" for b in (520, 4160)), flush=True)
+            rounds = [{key: server.measure(work) for key, server in servers.items()} for _ in range(ROUNDS)]
+            print(f"{name:18}" + "".join(
+                f"{statistics.median(one[block][what] / one['bare'][what] for one in rounds):12.2f}"
+                for what in (1, 0) for block in (520, 4160)), flush=True)
         for server in servers.values():
             server.process.terminate()
 
