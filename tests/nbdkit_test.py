@@ -25,9 +25,14 @@ class Server:
         with self.messages.open("w") as messages:
             self.process = subprocess.Popen(["nbdkit", "-f", "-U", self.path, *words], stderr=messages)
         end = time.monotonic() + 60
-        while wait and not os.path.exists(self.path):
+        while wait and not self.listens():
             assert self.process.poll() is None and time.monotonic() < end, self.messages.read_text()
             time.sleep(0.01)
+
+    def listens(self):
+        """Its socket has its name a little earlier."""
+        sockets = map(str.split, pathlib.Path("/proc/net/unix").read_text().splitlines())
+        return any(words[-1] == self.path and words[3] == "00010000" for words in sockets)
 
     def connect(self):
         client = nbd.NBD()
@@ -324,7 +329,7 @@ class FilterTest(unittest.TestCase):
         """By the server at its start, or by it to its first client."""
         server = Server(folder or self.folder, *plugin, wait=False, **parameters)
         end = time.monotonic() + 30
-        while server.process.poll() is None and not os.path.exists(server.path) and time.monotonic() < end:
+        while server.process.poll() is None and not server.listens() and time.monotonic() < end:
             time.sleep(0.01)
         if server.process.poll() is None:
             with self.assertRaises(nbd.Error):
