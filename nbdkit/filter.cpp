@@ -106,6 +106,21 @@ int Filter::getReady(int threadModel) {
         }
     }
     oneAtATime = threadModel == NBDKIT_THREAD_MODEL_SERIALIZE_ALL_REQUESTS ? &turn_ : nullptr;
+    if (std::array<char, 200> why; difHostTestEngines(why.data(), why.size()) != 0) {
+        nbdkit_error("dif: %s; the plugin or a library of its stands in the engine's place", why.data());
+        return -1;
+    }
+    if (!parameters.metrics.empty() && !mayHoldMetrics(parameters.metrics)) {
+        nbdkit_error("dif-metrics=%s: exists and is no file of metrics", parameters.metrics.c_str());
+        return -1;
+    }
+    return parameters.intent.empty() ? 0 : intent.open(parameters.intent);
+}
+
+/* Here and not before, threads may be: a fork would lose them, and nbdkit counts on the numbers of the descriptors that it
+ * opens. The log is that of the user that the server has become. */
+int Filter::afterFork(nbdkit_backend *backend) {
+    backend_ = backend;
     difHostSetLogStderr(false);
     if (!parameters.log.empty()) {
         if (const int error = difHostSetLogFile(parameters.log.c_str(), kLogBytes, kLogFiles); error != 0) {
@@ -113,27 +128,14 @@ int Filter::getReady(int threadModel) {
             return -1;
         }
     }
-    if (std::array<char, 200> why; difHostTestEngines(why.data(), why.size()) != 0) {
-        nbdkit_error("dif: %s; the plugin or a library of its stands in the engine's place", why.data());
-        return -1;
-    }
     difModuleInit();
     setSysDifCrcVersion(parameters.version);
     const VerifyPointDesc point = {1, "NBD_DISK"};
     difRegistVerifyPoint(DIF_MID_LUN, &point, 1, __func__, __LINE__);
-    if (!parameters.metrics.empty() && !mayHoldMetrics(parameters.metrics)) {
-        nbdkit_error("dif-metrics=%s: exists and is no file of metrics", parameters.metrics.c_str());
-        return -1;
-    }
     if (const int error = registerWords(ledger, scrubber); error != 0) {
         nbdkit_error("dif: the operator's words cannot be registered: %s", errorText(error).c_str());
         return -1;
     }
-    return parameters.intent.empty() ? 0 : intent.open(parameters.intent);
-}
-
-int Filter::afterFork(nbdkit_backend *backend) {
-    backend_ = backend;
     if (!parameters.socket.empty()) {
         if (const int error = difHostOpenControlSocket(parameters.socket.c_str()); error != 0) {
             nbdkit_error("dif-socket=%s: cannot be opened: %s", parameters.socket.c_str(), errorText(error).c_str());
