@@ -100,9 +100,8 @@ class FilterTest(unittest.TestCase):
                         client.zero(count, offset, self.random.choice((0, nbd.CMD_FLAG_NO_HOLE)) | fua)
                     elif kind == "trim" and client.can_trim():
                         client.trim(count, offset, fua)
-                        model[offset : offset + count] = got = client.pread(count, offset)
-                        inner = got[DATA[size] : -DATA[size]]
-                        self.assertTrue(not any(inner) or got == model[offset : offset + count])
+                        first, end = -(-offset // DATA[size]) * DATA[size], (offset + count) // DATA[size] * DATA[size]
+                        model[first:end] = bytes(max(end - first, 0))  # blocks in part stay as they are
                     elif kind == "flush":
                         client.flush()
                     elif kind == "extents":
