@@ -28,7 +28,7 @@ bool isAvxEnabled() {
         return false;
     }
     uint32_t enabled;
-    asm("xgetbv" : "=a"(enabled) : "c"(0) : "edx");
+    asm volatile("xgetbv" : "=a"(enabled) : "c"(0) : "edx");
     return (enabled & 0x6) == 0x6;
 }
 
