@@ -3,6 +3,7 @@
  * that asked for it and without a lock, so that it may register words or run other lines.
  */
 #include "dif_host.h"
+#include "help.h"
 #include "output.h"
 #include "platform/dbg_cmd.h"
 #include "session.h"
@@ -26,22 +27,18 @@ int32_t runHelp(int32_t argc, char **argv);
 int32_t runMetrics(int32_t argc, char **argv);
 
 int32_t printHelpOfHelp(const char * /*name*/, uint32_t detail) {
-    DBG_Print("%s", detail == 0
-                        ? "        help [WORD]\n"
-                        : "SYNOPSIS\n"
-                          "        help                                        : list the commands.\n"
-                          "        help WORD                                   : show the help of a command.\n");
-    return 0;
+    return printHelp(detail, "        help [WORD]\n",
+                     "SYNOPSIS\n"
+                     "        help                                        : list the commands.\n"
+                     "        help WORD                                   : show the help of a command.\n");
 }
 
 int32_t printHelpOfMetrics(const char * /*name*/, uint32_t detail) {
-    DBG_Print("%s", detail == 0
-                        ? "        metrics\n"
-                        : "SYNOPSIS\n"
-                          "        metrics                                     : show DIF switch, CRC version, "
-                          "verify levels and counters\n"
-                          "                                                      in the Prometheus text format.\n");
-    return 0;
+    return printHelp(detail, "        metrics\n",
+                     "SYNOPSIS\n"
+                     "        metrics                                     : show DIF switch, CRC version, "
+                     "verify levels and counters\n"
+                     "                                                      in the Prometheus text format.\n");
 }
 
 constexpr std::array kBuiltIns{

@@ -103,10 +103,6 @@ void addCounters(Exposition &out) {
     }
 }
 
-void appendTo(void *text, const char *piece, size_t size) {
-    static_cast<std::string *>(text)->append(piece, size);
-}
-
 struct Metrics {
     DifHostMetrics render;
     void *context;

@@ -49,4 +49,9 @@ inline void writeOutput(DifHostPrint print, void *context, std::string_view text
     }
 }
 
+/* A print routine: adds to the std::string that `text` points to. */
+inline void appendTo(void *text, const char *piece, size_t size) {
+    static_cast<std::string *>(text)->append(piece, size);
+}
+
 #endif

@@ -3,6 +3,8 @@
 #include "dif/types.h"
 #include "dif/verify_point.h"
 #include "dif_host.h"
+#include "help.h"
+#include "output.h"
 #include "platform/dbg_cmd.h"
 #include "platform/hostlog.h"
 
@@ -36,7 +38,7 @@ std::optional<uint32_t> moduleOf(const char *word) {
 }
 
 int32_t refuse(const char *what, const char *word) {
-    DBG_Print("Error: '%s' is no %s.\n", word, what);
+    DBG_Print("Error: '%s' is no %s.\n", escaped(word).c_str(), what);
     return DBG_ShowUsageAndErrMsg(nullptr);
 }
 
@@ -82,16 +84,13 @@ constexpr std::array kSettings{Setting{"level", 2, setLevel}, Setting{"switch", 
 } // namespace
 
 int32_t printHelpOfSet(const char * /*name*/, uint32_t detail) {
-    DBG_Print("%s",
-              detail == 0
-                  ? "        set level MODULE LEVEL | switch on|off | counters 0\n"
-                  : "SYNOPSIS\n"
-                    "        set level MODULE LEVEL                      : the verify level, 0 to 4, of a module, by "
-                    "number or short name.\n"
-                    "        set switch on|off                           : whether DIF is on.\n"
-                    "        set counters 0                              : clear the counters of all verify points.\n"
-                    "The log says who did it.\n");
-    return 0;
+    return printHelp(detail, "        set level MODULE LEVEL | switch on|off | counters 0\n",
+                     "SYNOPSIS\n"
+                     "        set level MODULE LEVEL                      : the verify level, 0 to 4, of a module, by "
+                     "number or short name.\n"
+                     "        set switch on|off                           : whether DIF is on.\n"
+                     "        set counters 0                              : clear the counters of all verify points.\n"
+                     "The log says who did it.\n");
 }
 
 int32_t runSet(int32_t argc, char **argv) {

@@ -87,10 +87,21 @@ uint32_t Disk::pieceBlocks() const {
 
 /* ---- Reading ------------------------------------------------------------------------------------------------------ */
 
+bool Disk::passes(BlockState state) const {
+    return state == BlockState::kGood || (state == BlockState::kUnwritten && parameters_.zerosAreUnwritten);
+}
+
+/* Copies what is asked for of the part's block with that index. */
+void Disk::copyOut(const uint8_t *block, uint32_t index, const Part &part, uint8_t *data) const {
+    const uint32_t begin = index == 0 ? part.skipped : 0;
+    const uint32_t at = index * geometry().dataSize + begin - part.skipped;
+    std::memcpy(data + at, block + begin, std::min(geometry().dataSize - begin, part.bytes - at));
+}
+
 /* Whether the block must not be used. Tells the ledger of blocks that fail. */
 bool Disk::isFault(uint64_t block, const uint8_t *bytes) {
     const BlockState state = stateOf(bytes, geometry(), parameters_.firstLba + block);
-    if (state == BlockState::kGood || (state == BlockState::kUnwritten && parameters_.zerosAreUnwritten)) {
+    if (passes(state)) {
         return false;
     }
     ledger_.blockFailed(block, bytes, state == BlockState::kUnwritten ? BlockState::kNoField : state);
@@ -105,14 +116,11 @@ uint32_t Disk::deliver(const uint8_t *blocks, const Part &part, uint32_t from, u
     for (; index < part.blocks; ++index) {
         const uint8_t *const block = blocks + size_t{index} * info.blockSize;
         const BlockState state = stateOf(block, info, parameters_.firstLba + part.first + index);
-        if (state != BlockState::kGood && (state != BlockState::kUnwritten || !parameters_.zerosAreUnwritten)) {
+        if (!passes(state)) {
             break;
         }
         unwritten += state == BlockState::kUnwritten ? 1 : 0;
-        /* The part of the block that is asked for. */
-        const uint32_t begin = index == 0 ? part.skipped : 0;
-        const uint32_t at = index * info.dataSize + begin - part.skipped;
-        std::memcpy(data + at, block + begin, std::min(info.dataSize - begin, part.bytes - at));
+        copyOut(block, index, part, data);
     }
     if (unwritten != 0) {
         ledger_.add(Count::kUnwrittenRead, unwritten);
@@ -144,9 +152,7 @@ int Disk::readPiece(const Layer &layer, const Part &part, uint8_t *data, int &er
             continue;
         }
         served = true;
-        const uint32_t begin = index == 0 ? part.skipped : 0;
-        const uint32_t at = index * geometry().dataSize + begin - part.skipped;
-        std::memcpy(data + at, block + begin, std::min(geometry().dataSize - begin, part.bytes - at));
+        copyOut(block, index, part, data);
     }
     if (failed) {
         error = EIO;
@@ -416,7 +422,7 @@ int Disk::scrub(const Layer &layer, uint64_t first, uint32_t count, int &error) 
     for (uint32_t index = 0; index < count; ++index) {
         uint8_t *const block = blocks + size_t{index} * geometry().blockSize;
         const BlockState state = stateOf(block, geometry(), parameters_.firstLba + first + index);
-        if (state == BlockState::kGood || (state == BlockState::kUnwritten && parameters_.zerosAreUnwritten)) {
+        if (passes(state)) {
             ledger_.blockPassed(first + index);
             continue;
         }
@@ -442,7 +448,7 @@ int Disk::retag(const Layer &layer, BlockRun run, int &error) {
             const uint64_t number = run.first + index;
             uint8_t *const block = blocks + size_t{index} * geometry().blockSize;
             const BlockState state = stateOf(block, geometry(), parameters_.firstLba + number);
-            if (state == BlockState::kGood || (state == BlockState::kUnwritten && parameters_.zerosAreUnwritten)) {
+            if (passes(state)) {
                 continue;
             }
             ledger_.blockRetagged(number, block, state);

@@ -72,6 +72,8 @@ private:
 
     int readPiece(const Layer &layer, const Part &part, uint8_t *data, int &error);
     uint32_t deliver(const uint8_t *blocks, const Part &part, uint32_t from, uint8_t *data);
+    bool passes(BlockState state) const;
+    void copyOut(const uint8_t *block, uint32_t index, const Part &part, uint8_t *data) const;
     bool isFault(uint64_t block, const uint8_t *bytes);
     int readForPatch(const Layer &layer, uint64_t block, uint8_t *bytes, int &error);
     int writeWhole(const Layer &layer, BlockRun run, const uint8_t *data, uint32_t flags, int &error);

@@ -1,5 +1,6 @@
 #include "image_lock.h"
 
+#include "image/image_lock.h"
 #include "nbdkit_api.h"
 
 #include <fcntl.h>
@@ -15,11 +16,8 @@ int ImageLock::take(const std::string &path, bool toWrite) {
         file_ = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
         file_ = file_ < 0 ? ::open(path.c_str(), O_RDONLY | O_CLOEXEC) : file_;
     }
-    struct flock whole = {};
-    whole.l_type = toWrite ? F_WRLCK : F_RDLCK;
-    whole.l_whence = SEEK_SET;
     /* If it cannot be opened, the plugin has something to say about it. */
-    if (file_ >= 0 && fcntl(file_, F_OFD_SETLK, &whole) != 0 && (errno == EAGAIN || errno == EACCES)) {
+    if (file_ >= 0 && image::lockImage(file_, toWrite) != 0 && (errno == EAGAIN || errno == EACCES)) {
         nbdkit_error("dif: %s is locked by another process, such as difctl, another server or a virtual machine",
                      path.c_str());
         return -1;

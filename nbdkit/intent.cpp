@@ -1,5 +1,6 @@
 #include "intent.h"
 
+#include "image/image_lock.h"
 #include "nbdkit_api.h"
 
 #include <algorithm>
@@ -47,10 +48,7 @@ int Intent::open(const std::string &path) {
         nbdkit_error("dif-intent=%s: cannot open: %m", path.c_str());
         return -1;
     }
-    struct flock whole = {};
-    whole.l_type = F_WRLCK;
-    whole.l_whence = SEEK_SET;
-    if (fcntl(file_, F_OFD_SETLK, &whole) != 0) {
+    if (image::lockImage(file_, true) != 0) {
         nbdkit_error("dif-intent=%s: is in use by another process, or cannot be locked: %m", path.c_str());
         return -1;
     }
@@ -69,6 +67,7 @@ int Intent::open(const std::string &path) {
 }
 
 int Intent::attach(uint32_t blockSize, uint64_t firstLba, uint64_t blocks, std::vector<BlockRun> &marked) {
+    const std::lock_guard lock(mutex_);
     IntentHeader fits = kNew;
     fits.blockSize = blockSize;
     fits.firstLba = firstLba;

@@ -1,17 +1,20 @@
 #include "operator_words.h"
 
 #include "dif_host.h"
+#include "help.h"
+#include "metrics_file.h"
 #include "nbdkit_api.h"
+#include "output.h"
 #include "platform/dbg_cmd.h"
 
 #include <array>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <span>
 #include <string_view>
 #include <system_error>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -26,6 +29,9 @@ Scrubber *theScrubber = nullptr;
 /* What scrubs when no rate was ever given. */
 constexpr int64_t kUsualRate = int64_t{16} << 20;
 
+/* As far as the umask lets them: the collector is another user. */
+constexpr mode_t kForAllToRead = 0666;
+
 int32_t showNbd(int32_t argc, char ** /*argv*/) {
     if (argc != 1) {
         return DBG_ShowUsageAndErrMsg("Error: nbd takes no words.");
@@ -35,12 +41,10 @@ int32_t showNbd(int32_t argc, char ** /*argv*/) {
 }
 
 int32_t helpNbd(const char * /*name*/, uint32_t detail) {
-    DBG_Print("%s", detail == 0
-                        ? "        nbd\n"
-                        : "SYNOPSIS\n"
-                          "        nbd                                         : what the disk has done, and which "
-                          "blocks are bad.\n");
-    return 0;
+    return printHelp(detail, "        nbd\n",
+                     "SYNOPSIS\n"
+                     "        nbd                                         : what the disk has done, and which "
+                     "blocks are bad.\n");
 }
 
 int32_t runScrub(int32_t argc, char **argv) {
@@ -54,7 +58,7 @@ int32_t runScrub(int32_t argc, char **argv) {
     if (what == "start" && words.size() <= 3) {
         rate = words.size() == 3 ? nbdkit_parse_size(words[2]) : kUsualRate;
         if (rate <= 0) {
-            DBG_Print("Error: '%s' is no rate: a number of bytes a second, such as 16M.\n", words[2]);
+            DBG_Print("Error: '%s' is no rate: a number of bytes a second, such as 16M.\n", escaped(words[2]).c_str());
             return EINVAL;
         }
     } else if (what != "stop" || words.size() != 2) {
@@ -71,25 +75,17 @@ int32_t runScrub(int32_t argc, char **argv) {
 }
 
 int32_t helpScrub(const char * /*name*/, uint32_t detail) {
-    DBG_Print("%s",
-              detail == 0
-                  ? "        scrub start [RATE] | stop | status\n"
-                  : "SYNOPSIS\n"
-                    "        scrub start [RATE]                          : check the whole disk again and again, RATE "
-                    "bytes a second (16M).\n"
-                    "        scrub stop                                  : until the next start, which goes on there.\n"
-                    "        scrub status                                : where it is.\n");
-    return 0;
+    return printHelp(
+        detail, "        scrub start [RATE] | stop | status\n",
+        "SYNOPSIS\n"
+        "        scrub start [RATE]                          : check the whole disk again and again, RATE "
+        "bytes a second (16M).\n"
+        "        scrub stop                                  : until the next start, which goes on there.\n"
+        "        scrub status                                : where it is.\n");
 }
 
 constexpr std::array kWords{DbgCmdReg{"nbd", "counters of the disk, bad blocks", showNbd, helpNbd},
                             DbgCmdReg{"scrub", "check the whole disk in the background", runScrub, helpScrub}};
-
-constexpr std::string_view kMetricsBegin = "# HELP dif_";
-
-void appendTo(void *text, const char *piece, size_t size) {
-    static_cast<std::string *>(text)->append(piece, size);
-}
 
 } // namespace
 
@@ -116,9 +112,7 @@ bool mayHoldMetrics(const std::string &path) {
     if (lstat(path.c_str(), &status) != 0) {
         return errno == ENOENT;
     }
-    std::array<char, kMetricsBegin.size()> begin{};
-    std::ifstream(path, std::ios::binary).read(begin.data(), begin.size());
-    return S_ISREG(status.st_mode) && std::string_view(begin.data(), begin.size()) == kMetricsBegin;
+    return S_ISREG(status.st_mode) && isMetricsFile(path);
 }
 
 int writeMetrics(const std::string &path) {
@@ -127,7 +121,11 @@ int writeMetrics(const std::string &path) {
         return error;
     }
     const std::string temporary = path + ".new";
-    FILE *const file = std::fopen(temporary.c_str(), "we");
+    if (!mayHoldMetrics(temporary)) {
+        return EEXIST;
+    }
+    const int created = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, kForAllToRead);
+    FILE *const file = created < 0 ? nullptr : fdopen(created, "w");
     if (file == nullptr) {
         return errno;
     }

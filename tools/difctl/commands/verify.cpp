@@ -7,11 +7,9 @@
 #include "pass/report.h"
 
 #include "dif_host.h"
+#include "metrics_file.h"
 
-#include <array>
-#include <fstream>
 #include <optional>
-#include <string_view>
 
 namespace difctl {
 
@@ -30,14 +28,6 @@ std::string renderedMetrics() {
         throw systemError("metrics", "cannot be rendered", error);
     }
     return text;
-}
-
-/* Whether a file begins as those do that --metrics writes. */
-bool isMetricsFile(const std::string &path) {
-    constexpr std::string_view kBeginning = "# HELP dif_";
-    std::array<char, kBeginning.size()> begin{};
-    std::ifstream(path, std::ios::binary).read(begin.data(), begin.size());
-    return std::string_view(begin.data(), begin.size()) == kBeginning;
 }
 
 int runVerify(const VerifyOptions &options) {

@@ -1,5 +1,6 @@
 #include "io/image_file.h"
 
+#include "image/image_lock.h"
 #include "io/error.h"
 
 #include <algorithm>
@@ -99,11 +100,7 @@ ImageFile::ImageFile(const std::string &path, Use use)
 }
 
 void ImageFile::lock(Use use) const {
-    /* Of the open file, not of the process: so are the locks of virtual machines on their disks, which begin at byte 100. */
-    struct flock whole = {};
-    whole.l_type = use == Use::kChange ? F_WRLCK : F_RDLCK;
-    whole.l_whence = SEEK_SET;
-    if (::fcntl(file_.get(), F_OFD_SETLK, &whole) == 0) {
+    if (image::lockImage(file_.get(), use == Use::kChange) == 0) {
         return;
     }
     if (errno == EAGAIN || errno == EACCES) {
