@@ -156,9 +156,9 @@ class FaultsTest(ToolTest):
             self.write("img", self.image), self.write("another", self.image)
             with subprocess.Popen([DIFCTL, "relabel", "--lba", "0x11111111", "--crc", "crc32c", "img"],
                                   stderr=subprocess.PIPE) as tool:
-                descriptors = pathlib.Path(f"/proc/{tool.pid}/fd")
-                while tool.poll() is None and not any(os.path.realpath(file).endswith("/img")
-                                                      for file in descriptors.iterdir()):
+                locks = pathlib.Path("/proc/locks")
+                inode = f":{os.stat('img').st_ino} "
+                while tool.poll() is None and inode not in locks.read_text():
                     time.sleep(0.001)
                 time.sleep(delay * 0.002 * SLOWER)
                 os.rename("img", "img.bak"), os.rename("another", "img")

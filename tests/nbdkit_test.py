@@ -25,7 +25,7 @@ class Server:
         with self.messages.open("w") as messages:
             self.process = subprocess.Popen(["nbdkit", "-f", "-U", self.path, *words], stderr=messages)
         end = time.monotonic() + 60
-        while wait and not self.listens():
+        while wait and not (self.listens() and os.path.exists(parameters.get("socket", folder))):
             assert self.process.poll() is None and time.monotonic() < end, self.messages.read_text()
             time.sleep(0.01)
 
