@@ -184,11 +184,11 @@ class FaultsTest(ToolTest):
                     self.ends(*command.split(), *force, "--block", wrong, self.write("img", image), status=2, says=says)
                     self.assertTrue(pathlib.Path("img").read_bytes() == image)
             self.ends("relabel", "--force", "--lba", "1", "--block", fitting, "img", status=0)
-        self.ends("relabel", "--lba", "1", "--block", "4160", self.write("img", large), status=2,
+        self.ends("relabel", "--lba", "1", "--first-lba", "0", self.write("img", large), status=2,
                   says=".*--first-lba 0 contradicts .* guard t10 and LBAs from 9; --first-lba 9 fits.*")
         self.ends("relabel", "--version-only", "--crc", "crc32c", self.write("img", self.image), status=2,
-                  says=".*--crc t10 fits, --force goes ahead\n")
-        part = made("relabel --lba 5 --bitmap 2000-3000", self.image)
+                  says=".*--version-only with --crc crc32c contradicts .*; --crc t10 fits\n")
+        part = made("relabel --lba 5 --at 2000,1001", self.image)
         for lba in "0", "5":  # neither fits all: the check tells where
             self.ends("convert", "--first-lba", lba, self.write("img", part), status=1,
                       says=".*LBA error.*looks like blocks of 520 bytes with guard t10 and LBAs from 0; nothing is.*")
@@ -199,7 +199,7 @@ class FaultsTest(ToolTest):
 
     def test_refused_before_anything_is_done(self):
         self.write("img", self.image), self.write("note", b"# HELP of mine\n"), os.symlink("nowhere", "link")
-        fields = "--lba", "--bitmap", "--block", "--crc", "--first-lba"
+        fields = "--set-lba", "--block", "--crc", "--first-lba"
         for words, says in (
             *((["relabel", "img", "--version-only", name, ""], name + ": has an empty value") for name in fields),
             *((["relabel", "img", name + "=", "--version-only"], name + ": has an empty value") for name in fields),

@@ -11,7 +11,7 @@ def wait_for(condition):
 class DifctlProcessTest(ToolTest):
     @unittest.skipIf(TSAN, "it keeps signal handlers waiting for system calls to end")
     def test_signals_while_nobody_reads_standard_error(self):
-        pathlib.Path("img").write_bytes(b"\1" * 520 * 6000)  # as many faults to tell
+        pathlib.Path("img").write_bytes((b"\1" * 520 + bytes(520)) * 3000)  # as many faults to tell
         for ending in signal.SIGINT, signal.SIGTERM, signal.SIGHUP:
             unread, stuck = os.pipe()
             tool = subprocess.Popen([DIFCTL, "strip", "--all", "img", "new"], stderr=stuck)

@@ -38,18 +38,35 @@ random.seed(20)
 RAW = random.randbytes(6200 * 512)  # four requests, the last one short
 IMAGE = protected(RAW, lba=100)
 # Faults in three requests. A block without a valid LBA is none, and neither is the BST mark.
-FAULTS = {7: "guard", 2047: "guard", 2048: "LBA", 2049: "LBA", 2050: "version", 6199: "guard"}
 DAMAGED = edited(IMAGE, (5, FLAGS, b"\0"), (7, -10, b"data"), (2047, GUARD, b"\xA5\x5A"), (2048, LBA, bytes(4)),
                  (2049, LBA, bytes(4)), (2050, VERSION, b"\x1F"), (4100, FLAGS, b"\3"), (6199, VERSION, b"\x29"))
 
 
-def fault_line(block, kind, image=DAMAGED):
-    return f"img: block {block}, LBA {100 + block}: {kind} error, tuple {image[block * 520 + 512 :][:8].hex()}\n"
+def fault(block, kind, image=DAMAGED, count=1):
+    """The JSON object of a run of faults."""
+    content = image[block * 520 : (block + 1) * 520]
+    version, stored = content[514], content[512:520]
+    expected, found = {"guard": (guard(version, content[:512]).hex(), stored[:2].hex()),
+                       "LBA": (100 + block, int.from_bytes(stored[4:], "big")),
+                       "version": (None, f"0x{version:02x}")}[kind]
+    return {"block": block, "count": count, "lba": 100 + block, "kind": kind.lower(), "expected": expected,
+            "found": found, "tuple": stored.hex()}
 
 
-FAULT_LINES = [fault_line(*fault) for fault in FAULTS.items()]
-TOTALS = "img: blocks checked 6200, failed 6 (guard 3, LBA 2, version 1)"
-ENDED = "img: blocks checked 8, failed 1 (guard 1, LBA 0, version 0); ended at the first, --all goes on"
+def fault_line(block, kind, image=DAMAGED, count=1):
+    values = fault(block, kind, image)
+    expected = "" if values["expected"] is None else f"expected {values['expected']}, "
+    place = f"block {block}, LBA {100 + block}: {kind} error, " if count == 1 else (
+        f"blocks {block}-{block + count - 1}, LBAs {100 + block}-{99 + block + count}: {kind} error, the first: ")
+    return f"img: {place}{expected}found {values['found']}, tuple {values['tuple']}\n"
+
+
+FAULT_RUNS = [(7, "guard", DAMAGED, 1), (2047, "guard", DAMAGED, 1), (2048, "LBA", DAMAGED, 2),
+              (2050, "version", DAMAGED, 1), (6199, "guard", DAMAGED, 1)]
+FAULT_LINES = [fault_line(*run) for run in FAULT_RUNS]
+TOTALS = "img: blocks checked 6200, failed 6 (guard 3, LBA 2, version 1), unprotected 0"
+ENDED = "img: blocks checked 8, failed 1 (guard 1, LBA 0, version 0), unprotected 0; ended at the first, --all goes on"
+FORMAT = "; blocks of 520 bytes, LBAs from 100\n"
 
 
 @contextlib.contextmanager
@@ -88,6 +105,8 @@ class DifctlTest(ToolTest):
     def test_images(self):
         """What commands make of whole images, in files and through pipes."""
         large = protected(RAW, 4160, CRC32C, 2)
+        standard = b"".join(data + guard(T10, data) + bytes(2) + (7 + index).to_bytes(4, "big")
+                            for index, data in enumerate(RAW[at : at + 512] for at in range(0, len(RAW), 512)))
         ten = RAW[: 10 * 4096]  # blocks of 4160, from here on
         place, edit = "--block 4160 --first-lba 0x1fffffffe", functools.partial(edited, block=4160)
         t10, crc32c = (protected(ten, 4160, version, 0x1FFFFFFFE) for version in (T10, CRC32C))
@@ -95,19 +114,23 @@ class DifctlTest(ToolTest):
             ("protect --lba 100 --entry 520", RAW, IMAGE),
             ("protect --block 4160 --crc crc32c --lba 2", RAW, large),
             ("protect --block 4160 --no-lba", ten, protected(ten, 4160, T10, None)),
+            ("protect --standard --lba 7", RAW, standard),
             ("strip --lba 100 --entry 545259520", IMAGE, RAW),
             ("strip --block 4160 --no-lba --entry 4160", large, RAW),
+            ("strip --standard --lba 7", standard, RAW),
             ("fold --first-lba 100 --crc crc32c --lba 2", IMAGE, large),
-            ("relabel --first-lba 100 --lba 9 --bitmap 6199,2040-0x802,2050-2060", IMAGE,
+            ("relabel --crc crc32c", IMAGE, protected(RAW, 520, CRC32C, 100)),
+            ("relabel --set-lba 3", large, protected(RAW, 4160, CRC32C, 3)),
+            ("relabel --first-lba 100 --lba 9 --at 6299 --at 2140,0xb --at 2150,11", IMAGE,
              edited(IMAGE, *((i, LBA, (9 + i).to_bytes(4, "big")) for i in [*range(2040, 2061), 6199]))),
             ("inject --first-lba 100 --at 103,3000 --lba 12", IMAGE,
              edited(IMAGE, *((i, LBA, (9 + i).to_bytes(4, "big")) for i in range(3, 3003)))),
-            (f"inject {place} --at 0x1ffffffff --version 255", t10, edit(t10, (1, VERSION, b"\xFF"))),
+            (f"inject {place} --at 0x1ffffffff --set-version 255", t10, edit(t10, (1, VERSION, b"\xFF"))),
             (f"inject {place} --at 0x200000001 --crc 0x1234", t10, edit(t10, (3, GUARD, b"\x34\x12"))),
             (f"inject {place} --at 8589934594,2 --lba 0x1000000ff", t10,
              edit(t10, (4, LBA, b"\0\0\0\xFF"), (5, LBA, b"\0\0\1\0"))),
-            (f"inject {place} --at 8589934597,2 --bst", t10, edit(t10, (7, FLAGS, b"\3"), (8, FLAGS, b"\3"))),
-            (f"relabel {place} --version-only --force --crc crc32c --bitmap 9-9", t10, edit(t10, (9, VERSION, b"\x29"))),
+            (f"inject {place} --at 8589934597,2 --set-bst", t10, edit(t10, (7, FLAGS, b"\3"), (8, FLAGS, b"\3"))),
+            (f"relabel {place} --version-only --force --crc crc32c --at 0x200000007", t10, edit(t10, (9, VERSION, b"\x29"))),
             (f"relabel {place} --version-only", edit(t10, *((i, GUARD, b"\0\0\x34") for i in range(10))),
              edit(t10, *((i, GUARD, b"\0\0\x13") for i in range(10)))),
             (f"relabel {place} --lba 77 --crc t10", edit(crc32c, (7, FLAGS, b"\3")),
@@ -149,7 +172,7 @@ class DifctlTest(ToolTest):
         damaged = edited(protected(RAW, 520, CRC32C, 100), (2050, -1, b"\0"), (6199, GUARD, bytes(2)))
         converted = IMAGE[: 2050 * 520] + damaged[2050 * 520 : 2051 * 520] + IMAGE[2051 * 520 : -520] + damaged[-520:]
         says = [fault_line(2050, "guard", damaged), fault_line(6199, "guard", damaged),
-                "img: blocks checked 6200, failed 2 (guard 2, LBA 0, version 0); these are left as they were\n"]
+                "img: blocks checked 6200, failed 2 (guard 2, LBA 0, version 0), unprotected 0; these are left as they were\n"]
         for kwargs in {"says": says}, {"preexec_fn": lambda: os.close(2)}:  # whose number the image must not get
             self.write("img", damaged)
             self.run_tool("convert", "--force", "--first-lba", "100", "img", status=1, **kwargs)
@@ -164,18 +187,24 @@ class DifctlTest(ToolTest):
         report = "".join(f"{words}: {'yes' if key in holds else 'no'}\n" for words, key in answers.items())
         for every, lines, end in (["--all"], FAULT_LINES, TOTALS), ([], FAULT_LINES[:1], ENDED):
             base = ["verify", "--lba", "100", *every, "img"]
-            self.assertEqual(self.run_tool(*base, status=1).decode(), "".join(lines) + end + "\n")
-            self.assertEqual(self.run_tool(*base, "--report", status=1).decode(), "".join(lines) + report + end + "\n")
-            found = [{"block": block, "lba": 100 + block, "kind": kind, "tuple": fault_line(block, kind).split()[-1]}
-                     for block, kind in FAULTS.items()][: len(lines)]
-            failed = {kind: sum(fault["kind"] == kind for fault in found) for kind in ("guard", "LBA", "version")}
-            self.assertEqual(json.loads(self.run_tool(*base, "--json", "--report", status=1)), {
-                "image": "img", "block_size": 520, "lba": 100, "failed_blocks": found,
-                "failed": {"total": len(found), **failed}, "complete": bool(every),
-                "blocks_checked": 6200 if every else 8,
-                "report": {key: key in holds for key in answers.values()}})
+            self.assertEqual(self.run_tool(*base, status=1).decode(), "".join(lines) + end + FORMAT)
+            self.assertEqual(self.run_tool(*base, "--report", status=1).decode(), "".join(lines) + report + end + FORMAT)
+            failed = {"total": 6, "guard": 3, "lba": 2, "version": 1} if every else {
+                "total": 1, "guard": 1, "lba": 0, "version": 0}
+            result = {"schema": 2, "image": "img", "block_size": 520, "first_lba": 100,
+                      "faults": [fault(*run) for run in FAULT_RUNS][: len(lines)], "faults_omitted": 0,
+                      "failed": {**failed, "unprotected": 0}, "complete": bool(every),
+                      "blocks_checked": 6200 if every else 8, "blocks_unprotected": 0,
+                      "report": {key: key in holds for key in answers.values()}}
+            self.assertEqual(json.loads(self.run_tool(*base, "--json", "--report", status=1)), result)
+            few = json.loads(self.run_tool(*base, "--json", "--report", "--max-faults", "1", status=1))
+            self.assertEqual(few, {**result, "faults": result["faults"][:1], "faults_omitted": len(lines) - 1})
+        some = self.run_tool("verify", "img", "--at", "2146,4", "--all", "--max-faults=1", "-q", status=1).decode()
+        self.assertEqual(some, FAULT_LINES[1] + "img: 1 more run of failed blocks is not named\n"
+                         "img: blocks checked 4, failed 3 (guard 1, LBA 2, version 0), unprotected 0" + FORMAT)
+        self.assertEqual(self.run_tool("verify", "img", "--at", "1000,1K", "-q"), b"")
         result = json.loads(self.run_tool("verify", "--json", "--no-lba", self.write(b"\xff", IMAGE)))
-        self.assertEqual((result["image"], result["failed_blocks"], "report" in result), ("\ufffd", [], False))
+        self.assertEqual((result["image"], result["faults"], "report" in result), ("\ufffd", [], False))
         self.run_tool("verify", "-v", "--lba", "100", "img", status=1, says=re.compile(".*NOTICE.*Exit DIF Module.*"))
         for _ in range(2):  # the second file replaces the first
             stats = self.run_tool("verify", "--all", "--lba", "100", "--stats", "--metrics", "m.prom", "img", status=1)
@@ -196,17 +225,78 @@ class DifctlTest(ToolTest):
         for image, options, faults, holds in (
             (zero, "--report", {}, ["all_lba_valid", "all_zero"]),
             (edited(zero, (0, FLAGS, b"\3")) + t10, "--report --no-lba", {}, ["have_bst"]),
+            (t10 + bytes(520) + zero, "--all --require --no-lba", {2: "unprotected"}, []),
             (bytes(2048 * 520) + protected(RAW[:512], lba=2048), "--report", {}, ["version_zero"]),
             (t10 + crc32c + bytes(520), "--all --crc t10", {2: "version", 3: "version"}, []),
             (t10 + crc32c + bytes(520), "--all --crc crc32c", {0: "version", 1: "version", 3: "version"}, []),
             (t10 + crc32c, "--crc crc32c", {0: "version"}, []), (standard, f"--standard --lba {first}", {}, []),
-            (bad, f"--standard --lba {first} --all --entry 1040", {3: "guard", 18: "guard", 20: "LBA", 39: "LBA"}, []),
+            (bad, f"--standard --lba {first} --all --entry 1040", {3: "guard", 18: "guard", 20: "lba", 39: "lba"}, []),
         ):
             result = self.run_tool("verify", "--json", *options.split(), "-", input=image, status=int(bool(faults)))
             result = json.loads(result)
             self.assertEqual(result["image"], "standard input")
-            self.assertEqual({fault["block"]: fault["kind"] for fault in result["failed_blocks"]}, faults, options)
+            self.assertEqual({run["block"] + i: run["kind"] for run in result["faults"] for i in range(run["count"])}, faults, options)
             self.assertEqual([key for key, answer in result.get("report", {}).items() if answer], holds)
+
+    def test_info(self):
+        large, ref = protected(RAW, 4160, CRC32C, 7), lambda index: (9 + index).to_bytes(4, "big")
+        plain = b"".join(data + guard(T10, data) + b"ab" + ref(index)
+                         for index, data in enumerate(RAW[at : at + 512] for at in range(0, 16 * 512, 512)))
+        for image, seen in (
+            (edited(IMAGE, (3, -1, b"x"), (9, FLAGS, b"\3")),
+             dict(block_size=520, blocks=6200, guards=["t10"], first_lba=100, protected=6200, bst=1)),
+            (large + bytes(4160 * 775) + b"tail", dict(block_size=4160, blocks=1550, guards=["crc32c"], first_lba=7,
+                                                      bytes_behind=4, protected=775, unwritten=775, looked_at=1550)),
+            (plain, dict(block_size=520, standard=True, first_lba=9, guards=["t10"])),
+            (IMAGE[: 520 * 9] + RAW[: 520 * 7], dict(protected=9, unknown=7, looked_at=16)),
+            (RAW, dict(fields=False, zeros=False)), (bytes(4160), dict(fields=False, zeros=True)),
+        ):
+            self.write("img", image)
+            said = json.loads(self.run_tool("info", "--all", "--json", "img"))
+            self.assertEqual({**said, **seen, "schema": 2, "bytes": len(image), "sample": False}, said)
+        self.write("img", IMAGE)
+        self.assertEqual(self.run_tool("info", "img").decode().splitlines()[:2],
+                         ["img: blocks of 520 bytes with guard t10 and LBAs from 100",
+                          "length:            3224000 bytes, 6200 blocks"])
+        self.assertIn(b"with a field:      1024 (100%)", self.run_tool("info", "img"))
+        self.assertEqual(self.run_tool("info", self.write("img", RAW)), b"img: data without fields of either block size\n")
+        plain = edited(plain, (3, 2, b"\xFF\xFF"), (4, 7, b"\0"))
+        self.refused("verify", self.write("plain", plain), says="LBAs from 9, plain T10; --standard fits")
+        lines = self.run_tool("show", "--standard", "plain", "--at", "11,3").decode().splitlines()
+        self.assertRegex(lines[0], r"\(expected \w+\), application tag 0x6162, reference tag 11 \(expected 11\)$")
+        self.assertRegex(lines[1], r"^block 3, LBA 12: guard \w+, application tag 0xffff, .* 12; exempt from checks$")
+        self.assertRegex(lines[2], r"reference tag 0 \(expected 13\); wrong: reference tag$")
+
+    def test_repair(self):
+        """Two replicas with damage here and there, in data, fields and places; blocks of zeros in one do not heal."""
+        for block, version in (520, T10), (4160, CRC32C):
+            good = protected(RAW, block, version, 40)
+            blocks = len(good) // block
+            faults = lambda: {random.randrange(blocks): random.choice((-9, 0, 2, 7)) for _ in range(60)}
+            ours, theirs = faults(), faults()
+            left = sorted((ours.keys() & theirs.keys()) | {5, blocks - 1})
+            ours |= dict.fromkeys(left, -9)
+            theirs |= dict.fromkeys(left, 0)
+            bad = edited(good, *((index, offset, b"\xEE") for index, offset in ours.items()), block=block)
+            other = edited(good, *((index, offset, b"\xEE") for index, offset in theirs.items()), block=block)
+            other = other[: 5 * block] + bytes(block) + other[6 * block :]
+            healed = b"".join((bad if index in left else good)[index * block :][:block] for index in range(blocks))
+            self.write("img", bad), self.write("replica", other)
+            words, totals = ["repair", "img", "--from", "replica"], (
+                f"img: blocks checked {blocks}, %s replica {len(ours) - len(left)}, failing in both and left {len(left)}\n")
+            named = re.compile(".*block 5, LBA 45: guard error.*")
+            out = self.run_tool(*words, "--dry-run", status=1, says=named)
+            self.assertEqual(out.decode(), totals % "to be taken from")
+            self.is_file("img", bad)
+            self.assertEqual(self.run_tool(*words, status=1, says=named).decode(), totals % "taken from")
+            self.is_file("img", healed)
+            self.is_file("replica", other)
+            self.run_tool("repair", "img", "--from", self.write("good", good))
+            self.is_file("img", good)
+        self.write("img", edited(IMAGE, (7, GUARD, bytes(2))))
+        self.refused("repair", "img", "--from", self.write("other", protected(RAW[::-1], lba=100)),
+                     says="other: is no replica of img: of 256 blocks that pass in both, 256 differ; --force goes ahead")
+        self.refused("repair", "img", "--from", self.write("short", IMAGE[:5200]), says="it has 5200 bytes, not 3224000")
 
     def test_show(self):
         shown_as = {  # behind zero data, from LBA 0x1fffffffe on
@@ -230,7 +320,7 @@ class DifctlTest(ToolTest):
         self.assertEqual(re.findall(r"block (\d+)|(wrong)", lines), [(str(i), "") for i in range(99, 549)])
 
     def test_refusals(self):
-        for name, content in (("raw", RAW[:4096]), ("odd", RAW[:1000]), ("taken", b"old"), ("good", bytes(8 * 520)),
+        for name, content in (("raw", RAW[:4096]), ("odd", RAW[:1000]), ("taken", b"old"), ("good", bytes(8 * 520)), ("place", IMAGE),
                               ("mixed", protected(RAW[:2048]) + protected(RAW[:2048], version=CRC32C, lba=4))):
             self.write(name, content)
         os.mkfifo("fifo")
@@ -238,30 +328,36 @@ class DifctlTest(ToolTest):
             "protect odd new": "odd: length 1000 is not whole blocks of 512 bytes: 488 bytes are left after 1 blocks",
             "protect raw fifo --force": "fifo: is not a regular file; write to '-' and redirect that",
             "protect raw taken": "taken: exists already; --force replaces it",
-            "protect --lba -1 raw new": "--lba: '-1' is not a number from 0 to 18446744073709551615",
-            "": "a command: protect, verify, strip, show, inject, relabel, convert, fold, shell, attach or selftest",
+            "protect --lba -1 raw new": "--first-lba: '-1' is not a number from 0 to 18446744073709551615",
+            "": "A command, such as verify, is required",
+            "-v verfy good": "unknown command 'verfy', did you mean 'verify'?",
+            "frobnicate": "unknown command 'frobnicate'; --help",
+            "verify --first-lba 7 place": "--first-lba 7 contradicts its fields, which look like blocks of 520 bytes with "
+                                          "guard t10 and LBAs from 100; --first-lba 100 fits",
+            "show --block 4160 place --at 100": "--block 520 fits",
+            "strip --crc crc32c place new": "--crc crc32c contradicts its fields, which look like blocks of 520 bytes with "
+                                            "guard t10 and LBAs from 100; --crc t10 fits",
+            "selftest --times 0": "--times 0 would compare nothing",
             "verify --entry 0 --block 4160 good": "--entry 0: a list entry holds whole blocks of 4160 bytes, at least",
             **dict.fromkeys(("verify --standard --report good", "verify --standard --crc t10 good",
-                             "verify --stats --json good", "protect --lba 1 --no-lba raw new",
+                             "verify --stats --json good", "protect --first-lba 1 --no-lba raw new", "protect --standard --crc t10 raw new",
                              "relabel --version-only --lba 1 good"), "excludes"),
             "verify .": ".: is a directory, not an image",
             "relabel --lba 1 --block 4160 mixed": "which look like blocks of 520 bytes with guards t10 and crc32c and LBAs from 0",
             "relabel --lba 1 -": "standard input: cannot be changed in place; name a file",
             "relabel --lba 1 nowhere": "nowhere: cannot open for writing: No such file",
             "show --lba 18446744073709551615 good --at 0": "--at 0,1: is not all in good",
-            "relabel --lba 1 --bitmap 18446744073709551615 good": "is neither a block nor a range",
-            "inject --at 0 --version 256 good": "--version: '256' is not a number from 0 to 255",
-            "inject --at 0 --crc 65536 good": "--crc: '65536' is not a number from 0 to 65535",
+            "inject --at 0 --version 256 good": "--set-version: '256' is not a number from 0 to 255",
+            "inject --at 0 --crc 65536 good": "--set-guard: '65536' is not a number from 0 to 65535",
             "verify --block 512 good": "--block: 512 not in {520,4160}",
             "protect --crc T10 raw new": "--crc: T10 not in {t10,crc32c}",
             "show - --at 0": "standard input: has no known length",
             "show good --at 0,0": "--at '0,0': is not an LBA or LBA,COUNT with a COUNT from 1 on",
-            "inject --at 0 good": "no fault is asked for; give at least one of --version, --crc, --lba and --bst",
-            "inject --at 6,3 --bst good": "--at 6,3: is not all in good, whose 8 blocks start at LBA 0",
-            "relabel --lba 1 --bitmap 0,5-3 good": "--bitmap '0,5-3': '5-3' is neither a block nor a range FIRST-LAST",
+            "inject --at 0 good": "no fault is asked for; give at least one of --set-version, --set-guard, --set-lba and --set-bst",
+            "inject --force --at 6,3 --bst good": "--at 6,3: is not all in good, whose 8 blocks start at LBA 0",
             "verify --metrics no/where good": "no/where: cannot create a file",
             "attach nowhere.sock metrics": "nowhere.sock: cannot run a command through this socket: No such file",
-            "relabel --lba 1 --bitmap 2-8,1 good": "good has no block 8, its 8 blocks count from 0",
+            "relabel --lba 1 --force good --at 1 --at 2,7": "--at 2,7: is not all in good, whose 8 blocks start at LBA 0",
         }.items():
             with self.subTest(command):
                 self.refused(*command.split(), says=says)
@@ -348,7 +444,7 @@ class DifctlTest(ToolTest):
         env = {**os.environ, "ASAN_OPTIONS": "detect_leaks=0"}
         traced = "trace=fsync,linkat,writev"
         strace = ["strace", "-f", "-y", "-qq", "-o", "calls", "-e", traced, "-e"]
-        for command, expected in (("relabel --force --lba 1 --bitmap 2048 img", ["fsync"]),
+        for command, expected in (("relabel --force --lba 1 --at 2148 img", ["fsync"]),
                                   ("convert --no-lba img", ["fsync"]),
                                   ("protect raw new", ["writev"] * 4 + ["fsync", "linkat", "fsync"])):
             self.run_tool(*command.split(), under=[*strace, "status=successful"], env=env)
@@ -419,7 +515,7 @@ class DifctlTest(ToolTest):
     def test_help(self):
         self.assertRegex(self.run_tool("--version"), rb"^difctl \d+\.\d+\.\d+\n$")
         commands = re.findall(r"(?m)^  ([a-z]+)   ", self.run_tool("--help").decode())
-        self.assertEqual(len(commands), 11)
+        self.assertEqual(len(commands), 13)
         for command in commands:
             text = self.run_tool(command, "--help").decode()
             self.assertRegex(text, r"\nExit status: 0 .*\.\n\nExamples:\n")

@@ -1,4 +1,5 @@
 /* difctl: disk images whose blocks carry an integrity field. The process, its commands, and where errors end. */
+#include "commands/old_names.h"
 #include "commands/options.h"
 #include "io/error.h"
 #include "io/interrupt.h"
@@ -6,11 +7,15 @@
 #include "io/transfer.h"
 #include "pass/library.h"
 
+#include <algorithm>
 #include <csignal>
 #include <iostream>
-#include <span>
+#include <numeric>
 #include <sstream>
+#include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include <fcntl.h>
 
@@ -28,12 +33,82 @@ void occupyStandardStreams() {
 }
 
 /* In the order in which --help lists them. */
-constexpr auto kCommands = {addProtect, addVerify, addStrip, addShow,   addInject,  addRelabel,
-                            addConvert, addFold,   addShell, addAttach, addSelftest};
+constexpr auto kCommands = {addInfo,    addProtect, addVerify, addStrip, addShow,   addInject,  addRelabel,
+                            addConvert, addRepair,  addFold,   addShell, addAttach, addSelftest};
+
+std::vector<CLI::App *> commandsOf(CLI::App &app) {
+    return app.get_subcommands([](CLI::App *) { return true; });
+}
+
+/* Options that go before a command as well as behind it. */
+struct Talk {
+    bool verbose = false;
+    bool quiet = false;
+    bool progress = false;
+
+    void addTo(CLI::App &app) {
+        app.add_flag("-v,--verbose", verbose, "Show the library's warnings and notices, not only its errors");
+        app.add_flag("-q,--quiet", quiet, "Show no progress, and no result that all is well");
+        app.add_flag("-p,--progress", progress, "Show progress at once and off a terminal, too")
+            ->excludes(app.get_option("--quiet"));
+    }
+
+    Show work() const {
+        /* The library's messages would cut through a bar. */
+        return quiet ? Show::kNothing : verbose ? Show::kNoBar : progress ? Show::kBarAtOnce : Show::kBar;
+    }
+};
+
+/* How many letters must be changed, put in or taken out to make the one word the other. */
+size_t distanceOf(std::string_view a, std::string_view b) {
+    std::vector<size_t> row(b.size() + 1);
+    std::iota(row.begin(), row.end(), size_t{0});
+    for (size_t i = 0; i < a.size(); ++i) {
+        size_t diagonal = std::exchange(row[0], i + 1);
+        for (size_t j = 0; j < b.size(); ++j) {
+            const size_t changed = diagonal + (a[i] == b[j] ? 0 : 1);
+            diagonal = row[j + 1];
+            row[j + 1] = std::min({changed, row[j] + 1, diagonal + 1});
+        }
+    }
+    return row.back();
+}
+
+void requireCommand(CLI::App &app, const std::string &word) {
+    const CLI::App *nearest = nullptr;
+    for (const CLI::App *command : commandsOf(app)) {
+        if (command->get_name() == word) {
+            return;
+        }
+        if (nearest == nullptr || distanceOf(word, command->get_name()) < distanceOf(word, nearest->get_name())) {
+            nearest = command;
+        }
+    }
+    const bool near = distanceOf(word, nearest->get_name()) <= 2;
+    throw CLI::ValidationError("unknown command '" + word + "'" +
+                               (near ? ", did you mean '" + nearest->get_name() + "'?" : ""));
+}
+
+/* The words behind the program's name as the parser takes them: "help COMMAND" is "COMMAND --help". */
+std::vector<std::string> understood(CLI::App &app, std::vector<std::string> words) {
+    const auto command =
+        std::find_if(words.begin(), words.end(), [](const auto &word) { return !word.starts_with("-"); });
+    if (command == words.end()) {
+        return words;
+    }
+    if (*command == "help") {
+        words.erase(command);
+        words.insert(words.end(), "--help");
+        return words.size() > 1 ? understood(app, words) : words;
+    }
+    requireCommand(app, *command);
+    replaceOldNames(*command, words);
+    return words;
+}
 
 /* An empty shell variable must not pass for an option that was not given. The words of attach alone may be empty. */
 void refuseEmptyValues(CLI::App &app) {
-    for (CLI::App *command : app.get_subcommands([](CLI::App *) { return true; })) {
+    for (CLI::App *command : commandsOf(app)) {
         for (CLI::Option *option : command->get_options()) {
             if (option->get_items_expected_max() == 1) {
                 option->transform(
@@ -47,44 +122,48 @@ void refuseEmptyValues(CLI::App &app) {
 }
 
 /* "--option=" would take the next word for its value. */
-void refuseEmptyAssignments(std::span<char *> words) {
-    for (const std::string_view word : words) {
+void refuseEmptyAssignments(const std::vector<std::string> &words) {
+    for (const std::string &word : words) {
         if (word == "--") {
             return;
         }
         if (word.starts_with("--") && word.ends_with("=")) {
-            throw CLI::ValidationError(std::string(word.substr(0, word.size() - 1)), "has an empty value");
+            throw CLI::ValidationError(word.substr(0, word.size() - 1), "has an empty value");
         }
     }
 }
 
 int run(int argc, char **argv) {
     Command command;
-    bool verbose = false;
+    Talk talk;
     CLI::App app("Disk images whose blocks carry an 8-byte integrity field: a guard, a version, an LBA.", "difctl");
-    app.set_version_flag("--version", "difctl " DIFCTL_VERSION, "Print the version and exit");
+    app.set_version_flag("-V,--version", "difctl " DIFCTL_VERSION, "Print the version and exit");
     app.failure_message([](const CLI::App *, const CLI::Error &error) {
         return "difctl: " + printable(error.what()) + "; --help tells more\n";
     });
-    app.add_flag("-v,--verbose", verbose, "Show the library's warnings and notices, not only its errors");
+    talk.addTo(app);
     app.footer(std::string(kExitStatusText) + R"(
 Examples:
   difctl protect disk.raw disk.dif
   difctl verify disk.dif
   difctl strip disk.dif disk.raw
-  difctl protect --help
+  difctl help protect
 )");
     for (const auto addTo : kCommands) {
         addTo(app, command);
     }
+    for (CLI::App *const sub : commandsOf(app)) {
+        talk.addTo(*sub);
+    }
     app.require_subcommand(0, 1);
     refuseEmptyValues(app);
     try {
-        refuseEmptyAssignments({argv, static_cast<size_t>(argc)});
-        app.parse(argc, argv);
+        std::vector<std::string> words = understood(app, {argv + 1, argv + argc});
+        refuseEmptyAssignments(words);
+        std::reverse(words.begin(), words.end()); /* as the parser takes them */
+        app.parse(std::move(words));
         if (!command) {
-            throw CLI::RequiredError("a command: protect, verify, strip, show, inject, relabel, convert, fold, "
-                                     "shell, attach or selftest");
+            throw CLI::RequiredError("A command, such as verify,");
         }
     } catch (const CLI::ParseError &error) {
         std::ostringstream help;
@@ -92,9 +171,8 @@ Examples:
         printResult(help.str());
         return status == 0 ? kAllWell : kNotDone;
     }
-    /* The library's messages would cut through a bar. */
-    allowProgress(!verbose);
-    const Library library(verbose);
+    showOfWork(talk.work());
+    const Library library(talk.verbose);
     return command();
 }
 

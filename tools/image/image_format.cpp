@@ -21,6 +21,9 @@ constexpr uint64_t kSearchChunks = 256; /* in one read of the search for data */
 /* Of blocks that are not zero, one in so many must look like a field if none is proven; chance makes one in thousands. */
 constexpr uint64_t kLeastShare = 16;
 
+/* More first LBAs than these are not told apart: an image of something else would have one a block. */
+constexpr size_t kMostFirstLbas = 4096;
+
 bool isFilledWith(uint8_t byte, const uint8_t *bytes, size_t size) {
     return bytes[0] == byte && std::memcmp(bytes, bytes + 1, size - 1) == 0;
 }
@@ -31,6 +34,9 @@ public:
 
     /* Looks at the `size` bytes at `offset` in either block size. */
     void look(uint8_t *bytes, uint64_t offset, uint64_t size) {
+        if (size == 0) { /* cut off meanwhile */
+            return;
+        }
         format_.holdsData = format_.holdsData || !isFilledWith(0, bytes, size);
         for (size_t kind = 0; kind < format_.evidence.size(); ++kind) {
             const uint32_t blockSize = format_.evidence[kind].format->geometry.blockSize;
@@ -45,7 +51,7 @@ public:
         for (size_t kind = 0; kind < format_.evidence.size(); ++kind) {
             FormatEvidence &evidence = format_.evidence[kind];
             for (const uint32_t first : onlyLba_[kind]) {
-                evidence.fields += evidence.firstLbas[first] > 1 ? 1 : 0;
+                evidence.fields += evidence.lbas.of(first) > 1 ? 1 : 0;
             }
         }
     }
@@ -56,6 +62,7 @@ private:
         FormatEvidence &evidence = format_.evidence[kind];
         const DifTypeInfo &geometry = evidence.format->geometry;
         if (isFilledWith(0, block, geometry.blockSize)) {
+            ++evidence.unwritten;
             return;
         }
         DifTuple tuple = {};
@@ -64,8 +71,9 @@ private:
         const bool t10 = written && tuple.crc == guardOf(DIF_VERSION_T10, block, geometry.dataSize);
         const bool crc32c = written && tuple.crc == guardOf(DIF_VERSION_CRC32C, block, geometry.dataSize);
         const bool proven = tuple.version == DIF_VERSION_T10 ? t10 : tuple.version == DIF_VERSION_CRC32C && crc32c;
-        const bool versionFits = tuple.version == DIF_VERSION_T10 || tuple.version == DIF_VERSION_CRC32C ||
-                                 (tuple.version == DIF_VERSION_NO_CRC && tuple.crc == 0);
+        const bool ownVersion = tuple.version == DIF_VERSION_T10 || tuple.version == DIF_VERSION_CRC32C ||
+                                tuple.version == DIF_VERSION_NO_CRC;
+        const bool versionFits = ownVersion && (tuple.version != DIF_VERSION_NO_CRC || tuple.crc == 0);
         const bool flagsFit = (tuple.app & ~(DIF_APP_BST | DIF_APP_LBA_VALID)) == 0;
         const bool exempt = tuple.version == 0xFF && tuple.app == 0xFF && !isFilledWith(0xFF, block, geometry.dataSize);
         const bool field = t10 || crc32c || (versionFits && flagsFit) || exempt;
@@ -74,10 +82,14 @@ private:
         evidence.crc32c += crc32c ? 1 : 0;
         evidence.proven += proven ? 1 : 0;
         evidence.fields += field ? 1 : 0;
+        evidence.bst += field && !exempt && (tuple.app & DIF_APP_BST) != 0 ? 1 : 0;
+        const uint32_t first = be32toh(tuple.lba) - static_cast<uint32_t>(lba);
+        if (t10 && !ownVersion) {
+            evidence.standardTags.add(first);
+        }
         if (flagsFit && (tuple.app & DIF_APP_LBA_VALID) != 0) {
-            const uint32_t first = be32toh(tuple.lba) - static_cast<uint32_t>(lba);
-            ++evidence.firstLbas[first];
-            if (!field) {
+            evidence.lbas.add(first);
+            if (!field && onlyLba_[kind].size() < kMostFirstLbas) {
                 onlyLba_[kind].push_back(first);
             }
         }
@@ -89,14 +101,27 @@ private:
 
 } // namespace
 
-std::optional<uint32_t> FormatEvidence::firstLba() const {
-    uint64_t all = 0;
-    const std::pair<const uint32_t, uint64_t> *most = nullptr;
-    for (const auto &entry : firstLbas) {
-        all += entry.second;
-        most = most == nullptr || entry.second > most->second ? &entry : most;
+void FirstLbas::add(uint32_t first) {
+    ++all_;
+    if (blocks_.size() < kMostFirstLbas || blocks_.contains(first)) {
+        ++blocks_[first];
     }
-    return most != nullptr && 2 * most->second > all ? std::optional(most->first) : std::nullopt;
+}
+
+uint64_t FirstLbas::of(uint32_t first) const {
+    const auto found = blocks_.find(first);
+    return found == blocks_.end() ? 0 : found->second;
+}
+
+std::optional<uint32_t> FirstLbas::majority() const {
+    const auto most = std::max_element(blocks_.begin(), blocks_.end(),
+                                       [](const auto &a, const auto &b) { return a.second < b.second; });
+    return most != blocks_.end() && 2 * most->second > all_ ? std::optional(most->first) : std::nullopt;
+}
+
+bool FormatEvidence::isStandard() const {
+    const auto first = standardTags.majority();
+    return first && 2 * standardTags.of(*first) > fields;
 }
 
 std::string FormatEvidence::text() const {
@@ -106,9 +131,10 @@ std::string FormatEvidence::text() const {
                                                       : "guards t10 and crc32c";
     const auto lba = firstLba();
     return "blocks of " + std::to_string(format->geometry.blockSize) + " bytes with " + guard +
-           (lba                 ? " and LBAs from " + std::to_string(*lba)
-            : firstLbas.empty() ? " and no LBAs"
-                                : " and LBAs in no order");
+           (lba            ? " and LBAs from " + std::to_string(*lba)
+            : lbas.empty() ? " and no LBAs"
+                           : " and LBAs in no order") +
+           (isStandard() ? ", plain T10" : "");
 }
 
 const FormatEvidence *ImageFormat::best() const {
@@ -117,13 +143,20 @@ const FormatEvidence *ImageFormat::best() const {
     return answer.proven > 0 || (answer.fields > 0 && answer.fields * kLeastShare >= answer.blocks) ? &answer : nullptr;
 }
 
-ImageFormat lookAtFormat(Reader &reader) {
+ImageFormat lookAtFormat(Reader &reader, Extent extent) {
     ImageFormat format;
     Observer observer(format);
     const uint64_t length = reader.length();
     const uint64_t chunkNum = (length + kChunkBytes - 1) / kChunkBytes;
     const uint64_t sampleNum = std::min(chunkNum, kSampleChunks);
     std::vector<uint8_t> bytes(kSearchChunks * kChunkBytes);
+    if (extent == Extent::kAll) {
+        for (uint64_t offset = 0; offset < length; offset += bytes.size()) {
+            observer.look(bytes.data(), offset, reader.read(offset, bytes.data(), bytes.size()));
+        }
+        observer.finish();
+        return format;
+    }
     for (uint64_t i = 0; i < sampleNum; ++i) {
         /* The first and the last chunk, and what lies between at equal distances. */
         const uint64_t offset = (i == 0 ? 0 : i * (chunkNum - 1) / (sampleNum - 1)) * kChunkBytes;

@@ -14,6 +14,7 @@ namespace difctl {
 using Command = std::function<int()>;
 
 /* Each adds its subcommand to `app`, which sets `chosen` if the command line names it. */
+void addInfo(CLI::App &app, Command &chosen);
 void addProtect(CLI::App &app, Command &chosen);
 void addVerify(CLI::App &app, Command &chosen);
 void addStrip(CLI::App &app, Command &chosen);
@@ -21,6 +22,7 @@ void addShow(CLI::App &app, Command &chosen);
 void addInject(CLI::App &app, Command &chosen);
 void addRelabel(CLI::App &app, Command &chosen);
 void addConvert(CLI::App &app, Command &chosen);
+void addRepair(CLI::App &app, Command &chosen);
 void addFold(CLI::App &app, Command &chosen);
 void addShell(CLI::App &app, Command &chosen);
 void addAttach(CLI::App &app, Command &chosen);

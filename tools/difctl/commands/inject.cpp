@@ -22,12 +22,13 @@ int runInject(const InjectOptions &options) {
     faults.crc = static_cast<uint16_t>(options.guard.value_or(0));
     faults.lba = options.lba.value_or(0);
     if (faults.ctrlFlag == 0) {
-        throw Error("inject: no fault is asked for; give at least one of --version, --crc, --lba and --bst");
+        throw Error(
+            "inject: no fault is asked for; give at least one of --set-version, --set-guard, --set-lba and --set-bst");
     }
     const At at = parseAt(options.at);
-    InPlaceImage image(options.image, formatOf(options.blockSize));
-    const BlockRange blocks = blocksAt(at, options.check.imageLba, image.blockNum(), image.name());
-    if (!image.mayChange(options.check, options.force)) {
+    InPlaceImage image(options.image, options.claims, options.check, options.force);
+    const BlockRange blocks = blocksAt(at, image.firstLba(), image.blockNum(), image.name());
+    if (!image.mayChange()) {
         return kFaultsFound;
     }
     image.change([&](Request &request) { injectRequest(request, faults, blocks.first); }, blocks);
@@ -39,19 +40,22 @@ int runInject(const InjectOptions &options) {
 void addInject(CLI::App &app, Command &chosen) {
     const auto [command, options] =
         addCommand(app, chosen, "inject", "Write faults into the fields of some blocks, in place", runInject);
-    addInPlaceImage(command, options, "--first-lba");
-    addAt(command, options.at);
-    addNumber(command, "--version", options.version, "Version byte to write", UINT8_MAX);
-    addNumber(command, "--crc", options.guard, "Guard to write, low byte first: 0x1234 is stored as 34 12", UINT16_MAX);
-    addNumber(command, "--lba", options.lba,
+    addInPlaceImage(command, options);
+    addAt(command, options.at, "The block with this LBA, or COUNT blocks from there on")->required();
+    addNumber(command, "--set-version", "BYTE", options.version, "Version to write", UINT8_MAX);
+    addNumber(command, "--set-guard", "GUARD", options.guard,
+              "Guard to write, low byte first: 0x1234 is stored as 34 12", UINT16_MAX);
+    addNumber(command, "--set-lba", "LBA", options.lba,
               "LBA to write into the first of the blocks, one more into each further one");
-    command.add_flag("--bst", options.bst, "Set the BST mark, which fails no check");
-    command.footer(std::string("Writes faults into fields, at least one of --version, --crc, --lba and --bst.\n") +
-                   kInPlaceText + kExitStatusText + R"(
+    command.add_flag("--set-bst", options.bst, "Set the BST mark, which fails no check");
+    command.footer(
+        std::string(
+            "Writes faults into fields, at least one of --set-version, --set-guard, --set-lba and --set-bst.\n") +
+        kInPlaceText + kExitStatusText + R"(
 Examples:
-  difctl inject disk.dif --at 100 --version 0x1f
-  difctl inject --force disk.dif --at 200,8 --crc 0xdead --lba 7
-  difctl inject --first-lba 2048 --block 4160 part.dif --at 2050 --bst
+  difctl inject disk.dif --at 100 --set-version 0x1f
+  difctl inject --force disk.dif --at 200,8 --set-guard 0xdead --set-lba 7
+  difctl inject --first-lba 2048 --block 4160 part.dif --at 2050 --set-bst
 )");
 }
 

@@ -4,6 +4,8 @@
 
 #include "commands/commands.h"
 #include "io/number.h"
+#include "io/source.h"
+#include "pass/recognition.h"
 #include "pass/request.h"
 
 #include <cstdint>
@@ -11,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 
@@ -19,18 +22,23 @@ namespace difctl {
 /* What every command on an image of protected blocks knows about it, and about its check of them. */
 struct ImageOptions {
     std::string image;
-    uint32_t blockSize = 520;
+    Claims claims;
     CheckOptions check;
 };
 
-/* What verify and strip know beyond that. */
-struct CheckedImageOptions : ImageOptions {
-    std::optional<uint64_t> entryBytes;
-};
-
-/* What the commands that change an image where it is know beyond ImageOptions; all that convert knows. */
+/* What the commands that change an image where it is know beyond that; all that convert knows. */
 struct InPlaceOptions : ImageOptions {
     bool force = false;
+};
+
+/* An image that a command reads and checks: `check` knows what the image shows where the command line says nothing. */
+struct OpenedImage {
+    explicit OpenedImage(const ImageOptions &options);
+
+    ImageFile file;
+    Recognition seen;
+    CheckOptions check;
+    Source source;
 };
 
 /* Ends of help texts. */
@@ -53,8 +61,8 @@ std::pair<CLI::App &, Options &> addCommand(CLI::App &app, Command &chosen, cons
 
 /* A number from 0 to `max` for `target`. CLI11 itself would take a sign and wrap what is too large. */
 template <typename Target>
-CLI::Option *addNumber(CLI::App &command, const std::string &names, Target &target, const std::string &text,
-                       uint64_t max = UINT64_MAX) {
+CLI::Option *addNumber(CLI::App &command, const std::string &names, const char *placeholder, Target &target,
+                       const std::string &text, uint64_t max = UINT64_MAX) {
     const auto plain = [max](const std::string &word) {
         const auto number = parseNumber(word, max);
         if (!number) {
@@ -62,23 +70,22 @@ CLI::Option *addNumber(CLI::App &command, const std::string &names, Target &targ
         }
         return std::to_string(*number);
     };
-    return command.add_option(names, target, text)->transform(plain, "");
+    return command.add_option(names, target, text)->type_name(placeholder)->transform(plain, "");
 }
 
-/* The names of the guards. */
-CLI::IsMember crcName();
-
-void addBlockSize(CLI::App &command, uint32_t &blockSize);
+CLI::Option *addForce(CLI::App &command, bool &force, const char *text);
+CLI::Option *addBlockSize(CLI::App &command, std::optional<uint32_t> &blockSize, const char *byDefault);
 void addEntry(CLI::App &command, std::optional<uint64_t> &entryBytes);
 CLI::Option *addCrc(CLI::App &command, std::string &crc, const char *text);
+CLI::Option *addRequiredCrc(CLI::App &command, CheckOptions &check);
 void addDestination(CLI::App &command, std::string &destination, bool &force, const char *text);
-void addAt(CLI::App &command, std::string &at);
+CLI::Option *addAt(CLI::App &command, std::string &at, const char *text);
 
-/* `lbaNames`: --first-lba everywhere, and --lba where that has no meaning of its own. */
-void addImage(CLI::App &command, ImageOptions &options, const char *lbaNames = "--lba,--first-lba");
+void addImage(CLI::App &command, ImageOptions &options,
+              const char *text = "Image of protected blocks; - is standard input");
 void addCheck(CLI::App &command, CheckOptions &check);
-void addCheckedImage(CLI::App &command, CheckedImageOptions &options);
-void addInPlaceImage(CLI::App &command, InPlaceOptions &options, const char *lbaNames);
+CLI::Option *addStandard(CLI::App &command, ImageOptions &options);
+void addInPlaceImage(CLI::App &command, InPlaceOptions &options);
 
 } // namespace difctl
 

@@ -8,26 +8,28 @@ namespace difctl {
 
 namespace {
 
-struct ProtectOptions {
+struct ProtectCommand {
     std::string source;
     std::string destination;
-    uint32_t blockSize = 520;
+    std::optional<uint32_t> blockSize;
     std::optional<uint64_t> entryBytes;
     std::string crc = "t10";
-    uint64_t lba = 0;
+    uint64_t firstLba = 0;
     bool noLba = false;
+    bool standard = false;
     bool force = false;
 };
 
-int runProtect(const ProtectOptions &options) {
-    const BlockFormat format = formatOf(options.blockSize, options.entryBytes);
+int runProtect(const ProtectCommand &options) {
+    const BlockFormat format = formatOf(options.blockSize.value_or(kFormat520.geometry.blockSize), options.entryBytes);
     setSysDifCrcVersion(versionOfCrcName(options.crc));
-    const uint32_t insertFlags = DIF_INSERT_CRC | (options.noLba ? 0 : DIF_INSERT_LBA);
+    const ProtectOptions protect = {DIF_INSERT_CRC | (options.noLba ? 0 : DIF_INSERT_LBA), options.firstLba,
+                                    options.standard};
     const ImageFile file(options.source, ImageFile::Use::kRead);
     Source source(file, format.geometry.dataSize);
     Destination destination(options.destination, replacingIf(options.force), file.access());
     Progress progress(source.length());
-    const auto process = [&](Request &request) { protectRequest(request, insertFlags, options.lba); };
+    const auto process = [&](Request &request) { protectRequest(request, protect); };
     const auto consume = [&](Request &request) {
         destination.write(request.wholeBlocks(request.blockNum));
         progress.advance(request.dataOnly(request.blockNum).bytes());
@@ -47,13 +49,22 @@ int runProtect(const ProtectOptions &options) {
 void addProtect(CLI::App &app, Command &chosen) {
     const auto [command, options] =
         addCommand(app, chosen, "protect", "Write a raw image out with an integrity field in every block", runProtect);
-    command.add_option("SRC", options.source, "Raw image, whole sectors; - is standard input")->required();
+    command.add_option("SRC", options.source, "Raw image, whole sectors; - is standard input")
+        ->required()
+        ->type_name("");
     addDestination(command, options.destination, options.force, "Protected image to write");
-    addBlockSize(command, options.blockSize);
+    addBlockSize(command, options.blockSize, "By default 520");
     addEntry(command, options.entryBytes);
-    addCrc(command, options.crc, "Guard: t10 (CRC16 T10-DIF) or crc32c (its low 16 bits)")->capture_default_str();
-    auto *lba = addNumber(command, "--lba,--first-lba", options.lba, "LBA of the first block")->capture_default_str();
-    command.add_flag("--no-lba", options.noLba, "Do not write LBAs")->excludes(lba);
+    auto *crc =
+        addCrc(command, options.crc, "Guard: t10 (CRC16 T10-DIF) or crc32c (its low 16 bits)")->capture_default_str();
+    auto *lba =
+        addNumber(command, "--first-lba", "LBA", options.firstLba, "LBA of the first block")->capture_default_str();
+    auto *noLba = command.add_flag("--no-lba", options.noLba, "Do not write LBAs")->excludes(lba);
+    command
+        .add_flag("--standard", options.standard,
+                  "Write plain T10 protection information: a guard t10, application tag 0, the LBA as reference tag")
+        ->excludes(crc)
+        ->excludes(noLba);
     command.footer(
         std::string("DST appears only when it is complete and on stable storage, readable to nobody who\n"
                     "may not read SRC. If only its name may not outlive a power failure, the status is 2 and the\n"
@@ -61,7 +72,7 @@ void addProtect(CLI::App &app, Command &chosen) {
         kExitStatusText + R"(
 Examples:
   difctl protect disk.raw disk.dif
-  difctl protect --block 4160 --crc crc32c --lba 2048 part.raw part.dif
+  difctl protect --block 4160 --crc crc32c --first-lba 2048 part.raw part.dif
   zcat disk.raw.gz | difctl protect - - | ssh host 'cat > disk.dif'
 )");
 }

@@ -9,6 +9,9 @@
 #include "dif_host.h"
 #include "platform/dbg_cmd.h"
 
+#include <array>
+#include <cstdio>
+#include <regex>
 #include <string>
 
 namespace difctl {
@@ -37,13 +40,30 @@ int32_t printHelp(const char * /*name*/, uint32_t /*detail*/) {
     return 0;
 }
 
+/* The rates of the report, which are in bytes a second, in a unit that can be read. */
+std::string inGigabytes(const std::string &report) {
+    static const std::regex rate("([0-9]+) B/s");
+    std::string text;
+    auto rest = report.begin();
+    for (std::sregex_iterator found(report.begin(), report.end(), rate); found != std::sregex_iterator(); ++found) {
+        std::array<char, 32> gigabytes{};
+        std::snprintf(gigabytes.data(), gigabytes.size(), "%.2f GB/s", std::stod((*found)[1]) / 1e9);
+        text.append(rest, (*found)[0].first).append(gigabytes.data());
+        rest = (*found)[0].second;
+    }
+    return text.append(rest, report.end());
+}
+
 int runSelftest(const SelftestOptions &options) {
+    if (options.times == 0) {
+        throw Error("selftest: --times 0 would compare nothing; give 1 or more");
+    }
     registerSelftest();
     const std::string line =
         std::string(kWord) + " " + std::to_string(options.times) + " " + std::to_string(options.len);
     std::string output;
     const int status = difHostRunCommand(DIF_HOST_DIAGNOSE, line.c_str(), collectText, &output);
-    printResult(output);
+    printResult(inGigabytes(output));
     const bool passed = status == 0 && output.find("Test PASS") != std::string::npos;
     return passed ? kAllWell : kFaultsFound;
 }
@@ -60,8 +80,8 @@ void registerSelftest() {
 void addSelftest(CLI::App &app, Command &chosen) {
     const auto [command, options] =
         addCommand(app, chosen, "selftest", "Compare and time the CRC16 engines", runSelftest);
-    addNumber(command, "--times", options.times, "How often")->capture_default_str();
-    addNumber(command, "--len", options.len, "Over how many bytes, below 2^32")->capture_default_str();
+    addNumber(command, "--times", "N", options.times, "How often, at least once")->capture_default_str();
+    addNumber(command, "--len", "BYTES", options.len, "Over how many bytes, below 2^32")->capture_default_str();
     command.footer(
         R"(Compares the chosen CRC16 engine, the hardware engine and the table over generated data, and tells how fast each is.
 Exit status: 0 they agree, 1 they do not or the test could not run.

@@ -4,7 +4,6 @@
 #include "pass/report.h"
 
 #include <array>
-#include <cstring>
 
 #include <endian.h>
 
@@ -37,60 +36,85 @@ Version versionOf(const DifTuple &tuple) {
     return {tuple.version, false, "unknown"};
 }
 
-std::string guardText(const DifTuple &tuple) {
-    return hexText(reinterpret_cast<const uint8_t *>(&tuple.crc), sizeof(tuple.crc));
-}
-
 std::string flagsText(uint8_t app) {
     return "flags 0x" + hexText(&app, 1) + ((app & DIF_APP_BST) != 0 ? " bst" : "") +
            ((app & DIF_APP_LBA_VALID) != 0 ? " lba-valid" : "");
 }
 
-/* The line of block `index`: every field, what it should be where that is known, and which fields are wrong. */
-std::string blockText(const Request &request, uint32_t index, uint64_t imageLba) {
-    DifTuple tuple = {};
-    std::memcpy(&tuple, request.tuple(index), sizeof(tuple));
-    const uint64_t block = request.firstBlock + index;
-    const bool exempt = tuple.version == 0xFF && tuple.app == 0xFF;
-    const Version version = versionOf(tuple);
-    std::string wrong = exempt || version.known ? "" : " version";
+/* The line of a block: every field, what it should be where that is known, and which fields are wrong. */
+class Line {
+public:
+    Line(const Request &request, uint32_t index, uint64_t imageLba)
+        : request_(request), index_(index), tuple_(request.fields(index)), lba_(imageLba + request.firstBlock + index),
+          text_(placeText(request.firstBlock + index, lba_)) {}
 
-    std::string text = placeText(block, imageLba + block) + ": guard " + guardText(tuple);
-    if (version.known && version.value != DIF_VERSION_NO_CRC) {
-        /* The guard that the library would write under the tuple's own version. */
-        setSysDifCrcVersion(tuple.version == 0 ? uint8_t{DIF_VERSION_T10} : tuple.version);
-        const DifOpParam param = {request.format->type, DIF_INSERT_CRC, 0, nullptr};
-        DifTuple expected = {};
-        insertDifInOneBlock(request.block(index), request.format->geometry.dataSize, &expected, &param);
-        text += " (expected " + guardText(expected) + ")";
-        wrong += expected.crc == tuple.crc ? "" : " guard";
+    std::string ofOwnFields() {
+        const Version version = versionOf(tuple_);
+        const bool exempt = isExempt(tuple_);
+        wrong_ = exempt || version.known ? "" : " version";
+        addGuard(version.known && version.value != DIF_VERSION_NO_CRC, tuple_.version);
+        text_ += ", version 0x" + hexText(&tuple_.version, 1) + " " + version.name + ", " + flagsText(tuple_.app);
+        addLba("LBA", !exempt && (tuple_.app & DIF_APP_LBA_VALID) != 0);
+        return ended(exempt);
     }
-    text += ", version 0x" + hexText(&tuple.version, 1) + " " + version.name + ", " + flagsText(tuple.app);
-    const uint32_t lba = be32toh(tuple.lba);
-    const auto expectedLba = static_cast<uint32_t>(imageLba + block);
-    text += ", LBA " + std::to_string(lba);
-    if (!exempt && (tuple.app & DIF_APP_LBA_VALID) != 0) {
-        text += " (expected " + std::to_string(expectedLba) + ")";
-        wrong += lba == expectedLba ? "" : " LBA";
+
+    std::string ofStandardFields() {
+        const bool exempt = isExempt(tuple_);
+        addGuard(!exempt, DIF_VERSION_T10);
+        text_ += ", application tag 0x" + hexText(&tuple_.version, 1) + hexText(&tuple_.app, 1);
+        addLba("reference tag", !exempt);
+        return ended(exempt);
     }
-    return text + (exempt ? "; exempt from checks" : "") + (wrong.empty() ? "" : "; wrong:" + wrong) + "\n";
-}
+
+private:
+    void addGuard(bool compared, uint8_t version) {
+        const auto bytes = [](uint16_t guard) {
+            return hexText(reinterpret_cast<const uint8_t *>(&guard), sizeof(guard));
+        };
+        text_ += ": guard " + bytes(tuple_.crc);
+        if (compared) {
+            const uint16_t expected = guardOf(version, request_.block(index_), request_.format->geometry.dataSize);
+            text_ += " (expected " + bytes(expected) + ")";
+            wrong_ += expected == tuple_.crc ? "" : " guard";
+        }
+    }
+
+    void addLba(const char *name, bool compared) {
+        const uint32_t found = be32toh(tuple_.lba);
+        text_ += std::string(", ") + name + " " + std::to_string(found);
+        if (compared) {
+            const auto expected = static_cast<uint32_t>(lba_);
+            text_ += " (expected " + std::to_string(expected) + ")";
+            wrong_ += expected == found ? "" : std::string(" ") + name;
+        }
+    }
+
+    std::string ended(bool exempt) const {
+        return text_ + (exempt ? "; exempt from checks" : "") + (wrong_.empty() ? "" : "; wrong:" + wrong_) + "\n";
+    }
+
+    const Request &request_;
+    uint32_t index_;
+    DifTuple tuple_;
+    uint64_t lba_;
+    std::string text_;
+    std::string wrong_;
+};
 
 int runShow(const ShowOptions &options) {
-    const BlockFormat format = formatOf(options.blockSize);
     const At at = parseAt(options.at);
-    const ImageFile file(options.image, ImageFile::Use::kRead);
-    Source source(file, format.geometry.blockSize);
-    const BlockRange blocks = blocksAt(at, options.check.imageLba, source.unitNum(), source.name());
+    OpenedImage image(options);
+    const BlockRange blocks = blocksAt(at, image.check.imageLba, image.source.unitNum(), image.source.name());
     const auto consume = [&](Request &request) {
         std::string text;
         for (uint32_t index = 0; index < request.blockNum; ++index) {
-            text += blockText(request, index, options.check.imageLba);
+            Line line(request, index, image.check.imageLba);
+            text += image.check.standard ? line.ofStandardFields() : line.ofOwnFields();
         }
         printResult(text);
         return true;
     };
-    runPipeline(source, {format, &Request::wholeBlocks, [](Request &) {}, consume, blocks});
+    runPipeline(image.source, {image.seen.format, &Request::wholeBlocks, [](Request &) {}, consume, blocks});
     return kAllWell;
 }
 
@@ -99,14 +123,15 @@ int runShow(const ShowOptions &options) {
 void addShow(CLI::App &app, Command &chosen) {
     const auto [command, options] =
         addCommand(app, chosen, "show", "Print the fields of some blocks beside what they should be", runShow);
-    addImage(command, options);
-    addAt(command, options.at);
+    addImage(command, options, "Image of protected blocks");
+    addAt(command, options.at, "The block with this LBA, or COUNT blocks from there on")->required();
+    addStandard(command, options);
     command.footer(std::string("One line a block: guard (its two bytes as stored), version, flags and LBA, what guard "
                                "and LBA should be,\nand at the end which of them are wrong.\n") +
                    kExitStatusText + R"(
 Examples:
   difctl show disk.dif --at 12345
-  difctl show --block 4160 --lba 2048 part.dif --at 0x900,16
+  difctl show --block 4160 --first-lba 2048 part.dif --at 0x900,16
   difctl show disk.dif --at 0,1000 | grep wrong:
 )");
 }

@@ -11,14 +11,19 @@
 
 namespace difctl {
 
-/* Decimal, or hexadecimal after 0x, without a sign; none for anything else and for a number above `max`. */
+/* Decimal, or hexadecimal after 0x, without a sign, and perhaps times 1024 to the power that a K, M, G or T behind it says;
+ * none for anything else and for a number above `max`. */
 inline std::optional<uint64_t> parseNumber(std::string_view text, uint64_t max = UINT64_MAX) {
     const bool hexadecimal = text.starts_with("0x");
     text.remove_prefix(hexadecimal ? 2 : 0);
+    constexpr std::string_view kSuffixes = "KMGT";
+    const size_t suffix = text.empty() ? kSuffixes.npos : kSuffixes.find(text.back());
+    text.remove_suffix(suffix == kSuffixes.npos ? 0 : 1);
+    const uint64_t unit = suffix == kSuffixes.npos ? 1 : uint64_t{1024} << 10 * suffix;
     const char *end = text.data() + text.size();
     uint64_t value = 0;
     const auto [rest, error] = std::from_chars(text.data(), end, value, hexadecimal ? 16 : 10);
-    return error == std::errc() && rest == end && value <= max ? std::optional(value) : std::nullopt;
+    return error == std::errc() && rest == end && value <= max / unit ? std::optional(value * unit) : std::nullopt;
 }
 
 /* Two digits a byte, in the order of the bytes. */

@@ -22,7 +22,7 @@ constexpr const char *kEraseLine = "\r\x1b[K";
 constexpr const char *kWrapOff = "\x1b[?7l";
 constexpr const char *kWrapOn = "\x1b[?7h";
 
-bool progressAllowed = true;
+Show shown = Show::kBar;
 
 bool onTerminal() {
     return ::isatty(STDERR_FILENO) == 1;
@@ -55,12 +55,17 @@ void printMessage(std::string_view text, std::string_view note) {
     show({onTerminal() ? kEraseLine : "", "difctl: ", text, note, "\n"});
 }
 
-void allowProgress(bool allowed) {
-    progressAllowed = allowed;
+void showOfWork(Show what) {
+    shown = what;
+}
+
+bool isQuiet() {
+    return shown == Show::kNothing;
 }
 
 Progress::Progress(std::optional<uint64_t> totalBytes)
-    : totalBytes_(totalBytes), active_(progressAllowed && onTerminal()), nextDraw_(start_ + kFirstDraw) {}
+    : totalBytes_(totalBytes), active_(shown == Show::kBarAtOnce || (shown == Show::kBar && onTerminal())),
+      nextDraw_(shown == Show::kBarAtOnce ? start_ : start_ + kFirstDraw) {}
 
 Progress::~Progress() {
     clear();

@@ -13,10 +13,19 @@ namespace difctl {
  * no memory. */
 void printMessage(std::string_view text, std::string_view note = {});
 
-/* Whether bars are drawn at all: yes by default. Call it before any work. */
-void allowProgress(bool allowed);
+/* What the user wants to see of work beside its results and errors. */
+enum class Show {
+    kNothing, /* nor a result that all is well */
+    kNoBar,
+    kBar,      /* on a terminal, when work lasts */
+    kBarAtOnce /* at once, wherever standard error goes */
+};
 
-/* A bar with share, rate and remaining time; without a known total, amount and rate. Silent off a terminal. */
+/* kBar by default. Call it before any work. */
+void showOfWork(Show what);
+bool isQuiet();
+
+/* A bar with share, rate and remaining time; without a known total, amount and rate. */
 class Progress {
 public:
     explicit Progress(std::optional<uint64_t> totalBytes);

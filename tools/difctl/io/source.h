@@ -11,6 +11,9 @@
 
 namespace difctl {
 
+/* Reads what there is of the `size` bytes at `offset` of an image of known length; returns how many. Throws Error. */
+uint64_t readAll(const ImageFile &file, uint64_t offset, uint8_t *bytes, uint64_t size);
+
 /* A pass over an image from its start to its end. Everything throws Error. */
 class Source {
 public:

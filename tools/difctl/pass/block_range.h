@@ -26,21 +26,8 @@ At parseAt(const std::string &text);
 /* The blocks `at` of image `name`, whose `blockNum` blocks start at LBA `imageLba`. Throws Error if it has them not all. */
 BlockRange blocksAt(const At &at, uint64_t imageLba, uint64_t blockNum, const std::string &name);
 
-/* A set of blocks, of block indexes and ranges like "0,5,9-20". */
-class BlockSet {
-public:
-    /* Throws Error for text of another shape. */
-    explicit BlockSet(const std::string &text);
-
-    /* The last block of the set. */
-    uint64_t last() const;
-
-    /* The set as a bitmap of `blockNum` blocks from `firstBlock` on: empty if it has none of them. */
-    std::vector<uint32_t> bitmapOf(uint64_t firstBlock, uint32_t blockNum) const;
-
-private:
-    std::vector<BlockRange> ranges_;
-};
+/* Those blocks of `ranges` that are among the `blockNum` from `firstBlock` on, as a bitmap: empty if there are none. */
+std::vector<uint32_t> bitmapOf(const std::vector<BlockRange> &ranges, uint64_t firstBlock, uint32_t blockNum);
 
 } // namespace difctl
 

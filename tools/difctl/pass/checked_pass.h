@@ -1,4 +1,4 @@
-/* Passes over protected images that say on standard error which blocks fail. */
+/* Passes over protected images that say which blocks fail. */
 #ifndef DIFCTL_CHECKED_PASS_H
 #define DIFCTL_CHECKED_PASS_H
 
@@ -8,10 +8,14 @@
 #include "pass/report.h"
 #include "pass/request.h"
 
+#include <cstdint>
 #include <functional>
-#include <string>
+#include <optional>
 
 namespace difctl {
+
+/* How many runs of failed blocks are told. */
+inline constexpr uint64_t kMaxFaults = 1000;
 
 struct CheckedPass {
     const BlockFormat &format;
@@ -21,6 +25,9 @@ struct CheckedPass {
     /* Runs request by request in the image's order, with the findings up to this request. */
     std::function<void(Request &, const Findings &)> consume;
     BlockRange blocks = {};
+    bool wholeImage = false;                     /* go on behind faults, for what is true of the image as a whole */
+    FaultRuns *runs = nullptr;                   /* takes the faults; by default they are told on standard error */
+    std::optional<uint64_t> bytesPerSecond = {}; /* to read at most */
 };
 
 Findings runCheckedPass(Source &source, const CheckedPass &pass);

@@ -40,43 +40,19 @@ Span changedFields(const Request &request, uint32_t index) {
     return span;
 }
 
-class FileReader : public image::Reader {
-public:
-    explicit FileReader(const ImageFile &file) : file_(file) {}
-
-    uint64_t length() override { return file_.length().value_or(0); }
-
-    uint64_t read(uint64_t offset, uint8_t *bytes, uint64_t size) override {
-        const Pieces pieces = {bytes, size, size, 1};
-        for (uint64_t done = 0; done < size;) {
-            const ssize_t moved = file_.read(offset + done, pieces, done);
-            if (moved < 0) {
-                throw systemError(file_.name(), "cannot read at offset " + std::to_string(offset + done), errno);
-            }
-            if (moved == 0) {
-                return done;
-            }
-            done += static_cast<uint64_t>(moved);
-        }
-        return size;
-    }
-
-    uint64_t nextData(uint64_t offset) override { return file_.nextData(offset); }
-
-private:
-    const ImageFile &file_;
-};
-
-ImageFormat look(const ImageFile &file) {
-    FileReader reader(file);
-    return lookAtFormat(reader);
-}
-
 } // namespace
 
-InPlaceImage::InPlaceImage(const std::string &path, const BlockFormat &format)
-    : format_(format), file_(path, ImageFile::Use::kChange),
-      blockNum_(Source(file_, format_.geometry.blockSize).unitNum()), looks_(look(file_)) {
+InPlaceImage::InPlaceImage(const std::string &path, const Claims &claims, const CheckOptions &check, bool force)
+    : file_(path, ImageFile::Use::kChange), seen_(recognise(file_, claims, check, force)), check_(check), force_(force),
+      blockNum_(Source(file_, seen_.format.geometry.blockSize).unitNum()) {
+    check_.imageLba = seen_.firstLba;
+    const bool showsFields = seen_.looks.best() != nullptr;
+    if (!showsFields && seen_.looks.holdsData) {
+        throw Error(name() + ": holds data but shows no fields to change, of either block size; protect writes fields");
+    }
+    if (!showsFields && !force) {
+        throw Error(name() + ": holds nothing but zeros, no fields; --force writes fields into it");
+    }
     holdingInterrupts([this](Unfinished &unfinished) { unfinished.note = note(); });
 }
 
@@ -88,41 +64,20 @@ std::string InPlaceImage::note() const {
            " are done" + (writing_ ? ", some of those behind them may be" : "");
 }
 
-void InPlaceImage::requireFormat(const CheckOptions &check, bool force) const {
-    const FormatEvidence *best = looks_.best();
-    if (best == nullptr && looks_.holdsData) {
-        throw Error(name() + ": holds data but shows no fields to change, of either block size; protect writes fields");
-    }
-    if (best == nullptr && !force) {
-        throw Error(name() + ": holds nothing but zeros, no fields; --force writes fields into it");
-    }
-    if (best == nullptr) {
-        return;
-    }
-    const uint32_t blockSize = format_.geometry.blockSize;
-    if (const uint32_t fitting = best->format->geometry.blockSize; fitting != blockSize) {
-        throw Error(name() + ": --block " + std::to_string(blockSize) + " contradicts its fields, which look like " +
-                    best->text() + "; --block " + std::to_string(fitting) + " fits");
-    }
-    const auto firstLba = best->firstLba();
-    if (!force && check.compareLbas && firstLba && !best->allowsFirstLba(check.imageLba)) {
-        throw Error(name() + ": --first-lba " + std::to_string(check.imageLba) +
-                    " contradicts its fields, which look like " + best->text() + "; --first-lba " +
-                    std::to_string(*firstLba) + " fits, --no-lba leaves LBAs out of the check");
-    }
+void InPlaceImage::requireGuard(uint8_t version, const std::string &said) const {
+    difctl::requireGuard(file_, *seen_.looks.best(), version, said);
 }
 
-bool InPlaceImage::mayChange(const CheckOptions &check, bool force) const {
-    requireFormat(check, force);
-    if (force) {
+bool InPlaceImage::mayChange() const {
+    if (force_) {
         return true;
     }
-    Source source(file_, format_.geometry.blockSize);
-    const auto process = [&](Request &request) { checkRequest(request, check); };
+    Source source(file_, seen_.format.geometry.blockSize);
+    const auto process = [this](Request &request) { checkRequest(request, check_); };
     const Findings findings =
-        runCheckedPass(source, {format_, check.allBlocks, process, [](Request &, const Findings &) {}});
+        runCheckedPass(source, {seen_.format, check_.allBlocks, process, [](Request &, const Findings &) {}});
     if (findings.failed() != 0) {
-        printMessage(name() + ": " + totalsText(findings) + "; it looks like " + looks_.best()->text() +
+        printMessage(name() + ": " + totalsText(findings) + "; it looks like " + seen_.looks.best()->text() +
                      "; nothing is changed, --force goes ahead without this check");
     }
     return findings.failed() == 0;
@@ -130,13 +85,13 @@ bool InPlaceImage::mayChange(const CheckOptions &check, bool force) const {
 
 Findings InPlaceImage::change(const std::function<void(Request &)> &change, const BlockRange &blocks) {
     try {
-        Source source(file_, format_.geometry.blockSize);
+        Source source(file_, seen_.format.geometry.blockSize);
         const auto process = [&change](Request &request) {
             request.keepTuples();
             change(request);
         };
         const auto consume = [this](Request &request, const Findings & /*findings*/) { writeBack(request); };
-        const Findings findings = runCheckedPass(source, {format_, true, process, consume, blocks});
+        const Findings findings = runCheckedPass(source, {seen_.format, true, process, consume, blocks});
         file_.requireLength();
         file_.sync();
         return findings;
@@ -146,9 +101,14 @@ Findings InPlaceImage::change(const std::function<void(Request &)> &change, cons
 }
 
 void InPlaceImage::writeBack(const Request &request) {
-    const DifTypeInfo &geometry = format_.geometry;
+    const DifTypeInfo &geometry = seen_.format.geometry;
     holdingInterrupts([&](Unfinished &unfinished) {
         file_.requireLength();
+        for (const uint32_t index : request.replaced) {
+            writing_ = true;
+            file_.write((request.firstBlock + index) * geometry.blockSize,
+                        {request.block(index), geometry.blockSize, geometry.blockSize, 1});
+        }
         for (uint32_t index = 0, count = 1; index < request.blockNum; index += count, count = 1) {
             const Span span = changedFields(request, index);
             while (index + count < request.blockNum && changedFields(request, index + count) == span) {

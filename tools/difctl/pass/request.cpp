@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstring>
 
+#include <endian.h>
+
 namespace difctl {
 
 namespace {
@@ -38,12 +40,72 @@ FaultKind kindOfFailure(const Request &request, uint32_t index, const CheckOptio
 
 void addFault(Request &request, uint32_t index, const CheckOptions &options, FaultKind kind) {
     const uint64_t block = request.firstBlock + index;
-    Fault &fault = request.faults.emplace_back(Fault{block, options.imageLba + block, kind, {}});
-    std::memcpy(fault.tuple.data(), request.tuple(index), fault.tuple.size());
+    Fault fault = {block, options.imageLba + block, kind, request.fields(index), {}};
+    if (kind == FaultKind::kGuard) {
+        const uint8_t version = options.standard ? uint8_t{DIF_VERSION_T10} : fault.tuple.version;
+        fault.expected = guardOf(version, request.block(index), request.format->geometry.dataSize);
+    } else if (kind == FaultKind::kLba) {
+        fault.expected = static_cast<uint32_t>(fault.lba);
+    } else if (kind == FaultKind::kVersion && options.requiredVersion) {
+        fault.expected = *options.requiredVersion;
+    }
+    request.faults.push_back(fault);
 }
 
-uint8_t versionOf(const Request &request, uint32_t index) {
-    return request.tuple(index)[offsetof(DifTuple, version)];
+/* Of a tuple that has passed the check. */
+bool isUnprotected(const DifTuple &tuple, bool standard) {
+    if (isExempt(tuple)) {
+        return true;
+    }
+    const bool isZero = tuple.crc == 0 && tuple.version == 0 && tuple.app == 0 && tuple.lba == 0;
+    return !standard && (isZero || tuple.version == DIF_VERSION_NO_CRC);
+}
+
+/* Names the faults among the blocks, of which those in `failed` have failed. */
+void judge(Request &request, const CheckOptions &options, const std::vector<uint32_t> &failed,
+           FaultKind (*kindOf)(const Request &, uint32_t, const CheckOptions &)) {
+    for (uint32_t index = 0; index < request.blockNum; ++index) {
+        const DifTuple tuple = request.fields(index);
+        std::optional<FaultKind> kind;
+        if ((failed[index / 32] >> (index % 32) & 1U) != 0) {
+            kind = kindOf(request, index, options);
+        } else if (options.requiredVersion.value_or(tuple.version) != tuple.version) {
+            kind = FaultKind::kVersion;
+        } else if (isUnprotected(tuple, options.standard)) {
+            ++request.unprotected;
+            kind = options.requireProtected ? std::optional(FaultKind::kUnprotected) : std::nullopt;
+        }
+        if (kind) {
+            addFault(request, index, options, *kind);
+            if (!options.allBlocks) {
+                return;
+            }
+        }
+    }
+}
+
+/* The blocks that fail as plain T10 protection information. */
+std::vector<uint32_t> failedStandard(Request &request, const CheckOptions &options) {
+    std::vector<uint32_t> failed(request.blockNum / 32 + 1);
+    const RequestList list(request);
+    DifCheckParam param = checkParamOf(request, options);
+    if (checkDifInSglWithStdT10(list.root(), 0, request.sectorNum(), &param) == DIF_OK) {
+        return failed;
+    }
+    /* The call does not tell where it ended: one call a block does, and goes on behind each. */
+    const DifTypeInfo &geometry = request.format->geometry;
+    for (uint32_t index = 0; index < request.blockNum; ++index, ++param.lba) {
+        const uint32_t passed =
+            checkDifInSglWithStdT10(list.root(), index * geometry.blockSize, 1U << geometry.sectorShift, &param);
+        failed[index / 32] |= (passed == DIF_OK ? 0U : 1U) << index % 32;
+    }
+    return failed;
+}
+
+FaultKind kindOfStandardFailure(const Request &request, uint32_t index, const CheckOptions &options) {
+    const auto expected = static_cast<uint32_t>(options.imageLba + request.firstBlock + index);
+    const bool wrongLba = options.compareLbas && be32toh(request.fields(index).lba) != expected;
+    return wrongLba ? FaultKind::kLba : FaultKind::kGuard;
 }
 
 } // namespace
@@ -55,6 +117,11 @@ void Request::keepTuples() {
     }
 }
 
+void Request::replaceBlock(uint32_t index, const uint8_t *bytes) {
+    std::memcpy(block(index), bytes, format->geometry.blockSize);
+    replaced.push_back(index);
+}
+
 Pieces Request::wholeBlocks(uint32_t blocks) const {
     const size_t bytes = size_t{blocks} * format->geometry.blockSize;
     return {buf, bytes, bytes, 1};
@@ -64,15 +131,35 @@ Pieces Request::dataOnly(uint32_t blocks) const {
     return {buf, format->geometry.dataSize, format->geometry.blockSize, blocks};
 }
 
-void protectRequest(Request &request, uint32_t insertFlags, uint64_t imageLba) {
+DifTuple Request::fields(uint32_t index) const {
+    DifTuple tuple = {};
+    std::memcpy(&tuple, this->tuple(index), sizeof(tuple));
+    return tuple;
+}
+
+bool isExempt(const DifTuple &tuple) {
+    return tuple.version == 0xFF && tuple.app == 0xFF;
+}
+
+void protectRequest(Request &request, const ProtectOptions &options) {
     DifOpParam param = {};
     param.type = request.format->type;
-    param.ctrlFlag = insertFlags;
-    param.lba = imageLba + request.firstBlock;
+    param.ctrlFlag = options.flags;
+    param.lba = options.imageLba + request.firstBlock;
     insertDifInSgl(RequestList(request).root(), 0, request.sectorNum(), &param);
+    for (uint32_t index = 0; options.standard && index < request.blockNum; ++index) {
+        std::memset(request.tuple(index) + offsetof(DifTuple, version), 0,
+                    sizeof(DifTuple::version) + sizeof(DifTuple::app));
+    }
 }
 
 void checkRequest(Request &request, const CheckOptions &options) {
+    request.faults.clear();
+    request.unprotected = 0;
+    if (options.standard) {
+        judge(request, options, failedStandard(request, options), kindOfStandardFailure);
+        return;
+    }
     std::vector<uint32_t> failed(request.blockNum / 32 + 1);
     DifCheckParam param = checkParamOf(request, options);
     param.ctrlFlag |= options.allBlocks ? DIF_CHECK_ALL_BLOCKS : 0;
@@ -80,23 +167,8 @@ void checkRequest(Request &request, const CheckOptions &options) {
     param.ctrlFlag |= options.convertToT10 ? DIF_CHECK_CONVERT_T10 : 0;
     param.checkResult = &request.checkResult;
     param.errBlockBitmap = failed.data();
-    request.faults.clear();
-    const bool passed =
-        checkDifInSgl(RequestList(request).root(), 0, request.sectorNum(), &param, __func__, __LINE__) == DIF_OK;
-    if (passed && !options.requiredVersion) {
-        return;
-    }
-    for (uint32_t index = 0; index < request.blockNum; ++index) {
-        const bool checkFailed = (failed[index / 32] >> (index % 32) & 1U) != 0;
-        const uint8_t version = versionOf(request, index);
-        if (!checkFailed && version == options.requiredVersion.value_or(version)) {
-            continue;
-        }
-        addFault(request, index, options, checkFailed ? kindOfFailure(request, index, options) : FaultKind::kVersion);
-        if (!options.allBlocks) {
-            return;
-        }
-    }
+    checkDifInSgl(RequestList(request).root(), 0, request.sectorNum(), &param, __func__, __LINE__);
+    judge(request, options, failed, kindOfFailure);
 }
 
 uint32_t checkBlock(const Request &request, uint32_t index, uint32_t ctrlFlag, uint64_t lba) {
@@ -110,29 +182,6 @@ uint32_t checkBlock(const Request &request, uint32_t index, uint32_t ctrlFlag, u
     return result;
 }
 
-void checkStandardRequest(Request &request, const CheckOptions &options) {
-    const RequestList list(request);
-    DifCheckParam param = checkParamOf(request, options);
-    request.faults.clear();
-    if (checkDifInSglWithStdT10(list.root(), 0, request.sectorNum(), &param) == DIF_OK) {
-        return;
-    }
-    /* The call does not tell where it ended: one call a block does, and goes on behind each. */
-    param.checkResult = &request.checkResult;
-    const DifTypeInfo &geometry = request.format->geometry;
-    for (uint32_t index = 0; index < request.blockNum; ++index, ++param.lba) {
-        if (checkDifInSglWithStdT10(list.root(), index * geometry.blockSize, 1U << geometry.sectorShift, &param) ==
-            DIF_OK) {
-            continue;
-        }
-        const bool wrongLba = (request.checkResult & DIF_RESULT_LBA_ERROR) != 0;
-        addFault(request, index, options, wrongLba ? FaultKind::kLba : FaultKind::kGuard);
-        if (!options.allBlocks) {
-            return;
-        }
-    }
-}
-
 void injectRequest(Request &request, const DifInjectParam &faults, uint64_t firstBlock) {
     DifInjectParam param = faults;
     param.type = request.format->type;
@@ -143,11 +192,11 @@ void injectRequest(Request &request, const DifInjectParam &faults, uint64_t firs
 void replaceRequest(Request &request, const ReplaceOptions &options) {
     std::vector<uint32_t> bitmap;
     DifOpParam param = {};
-    if (options.blocks) {
-        bitmap = options.blocks->bitmapOf(request.firstBlock, request.blockNum);
+    if (!options.blocks.empty()) {
+        bitmap = bitmapOf(options.blocks, request.firstBlock, request.blockNum);
         param.blockBitmap = bitmap.data();
     }
-    if (!options.blocks || !bitmap.empty()) {
+    if (options.blocks.empty() || !bitmap.empty()) {
         param.type = request.format->type;
         param.ctrlFlag = options.flags;
         param.lba = options.imageLba + request.firstBlock;

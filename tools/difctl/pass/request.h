@@ -16,14 +16,16 @@
 
 namespace difctl {
 
-enum class FaultKind { kGuard, kLba, kVersion };
-inline constexpr size_t kFaultKindNum = 3;
+enum class FaultKind { kGuard, kLba, kVersion, kUnprotected };
+inline constexpr size_t kFaultKindNum = 4;
 
 struct Fault {
     uint64_t block; /* index in the image */
     uint64_t lba;   /* the LBA expected there */
     FaultKind kind;
-    std::array<uint8_t, sizeof(DifTuple)> tuple; /* as found */
+    DifTuple tuple; /* as found */
+    /* The guard as in a tuple, the LBA or the version that should be there; none where no single one should. */
+    std::optional<uint64_t> expected;
 };
 
 /* How much data a request holds: enough to make per-request costs vanish, little enough for many to be in memory. */
@@ -37,23 +39,35 @@ struct Request {
 
     std::vector<Fault> faults; /* written by the checks, as is the result word */
     uint32_t checkResult = 0;
-    std::vector<uint8_t> kept; /* tuples as keepTuples() found them */
+    uint32_t unprotected = 0;       /* of the checked blocks: those without a guard over their data */
+    std::vector<uint8_t> kept;      /* tuples as keepTuples() found them */
+    std::vector<uint32_t> replaced; /* blocks with other data than they were read with */
 
     uint32_t sectorNum() const { return blockNum << format->geometry.sectorShift; }
     uint8_t *block(uint32_t index) const { return buf + size_t{index} * format->geometry.blockSize; }
     uint8_t *tuple(uint32_t index) const { return block(index) + format->geometry.difOffset; }
+    DifTuple fields(uint32_t index) const;
 
     /* Keeps the tuples as they are, to tell later which have been changed. */
     void keepTuples();
     const uint8_t *keptTuple(uint32_t index) const { return kept.data() + size_t{index} * sizeof(DifTuple); }
+
+    /* Puts whole other bytes in a block's place, data and field. */
+    void replaceBlock(uint32_t index, const uint8_t *bytes);
 
     /* Of the first `blocks` blocks: all bytes, or the data without the fields. */
     Pieces wholeBlocks(uint32_t blocks) const;
     Pieces dataOnly(uint32_t blocks) const;
 };
 
-/* Writes tuples into the blocks, as DIF_INSERT_* says. `imageLba` is the LBA of the image's first block. */
-void protectRequest(Request &request, uint32_t insertFlags, uint64_t imageLba);
+struct ProtectOptions {
+    uint32_t flags = 0;    /* DIF_INSERT_* */
+    uint64_t imageLba = 0; /* of the image's first block */
+    bool standard = false; /* plain T10 protection information with application tag 0 */
+};
+
+/* Writes tuples into the blocks. */
+void protectRequest(Request &request, const ProtectOptions &options);
 
 struct CheckOptions {
     uint64_t imageLba = 0;
@@ -61,19 +75,21 @@ struct CheckOptions {
     bool allBlocks = false; /* name every failed block, not only the first one of a request */
     bool report = false;
     bool convertToT10 = false;              /* rewrite passing tuples with the guard crc32c */
+    bool requireProtected = false;          /* a block without a guard over its data is a fault */
+    bool standard = false;                  /* plain T10 protection information, without version and flags */
     std::optional<uint8_t> requiredVersion; /* a tuple of another version is a version fault */
 };
 
-/* Checks the blocks at the tool's verify point. */
+/* Whether the tuple says that no check is about its block: so both kinds of fields say it. */
+bool isExempt(const DifTuple &tuple);
+
+/* Checks the blocks at the tool's verify point. With `standard`, `report`, `convertToT10` and `requiredVersion` do not
+ * count. */
 void checkRequest(Request &request, const CheckOptions &options);
 
 /* The result word (DIF_RESULT_*) of the checks `ctrlFlag` of one block, for which `lba` is expected. They count and log
  * nothing. */
 uint32_t checkBlock(const Request &request, uint32_t index, uint32_t ctrlFlag, uint64_t lba);
-
-/* Checks the blocks as plain T10 protection information, without version and flags. Of the options, `imageLba`,
- * `compareLbas` and `allBlocks` count. */
-void checkStandardRequest(Request &request, const CheckOptions &options);
 
 /* Writes the faults of `faults` into the blocks; its LBA is that of the image's block `firstBlock`. */
 void injectRequest(Request &request, const DifInjectParam &faults, uint64_t firstBlock);
@@ -81,7 +97,7 @@ void injectRequest(Request &request, const DifInjectParam &faults, uint64_t firs
 struct ReplaceOptions {
     uint32_t flags = 0; /* DIF_REPLACE_* */
     uint64_t imageLba = 0;
-    std::optional<BlockSet> blocks; /* none: all */
+    std::vector<BlockRange> blocks; /* none: all */
 };
 
 /* Rewrites fields of the blocks' tuples. */

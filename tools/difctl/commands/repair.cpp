@@ -1,0 +1,69 @@
+#include "commands/options.h"
+#include "io/error.h"
+#include "io/progress.h"
+#include "pass/checked_pass.h"
+#include "pass/in_place.h"
+#include "pass/replica.h"
+
+namespace difctl {
+
+namespace {
+
+struct RepairOptions : InPlaceOptions {
+    std::string replica;
+    bool dryRun = false;
+};
+
+/* How a repair has ended, or would end: the status and a line. */
+int told(const std::string &name, const Replica &replica, const Findings &findings, bool dryRun) {
+    const uint64_t taken = replica.taken();
+    const uint64_t left = findings.failed();
+    printResult(name + ": blocks checked " + std::to_string(findings.checked()) +
+                (dryRun ? ", to be taken from " : ", taken from ") + replica.name() + " " + std::to_string(taken) +
+                ", failing in both and left " + std::to_string(left) + "\n");
+    return left == 0 && (taken == 0 || !dryRun) ? kAllWell : kFaultsFound;
+}
+
+int runRepair(const RepairOptions &options) {
+    RepairOptions asked = options;
+    asked.check.allBlocks = true;
+    Replica replica(options.replica, asked.claims, asked.check);
+    const auto heal = [&replica](Request &request) { replica.heal(request); };
+    if (options.dryRun) {
+        OpenedImage image(asked);
+        replica.requireLikeness(image.file, options.force);
+        const auto consume = [](Request &, const Findings &) {};
+        const Findings findings = runCheckedPass(image.source, {image.seen.format, true, heal, consume});
+        return told(image.source.name(), replica, findings, true);
+    }
+    InPlaceImage image(options.image, asked.claims, asked.check, options.force);
+    replica.requireLikeness(image.file(), options.force);
+    return told(image.name(), replica, image.change(heal), false);
+}
+
+} // namespace
+
+void addRepair(CLI::App &app, Command &chosen) {
+    const auto [command, options] = addCommand(
+        app, chosen, "repair", "Take the blocks that fail from a replica in which they pass, in place", runRepair);
+    addImage(command, options, "Image of protected blocks: a file or block device");
+    command.add_option("--from", options.replica, "Replica of IMG")->required()->type_name("REPLICA");
+    command.add_flag_callback(
+        "--no-lba", [&options = options] { options.check.compareLbas = false; },
+        "Do not compare LBAs; a block without a valid LBA passes anyway");
+    command.add_flag("-n,--dry-run", options.dryRun, "Change nothing and tell what would be done");
+    addForce(command, options.force, "Go ahead although REPLICA does not look like one of IMG");
+    command.footer(
+        std::string("Verifies all of IMG. A block that fails is taken from the same place of REPLICA, data "
+                    "and field, if it passes there\nand a guard protects it; blocks that fail in both are "
+                    "named and left. What passes in IMG is not compared with\nREPLICA, but for a sample that "
+                    "tells a replica from another image.\n") +
+        R"(Exit status: 0 no block of IMG fails any more, 1 some do, 2 it could not be done.
+
+Examples:
+  difctl repair disk.dif --from replica.dif --dry-run
+  difctl repair disk.dif --from nbd://replica.example/disk
+)");
+}
+
+} // namespace difctl

@@ -1,0 +1,105 @@
+#include "pass/recognition.h"
+
+#include "io/error.h"
+#include "io/progress.h"
+#include "io/source.h"
+
+namespace difctl {
+
+namespace {
+
+class FileReader : public image::Reader {
+public:
+    FileReader(const ImageFile &file, Progress &progress) : file_(file), progress_(progress) {}
+
+    uint64_t length() override { return file_.length().value_or(0); }
+
+    uint64_t read(uint64_t offset, uint8_t *bytes, uint64_t size) override {
+        const uint64_t done = readAll(file_, offset, bytes, size);
+        progress_.advance(done);
+        return done;
+    }
+
+    uint64_t nextData(uint64_t offset) override { return file_.nextData(offset); }
+
+private:
+    const ImageFile &file_;
+    Progress &progress_;
+};
+
+[[noreturn]] void throwContradiction(const ImageFile &file, const std::string &said, const FormatEvidence &looks,
+                                     const std::string &fitting) {
+    throw Error(file.name() + ": " + said + " contradicts its fields, which look like " + looks.text() + "; " +
+                fitting);
+}
+
+void requireBlockSize(const ImageFile &file, const FormatEvidence &looks, const Claims &claims) {
+    const uint32_t fitting = looks.format->geometry.blockSize;
+    if (claims.blockSize.value_or(fitting) != fitting) {
+        throwContradiction(file, "--block " + std::to_string(*claims.blockSize), looks,
+                           "--block " + std::to_string(fitting) + " fits");
+    }
+}
+
+void requireFirstLba(const ImageFile &file, const FormatEvidence &looks, const Claims &claims) {
+    const auto fitting = looks.firstLba();
+    if (claims.firstLba && fitting && !looks.allowsFirstLba(*claims.firstLba)) {
+        throwContradiction(file, "--first-lba " + std::to_string(*claims.firstLba), looks,
+                           "--first-lba " + std::to_string(*fitting) + " fits");
+    }
+}
+
+void requireStandard(const ImageFile &file, const FormatEvidence &looks, const Claims &claims,
+                     const CheckOptions &check) {
+    if (claims.mayBeStandard && looks.isStandard() && !check.standard) {
+        throw Error(file.name() + ": its fields look like " + looks.text() + "; --standard fits");
+    }
+    if (check.standard) {
+        requireGuard(file, looks, DIF_VERSION_T10, "--standard");
+    }
+}
+
+} // namespace
+
+void requireGuard(const ImageFile &file, const FormatEvidence &looks, uint8_t version, const std::string &said) {
+    const bool isT10 = version == DIF_VERSION_T10;
+    if ((isT10 ? looks.t10 : looks.crc32c) == 0 && looks.t10 + looks.crc32c != 0) {
+        throwContradiction(file, said, looks, std::string("--crc ") + (isT10 ? "crc32c" : "t10") + " fits");
+    }
+}
+
+Recognition recognise(const ImageFile &file, const Claims &claims, const CheckOptions &check, bool force) {
+    Recognition seen = {lookAt(file, image::Extent::kSample), {}, claims.firstLba.value_or(0)};
+    const FormatEvidence *best = seen.looks.best();
+    uint32_t blockSize = claims.blockSize.value_or(kFormat520.geometry.blockSize);
+    if (best != nullptr) {
+        requireBlockSize(file, *best, claims);
+        if (!force) {
+            requireStandard(file, *best, claims, check);
+        }
+        if (!force && check.compareLbas) {
+            requireFirstLba(file, *best, claims);
+        }
+        if (!force && check.requiredVersion) {
+            requireGuard(file, *best, *check.requiredVersion,
+                         std::string("--crc ") + crcNameOfVersion(*check.requiredVersion));
+        }
+        blockSize = best->format->geometry.blockSize;
+        seen.firstLba = claims.firstLba.value_or(best->firstLba().value_or(0));
+    }
+    seen.format = formatOf(blockSize, claims.entryBytes);
+    return seen;
+}
+
+std::string Recognition::text(bool lbas) const {
+    return "blocks of " + std::to_string(format.geometry.blockSize) + " bytes" +
+           (lbas ? ", LBAs from " + std::to_string(firstLba) : "");
+}
+
+image::ImageFormat lookAt(const ImageFile &file, image::Extent extent) {
+    Progress progress(file.length());
+    FileReader reader(file, progress);
+    return image::lookAtFormat(reader, extent);
+}
+
+} // namespace difctl
