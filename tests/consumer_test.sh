@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # consumer_test.sh PREFIX: uses what is installed at PREFIX from outside the tree: README.md's first program through
-# pkg-config, CMake and other linkers, every header as C, difctl, its completion.
+# pkg-config, CMake, other linkers and the static libraries, every header as C, difctl, its completion.
 set -euo pipefail
 tree=$(dirname "$(realpath "$0")")/..
 prefix=$(realpath "$1")
@@ -16,7 +16,7 @@ sed -n '/^prints$/,/^[^ ]/{s/^    //p}' "$tree/README.md" >expected
 compile=(cc -std=c11 -Wall -Wextra -Wpedantic -Werror)
 read -ra flags <<<"$(pkg-config --cflags --libs dif_host)"
 "${compile[@]}" first.c "${flags[@]}" -o with_pkgconfig
-programs=(with_pkgconfig with_cmake)
+programs=(with_pkgconfig with_cmake static)
 sed /difHost/d first.c >unaware.c # calls libdif alone
 for linker in bfd gold lld; do
     if type -P ld.$linker >/dev/null; then
@@ -25,6 +25,8 @@ for linker in bfd gold lld; do
         programs+=(with_$linker unaware_with_$linker)
     fi
 done
+"${compile[@]}" first.c -I"$prefix/include" -L"$libdir" -Wl,--start-group -l:libdif_host.a -l:libdif.a -Wl,--end-group \
+    -lisal -lspdlog -lfmt -lstdc++ -o static
 cat >CMakeLists.txt <<'END'
 cmake_minimum_required(VERSION 3.25)
 project(consumer C)
