@@ -6,6 +6,11 @@ root=$(mktemp -d)
 trap 'rm -rf "$root"' EXIT
 fail() { echo "package_test.sh: $*" >&2 && exit 1; }
 
+for package in "$packages"/*deb; do
+    dpkg-deb -x "$package" "$root"
+    dpkg-deb -I "$package" md5sums | (cd "$root" && md5sum --check --quiet) || fail "$package: holds other files than it says"
+done
+
 # Packages depend on what their files are linked with, and the development files on exactly their libraries.
 while read -r name depends; do
     package=$(echo "$packages/$name"_*.deb)
@@ -16,7 +21,6 @@ while read -r name depends; do
         [[ ",$(dpkg-deb -f "$package" Depends | tr -d ' ')," == *",$depend"[,\(]* ]] ||
             fail "$name: does not depend on $depend"
     done
-    dpkg-deb -x "$package" "$root"
     for document in copyright changelog.gz changelog.Debian.gz; do
         [[ -s $root/usr/share/doc/$name/$document ]] || fail "$name: has no $document"
     done
