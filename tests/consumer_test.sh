@@ -22,7 +22,7 @@ for linker in bfd gold lld; do
     if type -P ld.$linker >/dev/null; then
         "${compile[@]}" -fuse-ld=$linker -Wl,--as-needed first.c -I"$prefix/include" -L"$libdir" -ldif_host -o with_$linker
         "${compile[@]}" -fuse-ld=$linker -Wl,--as-needed unaware.c "${flags[@]}" -o unaware_with_$linker
-        programs+=(with_$linker unaware_with_$linker)
+        programs+=("with_$linker" "unaware_with_$linker")
     fi
 done
 "${compile[@]}" first.c -I"$prefix/include" -L"$libdir" -Wl,--start-group -l:libdif_host.a -l:libdif.a -Wl,--end-group \
