@@ -1,27 +1,15 @@
-# Debian packages, one a component: libdif1, libdif-dev, dif-tools and nbdkit-dif-filter. They take a build for the prefix /usr.
-find_program(SCDOC scdoc REQUIRED)
+# Debian packages, one a component: libdif1, libdif-host1, libdif-dev, dif-tools and nbdkit-dif-filter, and their debug
+# symbols. They take a build for the prefix /usr.
+if(NOT SCDOC OR NOT TARGET nbdkit-dif-filter)
+  message(FATAL_ERROR "The packages take scdoc and nbdkit-plugin-dev")
+endif()
 
-# dif_compressed(SOURCE NAME COMMAND): builds NAME.gz of what the shell command makes of the file SOURCE.
-function(dif_compressed source name command)
-  add_custom_command(OUTPUT ${name}.gz COMMAND sh -c "${command} <'${source}' | gzip -9n >'${name}.gz'"
-    DEPENDS ${source} VERBATIM)
-  set(dif_compressed_files ${dif_compressed_files} ${name}.gz PARENT_SCOPE)
-endfunction()
-
-dif_compressed(${PROJECT_SOURCE_DIR}/docs/difctl.1.scd difctl.1 ${SCDOC})
-dif_compressed(${PROJECT_SOURCE_DIR}/docs/libdif.3.scd libdif.3 ${SCDOC})
-dif_compressed(${PROJECT_SOURCE_DIR}/docs/nbdkit-dif-filter.1.scd nbdkit-dif-filter.1 ${SCDOC})
-dif_compressed(${PROJECT_SOURCE_DIR}/CHANGELOG.md changelog cat)
 set(dif_deb_version ${PROJECT_VERSION}-1)
 set(dif_maintainer "libdif authors <maintainers@libdif.invalid>")
 string(TIMESTAMP dif_deb_date "%a, %d %b %Y %H:%M:%S +0000" UTC)
 configure_file(cmake/changelog.Debian.in changelog.Debian @ONLY)
 dif_compressed(${PROJECT_BINARY_DIR}/changelog.Debian changelog.Debian cat)
-add_custom_target(package_docs ALL DEPENDS ${dif_compressed_files})
-
-install(FILES ${PROJECT_BINARY_DIR}/difctl.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
-install(FILES ${PROJECT_BINARY_DIR}/nbdkit-dif-filter.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT nbdkit)
-install(FILES ${PROJECT_BINARY_DIR}/libdif.3.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man3)
+dif_compressed(${PROJECT_SOURCE_DIR}/CHANGELOG.md changelog cat)
 
 # dif_package(COMPONENT NAME SECTION DEPENDS SUMMARY DESCRIPTION)
 macro(dif_package component name section depends summary description)
@@ -35,34 +23,62 @@ macro(dif_package component name section depends summary description)
   set(CPACK_DEBIAN_${key}_DESCRIPTION "${summary}\n${description}")
 endmacro()
 
-dif_package(runtime libdif1 libs ""
-  "data integrity fields for block storage - libraries"
+# dif_library_package(COMPONENT NAME TARGET SUMMARY DESCRIPTION): also says which version what uses the library depends on.
+macro(dif_library_package component name target summary description)
+  dif_package(${component} ${name} libs "" "${summary}" "${description}")
+  add_custom_command(OUTPUT ${name}/symbols COMMAND ${CMAKE_COMMAND} -E make_directory ${name}
+    COMMAND dpkg-gensymbols -q -p${name} -v${PROJECT_VERSION} -e$<TARGET_FILE:${target}> -O${name}/symbols
+    DEPENDS ${target} VERBATIM)
+  list(APPEND dif_symbols ${name}/symbols)
+  # The trigger does what cpack's own scripts would; naming scripts that are not there keeps them out.
+  set(CPACK_DEBIAN_${key}_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/${name}/symbols
+    ${PROJECT_BINARY_DIR}/triggers ${PROJECT_BINARY_DIR}/postinst ${PROJECT_BINARY_DIR}/postrm)
+endmacro()
+file(CONFIGURE OUTPUT triggers CONTENT "activate-noawait ldconfig\n")
+
+dif_library_package(runtime libdif1 dif
+  "data integrity fields for block storage - library"
   "Writes an 8-byte integrity field behind every block of a storage stack,\n\
 rewrites and checks it on the way, and tells which block is wrong and how.\n\
-libdif works on contiguous buffers and scatter-gather lists; libdif_host\n\
-supplies what libdif expects of the process that loads it.")
-dif_package(dev libdif-dev libdevel "libdif1 (= ${dif_deb_version})"
+Works on contiguous buffers and scatter-gather lists. The process that loads\n\
+it supplies what it expects, or leaves that to libdif-host1.")
+dif_library_package(host libdif-host1 dif_host
+  "data integrity fields for block storage - host library"
+  "Supplies what libdif expects of the process that loads it: log, assertions,\n\
+services, operator commands, a control socket and metrics.")
+# It was in libdif1.
+set(CPACK_DEBIAN_HOST_PACKAGE_BREAKS "libdif1 (<< ${dif_deb_version})")
+set(CPACK_DEBIAN_HOST_PACKAGE_REPLACES "libdif1 (<< ${dif_deb_version})")
+dif_package(dev libdif-dev libdevel "libdif1 (= ${dif_deb_version}), libdif-host1 (= ${dif_deb_version})"
   "data integrity fields for block storage - development files"
-  "Headers, linker names, pkg-config and CMake files of libdif and libdif_host,\n\
-and the manual page libdif(3).")
-dif_package(tools dif-tools utils "libdif1 (= ${dif_deb_version})"
+  "Headers, linker names, static libraries, pkg-config and CMake files of libdif\n\
+and libdif_host, and the manual page libdif(3).")
+# What the static libraries are linked with.
+set(CPACK_DEBIAN_DEV_PACKAGE_SUGGESTS "libisal-dev, libspdlog-dev")
+dif_package(tools dif-tools utils ""
   "data integrity fields for block storage - command-line tool"
   "difctl writes, verifies, shows and rewrites the integrity fields of disk\n\
 images.")
-if(NOT TARGET nbdkit-dif-filter)
-  message(FATAL_ERROR "The package nbdkit-dif-filter takes nbdkit-plugin-dev")
-endif()
 # A filter works with the version of nbdkit that it was built for alone.
 dif_package(nbdkit nbdkit-dif-filter admin "nbdkit (>= ${NBDKIT_VERSION}), nbdkit (<< ${NBDKIT_VERSION}.~)"
   "data integrity fields for block storage - nbdkit filter"
   "Serves an image of blocks with integrity fields as a disk: every write gets its\n\
 fields, every read is checked, and a block that fails is an I/O error.")
 
+# dpkg-shlibdeps looks here for the libraries in lib.
+add_custom_command(OUTPUT DEBIAN/symbols COMMAND ${CMAKE_COMMAND} -E make_directory DEBIAN
+  COMMAND ${CMAKE_COMMAND} -E cat ${dif_symbols} >DEBIAN/symbols DEPENDS ${dif_symbols})
+add_custom_target(package_symbols ALL DEPENDS DEBIAN/symbols)
+
+install(CODE "execute_process(COMMAND ${CMAKE_STRIP} --strip-debug --enable-deterministic-archives
+  \$ENV{DESTDIR}${CMAKE_INSTALL_FULL_LIBDIR}/libdif.a \$ENV{DESTDIR}${CMAKE_INSTALL_FULL_LIBDIR}/libdif_host.a
+  COMMAND_ERROR_IS_FATAL ANY)")
+
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME dif)
 set(CPACK_PACKAGE_CONTACT ${dif_maintainer})
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "") # each package has a first line of its own
-set(CPACK_STRIP_FILES ON)
+set(CPACK_DEBIAN_DEBUGINFO_PACKAGE ON) # which strips the binaries
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
   OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CPACK_COMPONENTS_GROUPING IGNORE)
@@ -74,8 +90,5 @@ set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
-file(CONFIGURE OUTPUT triggers CONTENT "activate-noawait ldconfig\n")
-# The trigger does what cpack's own scripts would; naming scripts that are not there keeps them out.
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
-  ${PROJECT_BINARY_DIR}/triggers ${PROJECT_BINARY_DIR}/postinst ${PROJECT_BINARY_DIR}/postrm)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 include(CPack)

@@ -1,7 +1,7 @@
 /*
  * A host to run libdif in. libdif_host implements everything that libdif.so expects of the process that loads it, so
- * that a program linked with -ldif_host -ldif is complete, in either order. These are its settings, which may be changed
- * at any time from any thread and have working defaults, and the ways in for an operator.
+ * that a program linked with -ldif_host is complete. These are its settings, which may be changed at any time from any
+ * thread and have working defaults, and the ways in for an operator.
  */
 #ifndef DIF_HOST_H
 #define DIF_HOST_H

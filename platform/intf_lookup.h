@@ -8,7 +8,8 @@
 extern "C" {
 #endif
 
-/* The address of a registered routine, or null. The last two arguments are always 0. */
+/* The address of a registered routine, or null: without the one below, no failed assertion stops the process. The last two
+ * arguments are always 0. */
 void *lookupIntfMethod(const char *interfaceName, const char *methodName, uint64_t reserved0, uint64_t reserved1);
 
 /*

@@ -8,7 +8,7 @@
 extern "C" {
 #endif
 
-/* The tick counter that rate limits are counted in. */
+/* The tick counter that rate limits are counted in: 250 ticks a second. */
 uint64_t osal_get_jiffies(void);
 
 /* A monotonic clock in nanoseconds. */

@@ -5,8 +5,21 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 say() { printf '\n== %s\n' "$*"; }
 
-# Prints the comment at the head of the script.
-usage() { sed -n '2,/^[^#]/s/^# \{0,1\}//p' "scripts/$(basename "$0")"; }
+# takes EXPECTED PATTERN ARGUMENT...: answers --help with the comment at the head of the script, and refuses arguments that,
+# all together, are not of the pattern.
+takes() {
+    local script expected=$1 pattern=$2
+    script=scripts/$(basename "$0")
+    shift 2
+    if [[ $* == --help ]]; then
+        sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$script"
+        exit
+    fi
+    [[ $* =~ ^($pattern)$ ]] || {
+        echo "$script: got '$*', expected $expected or --help" >&2
+        exit 2
+    }
+}
 
 # Installs those of the named Debian packages that are missing. With all of them there it contacts nobody.
 installMissing() {
@@ -21,12 +34,14 @@ installMissing() {
     "${asRoot[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "${missing[@]}"
 }
 
-# build PRESET [cmake --build ARGUMENT...]: builds into build/PRESET, after installing what that needs.
+# build PRESET [--target TARGET...]: builds into build/PRESET, after installing what that needs: with targets, what the
+# libraries and difctl do.
 build() {
-    local preset=$1
+    local preset=$1 packages=(g++ cmake ninja-build pkg-config libisal-dev libspdlog-dev libutfcpp-dev libcli11-dev
+        nlohmann-json3-dev libedit-dev)
     shift
-    installMissing g++ cmake ninja-build pkg-config libisal-dev libspdlog-dev libutfcpp-dev libcli11-dev nlohmann-json3-dev \
-        libgtest-dev libgmock-dev libbenchmark-dev libedit-dev nbdkit-plugin-dev
+    (($#)) || packages+=(libgtest-dev libgmock-dev libbenchmark-dev nbdkit-plugin-dev)
+    installMissing "${packages[@]}"
     say "Building $preset"
     cmake --preset "$preset" >/dev/null
     cmake --build --preset "$preset" "$@"
