@@ -26,7 +26,7 @@ build() {
     local preset=$1
     shift
     installMissing g++ cmake ninja-build pkg-config libisal-dev libspdlog-dev libutfcpp-dev libcli11-dev nlohmann-json3-dev \
-        libgtest-dev libgmock-dev libbenchmark-dev libedit-dev nbdkit-plugin-dev
+        libgtest-dev libgmock-dev libbenchmark-dev libedit-dev libnbd-dev nbdkit-plugin-dev
     say "Building $preset"
     cmake --preset "$preset" >/dev/null
     cmake --build --preset "$preset" "$@"

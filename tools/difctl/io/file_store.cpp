@@ -1,4 +1,4 @@
-#include "io/image_file.h"
+#include "io/file_store.h"
 
 #include "image/image_lock.h"
 #include "io/error.h"
@@ -20,12 +20,12 @@ namespace difctl {
 
 namespace {
 
-int openImage(const std::string &path, ImageFile::Use use) {
+int openImage(const std::string &path, ImageStore::Use use) {
     if (path == "-") {
         return STDIN_FILENO;
     }
     /* O_EXCL: the system refuses a block device that it uses itself; for files it means nothing. */
-    const int flags = use == ImageFile::Use::kChange ? O_RDWR | O_EXCL : O_RDONLY;
+    const int flags = use == ImageStore::Use::kChange ? O_RDWR | O_EXCL : O_RDONLY;
     return ::open(path.c_str(), flags | O_CLOEXEC);
 }
 
@@ -64,7 +64,7 @@ private:
 
 } // namespace
 
-ImageFile::ImageFile(const std::string &path, Use use)
+FileStore::FileStore(const std::string &path, Use use)
     : name_(path == "-" ? kStandardInput : printable(path)), file_(openImage(path, use)) {
     if (path == "-" && use == Use::kChange) {
         throw Error(name_ + ": cannot be changed in place; name a file");
@@ -99,7 +99,7 @@ ImageFile::ImageFile(const std::string &path, Use use)
     ::posix_fadvise(file_.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
 }
 
-void ImageFile::lock(Use use) const {
+void FileStore::lock(Use use) const {
     if (image::lockImage(file_.get(), use == Use::kChange) == 0) {
         return;
     }
@@ -112,15 +112,15 @@ void ImageFile::lock(Use use) const {
     }
 }
 
-std::optional<FileAccess> ImageFile::access() const {
+std::optional<FileAccess> FileStore::access() const {
     return accessOf(file_.get());
 }
 
-ssize_t ImageFile::read(uint64_t offset, const Pieces &pieces, size_t done) const {
+ssize_t FileStore::read(uint64_t offset, const Pieces &pieces, size_t done) const {
     return readSome(file_.get(), length_ ? std::optional(start_ + offset) : std::nullopt, pieces, done);
 }
 
-uint64_t ImageFile::nextData(uint64_t offset) const {
+uint64_t FileStore::nextData(uint64_t offset) const {
     const off_t data = ::lseek(file_.get(), static_cast<off_t>(offset), SEEK_DATA);
     if (data < 0) {
         return errno == ENXIO ? *length_ : offset;
@@ -128,7 +128,7 @@ uint64_t ImageFile::nextData(uint64_t offset) const {
     return static_cast<uint64_t>(data);
 }
 
-bool ImageFile::waitForData(int cancelEvent) const {
+bool FileStore::waitForData(int cancelEvent) const {
     std::array<pollfd, 2> ready = {pollfd{.fd = file_.get(), .events = POLLIN, .revents = 0},
                                    pollfd{.fd = cancelEvent, .events = POLLIN, .revents = 0}};
     while (::poll(ready.data(), ready.size(), -1) < 0 && errno == EINTR) {
@@ -136,7 +136,7 @@ bool ImageFile::waitForData(int cancelEvent) const {
     return ready[1].revents != 0;
 }
 
-void ImageFile::requireLength() const {
+void FileStore::requireLength() const {
     const off_t end = ::lseek(file_.get(), 0, SEEK_END);
     if (end < 0) {
         throw systemError(name_, "cannot examine", errno);
@@ -151,7 +151,7 @@ void ImageFile::requireLength() const {
  * Through a mapping, which ends where the file ends: a write behind the end would bring back what another process has cut
  * off. The system copies, so that a page which cannot be had is an error and not a signal.
  */
-void ImageFile::write(uint64_t offset, const Pieces &pieces) {
+void FileStore::write(uint64_t offset, const Pieces &pieces) {
     std::vector<uint8_t> bytes;
     bytes.reserve(pieces.bytes());
     for (size_t index = 0; index < pieces.count; ++index) {
@@ -177,7 +177,7 @@ void ImageFile::write(uint64_t offset, const Pieces &pieces) {
     }
 }
 
-void ImageFile::sync() {
+void FileStore::sync() {
     if (syncFile(file_.get()) != 0) {
         throw systemError(name_, "cannot bring the changes to stable storage", errno);
     }

@@ -1,8 +1,9 @@
-#include "io/destination.h"
+#include "io/new_file.h"
 
 #include "io/error.h"
 #include "io/interrupt.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
@@ -16,8 +17,8 @@ namespace difctl {
 
 namespace {
 
-constexpr const char *kNoWayBack = "what was written to standard output cannot be undone";
 constexpr mode_t kOwnerOnly = S_IRUSR | S_IWUSR;
+constexpr size_t kHoleBytes = 4096; /* what file systems can leave out */
 
 std::string directoryOf(const std::string &path) {
     const auto parent = std::filesystem::path(path).parent_path();
@@ -51,21 +52,13 @@ bool isHeldByAnother(const struct stat &status, const std::string &directory) {
 
 } // namespace
 
-Destination::Destination(const std::string &path, Replacing replacing, std::optional<FileAccess> source)
-    : name_(path == "-" ? kStandardOutput : printable(path)), replacing_(std::move(replacing)), source_(source) {
-    if (path != "-") {
-        requireUsable(path);
-        create();
-        return;
-    }
-    if (::isatty(STDOUT_FILENO) == 1) {
-        throw Error("standard output: is a terminal; redirect it or name a file");
-    }
-    file_.set(STDOUT_FILENO);
-    holdingInterrupts([](Unfinished &unfinished) { unfinished.note = std::string("; ") + kNoWayBack; });
+NewFile::NewFile(const std::string &path, Replacing replacing, std::optional<FileAccess> source)
+    : name_(printable(path)), replacing_(std::move(replacing)), source_(source) {
+    requireUsable(path);
+    create();
 }
 
-void Destination::requireUsable(const std::string &path) {
+void NewFile::requireUsable(const std::string &path) {
     target_ = path;
     if (!std::filesystem::path(path).has_filename()) {
         throw Error(name_ + ": ends in '/', which is no name for a file");
@@ -96,7 +89,7 @@ void Destination::requireUsable(const std::string &path) {
     }
 }
 
-void Destination::create() {
+void NewFile::create() {
     const std::string directory = directoryOf(target_);
     holdingInterrupts([&](Unfinished &unfinished) {
         file_.set(::open(directory.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, kOwnerOnly));
@@ -112,7 +105,7 @@ void Destination::create() {
     });
 }
 
-std::string Destination::unusedName() const {
+std::string NewFile::unusedName() const {
     struct stat status = {};
     for (int attempt = 0;; ++attempt) {
         std::string path =
@@ -123,7 +116,7 @@ std::string Destination::unusedName() const {
     }
 }
 
-Destination::~Destination() {
+NewFile::~NewFile() {
     if (!temporary_.empty()) {
         holdingInterrupts([this](Unfinished &unfinished) {
             ::unlink(temporary_.c_str());
@@ -132,15 +125,34 @@ Destination::~Destination() {
     }
 }
 
-void Destination::write(const Pieces &pieces) {
-    if (!writeAll(file_.get(), pieces, offset_)) {
-        throw systemError(name_, "cannot write at offset " + std::to_string(offset_), errno);
+void NewFile::write(const Pieces &pieces) {
+    const uint64_t start = offset_;
+    size_t begin = 0;
+    for (size_t at = 0, end = 0; at < pieces.bytes(); at = end) {
+        end = std::min(pieces.bytes(), at + kHoleBytes - (start + at) % kHoleBytes);
+        if (end - at == kHoleBytes && isZero(pieces, at, end)) {
+            put(pieces, begin, at);
+            offset_ += kHoleBytes;
+            begin = end;
+        }
     }
+    put(pieces, begin, pieces.bytes());
 }
 
-void Destination::commit() {
-    if (target_.empty()) {
+void NewFile::put(const Pieces &pieces, size_t from, size_t to) {
+    if (from == to) {
         return;
+    }
+    const bool inPlace = end_ == offset_ || ::lseek(file_.get(), static_cast<off_t>(offset_), SEEK_SET) >= 0;
+    if (!inPlace || !writePart(file_.get(), pieces, from, to, offset_)) {
+        throw systemError(name_, "cannot write at offset " + std::to_string(offset_), errno);
+    }
+    end_ = offset_;
+}
+
+void NewFile::commit() {
+    if (end_ != offset_ && ::ftruncate(file_.get(), static_cast<off_t>(offset_)) != 0) {
+        throw systemError(name_, "cannot be made " + std::to_string(offset_) + " bytes long", errno);
     }
     const auto replaced = accessOf(target_);
     if (replaced && !replacing_.allowed(target_)) {
@@ -158,7 +170,7 @@ void Destination::commit() {
 }
 
 /* A file without a name is linked; to replace another it needs one first. */
-void Destination::giveName(bool replace) {
+void NewFile::giveName(bool replace) {
     const auto linkTo = [this](const std::string &path) {
         return ::linkat(AT_FDCWD, descriptorPath(file_.get()).c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW);
     };
@@ -182,7 +194,7 @@ void Destination::giveName(bool replace) {
     temporary_.clear();
 }
 
-void Destination::syncDirectory() {
+void NewFile::syncDirectory() {
     const FileDescriptor directory(::open(directoryOf(target_).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     /* A directory that may be written but not read, or no descriptor to be had: the whole file system does as well. */
     const int failed = directory.get() < 0 ? ::syncfs(file_.get()) : syncFile(directory.get());
@@ -193,10 +205,6 @@ void Destination::syncDirectory() {
                           "to stable storage",
                           errno);
     }
-}
-
-std::string Destination::leftoverNote() const {
-    return target_.empty() && offset_ != 0 ? std::string("; ") + kNoWayBack : std::string();
 }
 
 } // namespace difctl
