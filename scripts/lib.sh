@@ -38,7 +38,7 @@ installMissing() {
 # libraries and difctl do.
 build() {
     local preset=$1 packages=(g++ cmake ninja-build pkg-config libisal-dev libspdlog-dev libutfcpp-dev libcli11-dev
-        nlohmann-json3-dev libedit-dev)
+        nlohmann-json3-dev libedit-dev libnbd-dev)
     shift
     (($#)) || packages+=(libgtest-dev libgmock-dev libbenchmark-dev nbdkit-plugin-dev)
     installMissing "${packages[@]}"

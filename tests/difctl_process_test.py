@@ -84,7 +84,7 @@ class DifctlProcessTest(ToolTest):
         self.assertEqual((none.returncode, one.stderr, one.stdout == many.stdout != none.stdout), (2, b"", True))
         pathlib.Path("raw").write_bytes(raw)
         command, said = {"args": [DIFCTL, "protect", "raw", "new"], "capture_output": True}, set()
-        for megabytes in range(8, 48):
+        for megabytes in range(8, 64):
             done = subprocess.run(**command, **limit(resource.RLIMIT_AS, megabytes << 20))
             said.add(done.stderr)
             self.assertEqual(len(os.listdir(".")), 1 if done.returncode else 2)

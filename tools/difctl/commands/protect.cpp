@@ -28,6 +28,9 @@ int runProtect(const ProtectCommand &options) {
     const ImageFile file(options.source, ImageFile::Use::kRead);
     Source source(file, format.geometry.dataSize);
     Destination destination(options.destination, replacingIf(options.force), file.access());
+    if (source.length()) {
+        destination.requireRoom(source.unitNum() * format.geometry.blockSize);
+    }
     Progress progress(source.length());
     const auto process = [&](Request &request) { protectRequest(request, protect); };
     const auto consume = [&](Request &request) {

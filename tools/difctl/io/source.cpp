@@ -1,7 +1,6 @@
 #include "io/source.h"
 
-#include "io/error.h"
-
+#include <algorithm>
 #include <cerrno>
 
 #include <sys/eventfd.h>
@@ -45,28 +44,54 @@ uint64_t Source::unitNum() const {
     return *length() / unitBytes_;
 }
 
-size_t Source::read(const Pieces &pieces) {
+size_t Source::read(uint64_t first, const Pieces &pieces) {
+    const uint64_t offset = first * unitBytes_;
+    if (!length()) {
+        return readNext(offset, pieces);
+    }
+    const size_t bytes = static_cast<size_t>(std::min<uint64_t>(pieces.bytes(), *length() - offset));
+    for (size_t done = 0; done < bytes;) {
+        const ssize_t moved = readOnce(offset + done, pieces, done);
+        if (moved == 0) {
+            throw changedLength("the end at offset " + std::to_string(offset + done));
+        }
+        done += static_cast<size_t>(std::max<ssize_t>(moved, 0));
+    }
+    uint8_t further = 0;
+    if (offset == *length() && !ended_) {
+        ended_ = true;
+        if (readOnce(offset, {&further, 1, 1, 1}, 0) != 0) {
+            throw changedLength("more of them at the end");
+        }
+    }
+    return bytes;
+}
+
+Error Source::changedLength(const std::string &now) const {
+    return Error(name() + ": changed its length while it was read: " + std::to_string(*length()) + " bytes at first, " +
+                 now);
+}
+
+ssize_t Source::readOnce(uint64_t offset, const Pieces &pieces, size_t done) const {
+    const ssize_t moved = file_.read(offset, pieces, done);
+    if (moved < 0 && errno != EAGAIN) {
+        throw systemError(name(), "cannot read at offset " + std::to_string(offset), errno);
+    }
+    return moved;
+}
+
+size_t Source::readNext(uint64_t offset, const Pieces &pieces) {
     size_t done = 0;
     while (done < pieces.bytes() && !ended_) {
-        if (!length() && file_.waitForData(cancelEvent_.get())) {
+        if (file_.waitForData(cancelEvent_.get())) {
             throw Error(name() + ": reading was cancelled");
         }
-        const ssize_t moved = file_.read(offset_, pieces, done);
-        if (moved < 0 && errno != EAGAIN) {
-            throw systemError(name(), "cannot read at offset " + std::to_string(offset_), errno);
-        }
-        if (moved > 0) {
-            done += static_cast<size_t>(moved);
-            offset_ += static_cast<uint64_t>(moved);
-        }
+        const ssize_t moved = readOnce(offset + done, pieces, done);
+        done += static_cast<size_t>(std::max<ssize_t>(moved, 0));
         ended_ = moved == 0;
     }
-    if (ended_ && length().value_or(offset_) != offset_) {
-        throw Error(name() + ": changed its length while it was read: " + std::to_string(*length()) +
-                    " bytes at first, the end at offset " + std::to_string(offset_));
-    }
     if (ended_) {
-        requireUsableLength(offset_);
+        requireUsableLength(offset + done);
     }
     return done;
 }

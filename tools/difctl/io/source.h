@@ -1,7 +1,8 @@
-/* An image on its way in: a file, a block device or a stream, read in order. */
+/* An image on its way in. */
 #ifndef DIFCTL_SOURCE_H
 #define DIFCTL_SOURCE_H
 
+#include "io/error.h"
 #include "io/image_file.h"
 
 #include <cstddef>
@@ -14,18 +15,17 @@ namespace difctl {
 /* Reads what there is of the `size` bytes at `offset` of an image of known length; returns how many. Throws Error. */
 uint64_t readAll(const ImageFile &file, uint64_t offset, uint8_t *bytes, uint64_t size);
 
-/* A pass over an image from its start to its end. Everything throws Error. */
+/* An image to read once, from its start to its end. Everything throws Error. */
 class Source {
 public:
     /* The image's length must be a multiple, not 0, of `unitBytes`; that is tested at once where the length is known, else
      * at the end. */
     Source(const ImageFile &file, size_t unitBytes);
 
-    /* Passes over the first `units` units; before the first read, and where the length is known. */
-    void skip(uint64_t units) { offset_ += units * unitBytes_; }
-
-    /* Fills `pieces` and returns the number of bytes read: less than asked for only at the end, and always whole units. */
-    size_t read(const Pieces &pieces);
+    /* Fills `pieces` from the unit `first` on and returns the number of bytes read: less than asked for only at the end, and
+     * always whole units. Where the length is known, threads may read at once, but only one at the end, where it looks
+     * whether there is more by now; else one thread reads what comes next, whose place the caller knows. */
+    size_t read(uint64_t first, const Pieces &pieces);
 
     /* Makes a read that waits for data, now or later, throw. For any thread. */
     void cancel() const;
@@ -40,12 +40,15 @@ public:
 
 private:
     void requireUsableLength(uint64_t length) const;
+    /* ImageFile::read's answer: negative only where there is nothing yet. */
+    ssize_t readOnce(uint64_t offset, const Pieces &pieces, size_t done) const;
+    size_t readNext(uint64_t offset, const Pieces &pieces);
+    Error changedLength(const std::string &now) const;
 
     const ImageFile &file_;
     size_t unitBytes_;
     FileDescriptor cancelEvent_;
-    uint64_t offset_ = 0;
-    bool ended_ = false;
+    bool ended_ = false; /* so far as reading has come there */
 };
 
 } // namespace difctl

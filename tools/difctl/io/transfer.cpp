@@ -2,9 +2,11 @@
 
 #include "io/error.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <cstring>
 
 #include <poll.h>
 #include <sys/uio.h>
@@ -14,15 +16,15 @@ namespace difctl {
 
 namespace {
 
-/* Runs `call`, a form of readv or writev, on what follows the first `done` bytes of `pieces`. */
+/* Runs `call`, a form of readv or writev, on the bytes from the `from`-th to before the `to`-th of `pieces`. */
 template <typename Call>
-ssize_t transfer(const Pieces &pieces, size_t done, Call call) {
+ssize_t transfer(const Pieces &pieces, size_t from, size_t to, Call call) {
     std::array<iovec, IOV_MAX> vector; /* NOLINT(cppcoreguidelines-pro-type-member-init): 16 KiB, mostly unused */
     int used = 0;
-    for (size_t index = done / pieces.size, skip = done % pieces.size; index < pieces.count && used < IOV_MAX;
-         ++index) {
-        vector[static_cast<size_t>(used++)] = {pieces.base + index * pieces.stride + skip, pieces.size - skip};
-        skip = 0;
+    for (size_t at = from; at < to && used < IOV_MAX; ++used) {
+        const std::span<uint8_t> piece = pieces.after(at);
+        vector[static_cast<size_t>(used)] = {piece.data(), std::min(piece.size(), to - at)};
+        at += piece.size();
     }
     ssize_t moved = 0;
     do {
@@ -44,18 +46,35 @@ void FileDescriptor::set(int number) {
     number_ = number;
 }
 
+bool isZero(const uint8_t *bytes, size_t size) {
+    /* The first byte is, and every other is like the one before it. */
+    return size == 0 || (bytes[0] == 0 && std::memcmp(bytes, bytes + 1, size - 1) == 0);
+}
+
+bool isZero(const Pieces &pieces, size_t from, size_t to) {
+    while (from < to) {
+        const std::span<uint8_t> piece = pieces.after(from);
+        const size_t size = std::min(piece.size(), to - from);
+        if (!isZero(piece.data(), size)) {
+            return false;
+        }
+        from += size;
+    }
+    return true;
+}
+
 ssize_t readSome(int file, std::optional<uint64_t> offset, const Pieces &pieces, size_t done) {
-    return transfer(pieces, done, [&](const iovec *vector, int used) {
+    return transfer(pieces, done, pieces.bytes(), [&](const iovec *vector, int used) {
         return offset ? ::preadv(file, vector, used, static_cast<off_t>(*offset)) : ::readv(file, vector, used);
     });
 }
 
-bool writeAll(int file, const Pieces &pieces, uint64_t &offset) {
-    for (size_t done = 0; done < pieces.bytes();) {
+bool writePart(int file, const Pieces &pieces, size_t from, size_t to, uint64_t &offset) {
+    while (from < to) {
         const ssize_t moved =
-            transfer(pieces, done, [file](const iovec *vector, int used) { return ::writev(file, vector, used); });
+            transfer(pieces, from, to, [file](const iovec *vector, int used) { return ::writev(file, vector, used); });
         if (moved >= 0) {
-            done += static_cast<size_t>(moved);
+            from += static_cast<size_t>(moved);
             offset += static_cast<uint64_t>(moved);
         } else if (errno == EAGAIN) {
             pollfd ready = {.fd = file, .events = POLLOUT, .revents = 0};
@@ -65,6 +84,10 @@ bool writeAll(int file, const Pieces &pieces, uint64_t &offset) {
         }
     }
     return true;
+}
+
+bool writeAll(int file, const Pieces &pieces, uint64_t &offset) {
+    return writePart(file, pieces, 0, pieces.bytes(), offset);
 }
 
 bool writeAt(int file, uint64_t offset, const uint8_t *bytes, size_t size) {

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 
 #include <sys/types.h>
@@ -22,7 +23,17 @@ struct Pieces {
     size_t count;
 
     size_t bytes() const { return size * count; }
+
+    /* What follows the first `done` bytes, up to the end of its piece. */
+    std::span<uint8_t> after(size_t done) const {
+        return {base + done / size * stride + done % size, size - done % size};
+    }
 };
+
+/* Whether there are only zeros; cheap where the first byte is none. Of `pieces`, from the `from`-th byte to before the
+ * `to`-th. */
+bool isZero(const uint8_t *bytes, size_t size);
+bool isZero(const Pieces &pieces, size_t from, size_t to);
 
 class FileDescriptor {
 public:
@@ -43,7 +54,9 @@ private:
  * stands: readv's answer, but never EINTR. */
 ssize_t readSome(int file, std::optional<uint64_t> offset, const Pieces &pieces, size_t done);
 
-/* Writes all of `pieces`; on a failure, `offset` tells how far it got and errno why. */
+/* Writes the bytes from the `from`-th to before the `to`-th of `pieces`, or all of them; on a failure, `offset` tells how
+ * far it got and errno why. */
+bool writePart(int file, const Pieces &pieces, size_t from, size_t to, uint64_t &offset);
 bool writeAll(int file, const Pieces &pieces, uint64_t &offset);
 
 /* Writes `size` bytes at `offset`; false and errno on a failure. */

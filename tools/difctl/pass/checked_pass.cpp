@@ -73,6 +73,11 @@ int runCheckedCopy(Source &source, Destination &destination, const CheckedCopy &
             destination.write((request.*copy.layout)(request.blockNum));
         }
     };
+    if (source.length()) {
+        Request block;
+        block.format = &copy.format;
+        destination.requireRoom(source.unitNum() * (block.*copy.layout)(1).bytes());
+    }
     try {
         const Findings findings = runCheckedPass(source, {copy.format, copy.allBlocks, copy.process, consume});
         if (findings.failed() != 0) {

@@ -6,6 +6,7 @@
 #include <exception>
 #include <mutex>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace difctl {
@@ -25,9 +26,9 @@ std::exception_ptr caught(Step step) {
 }
 
 /*
- * Every thread takes one request after the other all the way, in memory of its own: reads it while no other thread reads,
- * processes it, and consumes it when those read before it are consumed. What fails on the way fails in that turn, and the
- * end of the blocks, a request of none, has its turn as well.
+ * Every thread takes one request after the other all the way, in memory of its own: reads it, processes it, and consumes it
+ * when those before it are consumed. What fails on the way fails in that turn, and the end of the blocks, a request of none,
+ * has its turn as well. Where the source's length tells the place of each request, threads read at once; else, only one.
  */
 class Relay {
 public:
@@ -59,8 +60,7 @@ private:
         while (!stopped_) {
             std::unique_lock reading(readMutex_);
             const uint64_t turn = readNum_++;
-            std::exception_ptr error = caught([&] { read(request, memory); });
-            reading.unlock();
+            std::exception_ptr error = caught([&] { read(request, memory, std::move(reading)); });
             if (!error && request.blockNum != 0) {
                 error = caught([&] { pipeline_.process(request); });
             }
@@ -72,17 +72,27 @@ private:
         }
     }
 
-    void read(Request &request, std::vector<uint8_t> &memory) {
+    void read(Request &request, std::vector<uint8_t> &memory, std::unique_lock<std::mutex> reading) {
         const DifTypeInfo &geometry = pipeline_.format.geometry;
         const uint32_t maxBlocks = kRequestDataBytes / geometry.dataSize;
         memory.resize(size_t{maxBlocks} * geometry.blockSize);
         request.format = &pipeline_.format;
         request.buf = memory.data();
         request.firstBlock = nextBlock_;
-        const uint64_t blocks = std::min<uint64_t>(maxBlocks, pipeline_.blocks.end - nextBlock_);
-        const size_t bytes = source_.read((request.*pipeline_.layout)(static_cast<uint32_t>(blocks)));
+        uint64_t blocks = std::min<uint64_t>(maxBlocks, pipeline_.blocks.end - nextBlock_);
+        if (source_.length()) {
+            blocks = std::min(blocks, source_.unitNum() - nextBlock_);
+            nextBlock_ += blocks;
+            if (blocks != 0) {
+                reading.unlock();
+            }
+        }
+        const Pieces pieces = (request.*pipeline_.layout)(static_cast<uint32_t>(blocks));
+        const size_t bytes = source_.read(request.firstBlock, pieces);
         request.blockNum = static_cast<uint32_t>(bytes / (request.*pipeline_.layout)(1).bytes());
-        nextBlock_ += request.blockNum;
+        if (reading) {
+            nextBlock_ += request.blockNum;
+        }
     }
 
     void consume(Request &request, std::exception_ptr error) {
@@ -101,7 +111,7 @@ private:
 
     Source &source_;
     const Pipeline &pipeline_;
-    std::mutex readMutex_; /* guards the source and the next two */
+    std::mutex readMutex_; /* guards the next two, and a source that is read in order */
     uint64_t readNum_ = 0;
     uint64_t nextBlock_;
     std::mutex consumeMutex_; /* guards what follows; stopped_ may be read without it */
@@ -114,7 +124,6 @@ private:
 } // namespace
 
 void runPipeline(Source &source, const Pipeline &pipeline) {
-    source.skip(pipeline.blocks.first);
     /* Beside one thread a core, one may wait for the source and one for what consumes. */
     Relay(source, pipeline).run(std::min(std::max(std::thread::hardware_concurrency(), 1U) + 2, kMaxThreads));
 }

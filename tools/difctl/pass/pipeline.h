@@ -1,4 +1,4 @@
-/* An image on its way through memory: read in order, processed by all cores, handed on in order. */
+/* An image on its way through memory: read and processed by all cores, handed on in order. */
 #ifndef DIFCTL_PIPELINE_H
 #define DIFCTL_PIPELINE_H
 
