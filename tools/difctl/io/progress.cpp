@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cinttypes>
 #include <cmath>
 #include <cstdio>
@@ -34,7 +35,8 @@ void show(const std::array<std::string_view, 5> &pieces) {
     std::transform(pieces.begin(), pieces.end(), vector.begin(), [](std::string_view piece) {
         return iovec{const_cast<char *>(piece.data()), piece.size()};
     });
-    [[maybe_unused]] const ssize_t written = ::writev(STDERR_FILENO, vector.data(), vector.size());
+    while (::writev(STDERR_FILENO, vector.data(), vector.size()) < 0 && errno == EINTR) {
+    }
 }
 
 std::string clockText(uint64_t seconds) {
