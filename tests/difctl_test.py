@@ -296,7 +296,7 @@ class DifctlTest(ToolTest):
         self.write("img", edited(IMAGE, (7, GUARD, bytes(2))))
         self.refused("repair", "img", "--from", self.write("other", protected(RAW[::-1], lba=100)),
                      says="other: is no replica of img: of 256 blocks that pass in both, 256 differ; --force goes ahead")
-        self.refused("repair", "img", "--from", self.write("short", IMAGE[:5200]), says="it has 5200 bytes, not 3224000")
+        self.refused("repair", "img", "--from", self.write("short", IMAGE[:5200]), says="it has 10 blocks, not 6200")
 
     def test_show(self):
         shown_as = {  # behind zero data, from LBA 0x1fffffffe on

@@ -83,6 +83,7 @@ FileStore::FileStore(const std::string &path, Use use)
         throw Error(name_ + ": is a directory, not an image");
     }
     length_ = endOf(file_.get(), status);
+    isDevice_ = S_ISBLK(status.st_mode);
     if (!length_) {
         return;
     }
@@ -116,11 +117,39 @@ std::optional<FileAccess> FileStore::access() const {
     return accessOf(file_.get());
 }
 
+std::span<uint8_t> FileStore::lookAhead(size_t size) const {
+    if (length_) {
+        return {};
+    }
+    std::vector<uint8_t> bytes(size);
+    size_t done = 0;
+    for (ssize_t moved = 1; moved != 0 && done < size; done += static_cast<size_t>(std::max<ssize_t>(moved, 0))) {
+        waitForData(-1);
+        moved = readSome(file_.get(), std::nullopt, {bytes.data(), size, size, 1}, done);
+        if (moved < 0 && errno != EAGAIN) {
+            break; /* reading says so */
+        }
+    }
+    bytes.resize(done);
+    ahead_ = std::move(bytes);
+    return ahead_;
+}
+
 ssize_t FileStore::read(uint64_t offset, const Pieces &pieces, size_t done) const {
+    if (!ahead_.empty()) {
+        const std::span<uint8_t> place = pieces.after(done);
+        const size_t size = std::min(place.size(), ahead_.size());
+        std::copy_n(ahead_.begin(), size, place.begin());
+        ahead_.erase(ahead_.begin(), ahead_.begin() + static_cast<ptrdiff_t>(size));
+        return static_cast<ssize_t>(size);
+    }
     return readSome(file_.get(), length_ ? std::optional(start_ + offset) : std::nullopt, pieces, done);
 }
 
 uint64_t FileStore::nextData(uint64_t offset) const {
+    if (file_.get() == STDIN_FILENO) {
+        return offset; /* others may stand where it does */
+    }
     const off_t data = ::lseek(file_.get(), static_cast<off_t>(offset), SEEK_DATA);
     if (data < 0) {
         return errno == ENXIO ? *length_ : offset;
@@ -129,6 +158,9 @@ uint64_t FileStore::nextData(uint64_t offset) const {
 }
 
 bool FileStore::waitForData(int cancelEvent) const {
+    if (!ahead_.empty()) {
+        return false;
+    }
     std::array<pollfd, 2> ready = {pollfd{.fd = file_.get(), .events = POLLIN, .revents = 0},
                                    pollfd{.fd = cancelEvent, .events = POLLIN, .revents = 0}};
     while (::poll(ready.data(), ready.size(), -1) < 0 && errno == EINTR) {

@@ -5,6 +5,7 @@
 #include "io/image_store.h"
 
 #include <string>
+#include <vector>
 
 namespace difctl {
 
@@ -18,7 +19,9 @@ public:
     FileStore(const std::string &path, Use use);
 
     std::optional<uint64_t> length() const override { return length_; }
+    bool isPlace() const override { return isDevice_; }
     std::optional<FileAccess> access() const override;
+    std::span<uint8_t> lookAhead(size_t size) const override;
     ssize_t read(uint64_t offset, const Pieces &pieces, size_t done) const override;
     uint64_t nextData(uint64_t offset) const override;
     bool waitForData(int cancelEvent) const override;
@@ -37,6 +40,8 @@ private:
     FileDescriptor staging_; /* memory that the system can copy from; of a file to change */
     uint64_t start_ = 0;
     std::optional<uint64_t> length_;
+    bool isDevice_ = false;
+    mutable std::vector<uint8_t> ahead_; /* of a stream: read already, and to be read again */
 };
 
 } // namespace difctl

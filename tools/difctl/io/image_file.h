@@ -22,7 +22,9 @@ public:
 
     /* See ImageStore. */
     std::optional<uint64_t> length() const { return store_->length(); }
+    bool isPlace() const { return store_->isPlace(); }
     std::optional<FileAccess> access() const { return store_->access(); }
+    std::span<uint8_t> lookAhead(size_t size) const { return store_->lookAhead(size); }
     ssize_t read(uint64_t offset, const Pieces &pieces, size_t done = 0) const {
         return store_->read(offset, pieces, done);
     }

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 
 namespace difctl {
 
@@ -22,6 +23,12 @@ public:
 
     /* The length in bytes when it was opened; none for pipes and the like. */
     virtual std::optional<uint64_t> length() const = 0;
+
+    /* Whether the length is that of the place, a device or an export, in which an image may end earlier. */
+    virtual bool isPlace() const = 0;
+
+    /* The next `size` bytes of a stream, or what there is; reading gives them again. Empty where the length is known. */
+    virtual std::span<uint8_t> lookAhead(size_t /*size*/) const { return {}; }
 
     /* Who may read it; none for what is not a file. */
     virtual std::optional<FileAccess> access() const = 0;

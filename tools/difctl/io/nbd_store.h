@@ -22,6 +22,7 @@ public:
     NbdStore(const std::string &uri, Use use);
 
     std::optional<uint64_t> length() const override { return length_; }
+    bool isPlace() const override { return true; }
     std::optional<FileAccess> access() const override { return std::nullopt; }
     ssize_t read(uint64_t offset, const Pieces &pieces, size_t done) const override;
     uint64_t nextData(uint64_t offset) const override;

@@ -30,7 +30,7 @@ void Source::requireUsableLength(uint64_t length) const {
     if (length == 0) {
         throw Error(name() + ": is empty, an image has at least one block");
     }
-    if (length % unitBytes_ != 0) {
+    if (length % unitBytes_ != 0 && (!file_.isPlace() || length < unitBytes_)) {
         throw Error(name() + ": length " + std::to_string(length) + " is not whole blocks of " +
                     std::to_string(unitBytes_) + " bytes: " + std::to_string(length % unitBytes_) +
                     " bytes are left after " + std::to_string(length / unitBytes_) + " blocks");

@@ -19,7 +19,7 @@ uint64_t readAll(const ImageFile &file, uint64_t offset, uint8_t *bytes, uint64_
 class Source {
 public:
     /* The image's length must be a multiple, not 0, of `unitBytes`; that is tested at once where the length is known, else
-     * at the end. */
+     * at the end. Behind the last unit of a device or an export there may be more. */
     Source(const ImageFile &file, size_t unitBytes);
 
     /* Fills `pieces` from the unit `first` on and returns the number of bytes read: less than asked for only at the end, and

@@ -4,26 +4,38 @@
 #include "io/progress.h"
 #include "io/source.h"
 
+#include <algorithm>
+#include <span>
+
 namespace difctl {
 
 namespace {
+
+/* How much of a stream to wait for to see what it is: what a pipe holds at least, in whole blocks of either size. */
+constexpr size_t kLookedAhead = 15 * size_t{kFormat4160.geometry.blockSize};
 
 class FileReader : public image::Reader {
 public:
     FileReader(const ImageFile &file, Progress &progress) : file_(file), progress_(progress) {}
 
-    uint64_t length() override { return file_.length().value_or(0); }
+    uint64_t length() override { return file_.length().value_or(ahead_.size()); }
 
     uint64_t read(uint64_t offset, uint8_t *bytes, uint64_t size) override {
+        if (!file_.length()) {
+            const auto there = ahead_.subspan(offset).first(std::min<size_t>(size, ahead_.size() - offset));
+            std::copy(there.begin(), there.end(), bytes);
+            return there.size();
+        }
         const uint64_t done = readAll(file_, offset, bytes, size);
         progress_.advance(done);
         return done;
     }
 
-    uint64_t nextData(uint64_t offset) override { return file_.nextData(offset); }
+    uint64_t nextData(uint64_t offset) override { return file_.length() ? file_.nextData(offset) : offset; }
 
 private:
     const ImageFile &file_;
+    std::span<const uint8_t> ahead_ = file_.lookAhead(kLookedAhead);
     Progress &progress_;
 };
 

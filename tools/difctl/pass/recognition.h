@@ -31,8 +31,8 @@ struct Recognition {
 };
 
 /*
- * Looks at the image. What is not said is as it shows; where it shows nothing, and in streams, which cannot be looked at
- * beforehand, 520-byte blocks from LBA 0. Throws Error, with the values that fit, for claims that contradict its fields:
+ * Looks at the image, of a stream at its first blocks. What is not said is as it shows; where it shows nothing, 520-byte
+ * blocks from LBA 0. Throws Error, with the values that fit, for claims that contradict its fields:
  * always for another block size; for other LBAs, guards or plain T10 fields not if `force`.
  */
 Recognition recognise(const ImageFile &file, const Claims &claims, const CheckOptions &check, bool force = false);

@@ -38,9 +38,10 @@ bool Replica::readGood(const ImageFile &file, uint64_t block, std::vector<uint8_
 }
 
 void Replica::requireLikeness(const ImageFile &image, bool force) {
-    if (image.length() != file_.length()) {
-        throw Error(name() + ": is no replica of " + image.name() + ": it has " + std::to_string(*file_.length()) +
-                    " bytes, not " + std::to_string(image.length().value_or(0)));
+    const uint64_t blockNum = Source(image, seen_.format.geometry.blockSize).unitNum();
+    if (blockNum != blockNum_) {
+        throw Error(name() + ": is no replica of " + image.name() + ": it has " + std::to_string(blockNum_) +
+                    " blocks, not " + std::to_string(blockNum));
     }
     uint64_t good = 0;
     uint64_t same = 0;

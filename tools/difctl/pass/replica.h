@@ -21,7 +21,7 @@ public:
 
     const std::string &name() const { return file_.name(); }
 
-    /* Throws Error if `image` has another length, or, without `force`, if most of a sample of blocks that pass in both are
+    /* Throws Error if `image` has another number of blocks, or, without `force`, if most of a sample of blocks that pass in both are
      * not the same in both. */
     void requireLikeness(const ImageFile &image, bool force);
 
