@@ -4,6 +4,7 @@
 #include "io/progress.h"
 
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -18,9 +19,11 @@ namespace difctl {
 
 namespace {
 
+constexpr std::chrono::seconds kLongestWrite{10}; /* what takes longer waits for a server or device that is stuck */
+
 struct Watch {
     std::atomic<bool> ending{false};
-    std::recursive_mutex mutex; /* memory may be wanting while it is held */
+    std::recursive_timed_mutex mutex; /* memory may be wanting while it is held */
     Unfinished unfinished;
 };
 
@@ -89,7 +92,11 @@ void holdingInterrupts(const std::function<void(Unfinished &)> &change) {
 void giveUp(std::string_view why) {
     watch().ending = true;
     /* Not unlocked again: no other thread may write in place or give the file its final name any more. */
-    watch().mutex.lock();
+    if (!watch().mutex.try_lock_for(kLongestWrite)) {
+        endInASecond();
+        printMessage(why, "; some of what was being written, which does not end, may be there");
+        return;
+    }
     const Unfinished &unfinished = watch().unfinished;
     if (!unfinished.path.empty()) {
         ::unlink(unfinished.path.c_str());

@@ -146,16 +146,16 @@ bool NbdConnection::completes(const Command &command) {
 }
 
 void NbdConnection::fail(const Command &command) {
-    if (lost_.empty() && answer(nbd_aio_is_dead(handle_.get()))) {
-        lost_ = nbd_get_error();
+    const std::string why = std::system_category().message(nbd_get_errno());
+    if (lost_.empty() && (answer(nbd_aio_is_dead(handle_.get())) || answer(nbd_aio_is_closed(handle_.get())))) {
+        lost_ = why;
     }
-    const Error error(name_ + ": cannot " + command.what + " at offset " + std::to_string(command.offset) + ": " +
-                      (lost_.empty() ? nbd_get_error() : lost_));
     while (!commands_.empty()) {
         completes(commands_.front());
         commands_.pop_front();
     }
-    throw error;
+    throw Error(name_ + ": cannot " + command.what + " at offset " + std::to_string(command.offset) + ": " +
+                (lost_.empty() ? why : "the connection to the server is lost: " + lost_));
 }
 
 void NbdConnection::finish(size_t left) {

@@ -20,7 +20,11 @@ void OverwritingSink::write(const Pieces &pieces) {
 }
 
 void OverwritingSink::commit() {
-    finish();
+    try {
+        finish();
+    } catch (const Error &error) {
+        throw Error(error.what() + leftoverNote());
+    }
     holdingInterrupts([this](Unfinished &unfinished) { unfinished.note = "; " + name_ + " is complete"; });
 }
 
