@@ -17,10 +17,11 @@ _difctl() {
     [[ $cur == = ]] && cur=""
 
     # An option's line in the help: its names, then the type of its value, with the values if they are few:
-    #   --crc TEXT:{t10,crc32c}=t10 Guard: ...
+    #   --crc GUARD:{t10,crc32c}=t10 Guard: ...
     help=$("$tool" ${command:+"$command"} --help 2>/dev/null) || return
-    if [[ $prev == -* && $'\n'$help =~ $'\n  '(-[^ ]*,)?"$prev"(,[^ ]*)?' '[A-Z]+(:\{([^\}]*)\}|[=\ ]) ]]; then
-        _difctl_words "${BASH_REMATCH[4]//,/ }"
+    if [[ $prev == -* && $'\n'$help =~ $'\n  '(-[^ ]*,)?"$prev"(,[^ ]*)?' '([A-Z]+)[^:=\ ]*(:\{([^\}]*)\}|[=\ ]) &&
+        ${BASH_REMATCH[3]} != @(FILE|REPLICA) ]]; then
+        _difctl_words "${BASH_REMATCH[5]//,/ }"
         return
     elif [[ $cur == -* ]]; then
         _difctl_words "$(sed -nE 's/^  (-[^ ]*).*/\1/p' <<<"$help" | tr , ' ')"

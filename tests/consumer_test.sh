@@ -58,7 +58,8 @@ completes() { # EXPECTED WORD...: completing the last of the words must answer E
     _difctl difctl || true
     [[ ${COMPREPLY[*]} == "$expected" ]] || fail "completion of '${*:2}': expected '$expected', got '${COMPREPLY[*]}'"
 }
-completes "protect verify strip show inject relabel convert fold shell attach selftest" difctl ""
+completes "info protect verify strip show inject relabel convert repair fold shell attach selftest" difctl ""
+completes "disk.dif" difctl verify --metrics disk.d
 completes "--first-lba" difctl verify --fi
 completes "4160" difctl verify --block = 4
 completes "disk.img disk.dif" difctl protect --crc t10 disk
