@@ -5,6 +5,12 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 say() { printf '\n== %s\n' "$*"; }
 
+# Shows a command as a shell takes it, then runs it.
+run() {
+    printf '\n$%s\n' "$(printf ' %q' "$@")"
+    "$@"
+}
+
 # takes EXPECTED PATTERN ARGUMENT...: answers --help with the comment at the head of the script, and refuses arguments that,
 # all together, are not of the pattern.
 takes() {
