@@ -462,6 +462,10 @@ class DifctlTest(ToolTest):
             shown(end, rf"\r\x1b\[K\x1b\[\?7l{bar}\x1b\[\?7h$")
             tool.terminate()
             self.assertIn("\r\x1b[Kdifctl: interrupted by SIGTERM; what was written", shown(end))
+        self.run_tool("protect", "-p", "--first-lba", "3", "raw", "new", says=re.compile(r"\r.*\d%  .* MiB/s .*"))
+        begun = time.monotonic()
+        self.assertEqual(self.run_tool("verify", "--rate=4M", "--at=9,8K", "-q", "new"), b"")
+        self.assertGreater(time.monotonic() - begun, 0.9)
         os.truncate("raw", 1 << 40)
         for verbose in [], ["-v"]:
             with running(*verbose, "protect", "raw", "-", on_terminal=["stderr"], stdout=subprocess.PIPE) as (tool, end):
@@ -519,6 +523,8 @@ class DifctlTest(ToolTest):
         for command in commands:
             text = self.run_tool(command, "--help").decode()
             self.assertRegex(text, r"\nExit status: 0 .*\.\n\nExamples:\n")
+            self.assertEqual(self.run_tool("help", command).decode(), text)
+            self.assertRegex(text, r"\n  -v,--verbose .*\n  -q,--quiet ")
             examples = re.findall(r"(?m)(?:^  |\| )difctl (" + command + r"[^|>&\n]*)", text)
             self.assertTrue(examples, command)
             for example in examples:  # is understood, whether or not its files are there
