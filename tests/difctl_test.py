@@ -490,7 +490,8 @@ class DifctlTest(ToolTest):
             self.assertIn(says, out)
             self.assertNotIn("dif_switch", out)  # what stands behind the end
         self.run_tool("shell", "--cli", input=b"dif showdifswitch\n", status=2)
-        self.assertIn(b"Test PASS", self.run_tool("selftest", "--times", "3", "--len", "513"))
+        self.assertRegex(self.run_tool("selftest", "--times", "3", "--len", "513"),
+                         rb"Test PASS:\nTime:\n(\w+_time: \d+ us \d+\.\d\d GB/s\n){3}$")
         self.run_tool("selftest", "--len", "0", status=1)
         self.write("raw.img", b"")
         with running("shell", on_terminal=["stdin", "stdout", "stderr"]) as (tool, end):

@@ -11,8 +11,8 @@
 
 #include <array>
 #include <cstdio>
-#include <regex>
 #include <string>
+#include <string_view>
 
 namespace difctl {
 
@@ -41,17 +41,16 @@ int32_t printHelp(const char * /*name*/, uint32_t /*detail*/) {
 }
 
 /* The rates of the report, which are in bytes a second, in a unit that can be read. */
-std::string inGigabytes(const std::string &report) {
-    static const std::regex rate("([0-9]+) B/s");
-    std::string text;
-    auto rest = report.begin();
-    for (std::sregex_iterator found(report.begin(), report.end(), rate); found != std::sregex_iterator(); ++found) {
+std::string inGigabytes(std::string report) {
+    constexpr std::string_view kUnit = " B/s";
+    for (size_t end = report.find(kUnit); end != std::string::npos; end = report.find(kUnit, end + 1)) {
+        const size_t begin = report.find_last_not_of("0123456789", end - 1) + 1;
         std::array<char, 32> gigabytes{};
-        std::snprintf(gigabytes.data(), gigabytes.size(), "%.2f GB/s", std::stod((*found)[1]) / 1e9);
-        text.append(rest, (*found)[0].first).append(gigabytes.data());
-        rest = (*found)[0].second;
+        std::snprintf(gigabytes.data(), gigabytes.size(), "%.2f GB/s", std::stod(report.substr(begin)) / 1e9);
+        report.replace(begin, end + kUnit.size() - begin, gigabytes.data());
+        end = begin;
     }
-    return text.append(rest, report.end());
+    return report;
 }
 
 int runSelftest(const SelftestOptions &options) {
