@@ -20,10 +20,11 @@ namespace difctl {
 namespace {
 
 constexpr std::chrono::seconds kLongestWrite{10}; /* what takes longer waits for a server or device that is stuck */
+constexpr std::chrono::milliseconds kRetry{5};
 
 struct Watch {
     std::atomic<bool> ending{false};
-    std::recursive_timed_mutex mutex; /* memory may be wanting while it is held */
+    std::recursive_mutex mutex; /* memory may be wanting while it is held */
     Unfinished unfinished;
 };
 
@@ -31,6 +32,18 @@ struct Watch {
 Watch &watch() {
     static Watch &instance = *new Watch;
     return instance;
+}
+
+/* Tried again and again, which the thread sanitizer understands, other than a wait for a lock with an end. */
+bool locksInTime(std::recursive_mutex &mutex) {
+    const auto end = std::chrono::steady_clock::now() + kLongestWrite;
+    while (!mutex.try_lock()) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
+        }
+        std::this_thread::sleep_for(kRetry);
+    }
+    return true;
 }
 
 [[noreturn]] void endProcess(std::string_view why) {
@@ -92,7 +105,7 @@ void holdingInterrupts(const std::function<void(Unfinished &)> &change) {
 void giveUp(std::string_view why) {
     watch().ending = true;
     /* Not unlocked again: no other thread may write in place or give the file its final name any more. */
-    if (!watch().mutex.try_lock_for(kLongestWrite)) {
+    if (!locksInTime(watch().mutex)) {
         endInASecond();
         printMessage(why, "; some of what was being written, which does not end, may be there");
         return;

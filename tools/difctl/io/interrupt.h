@@ -1,7 +1,7 @@
 /*
  * How the process ends early, by SIGINT, SIGTERM or SIGHUP or for want of memory: remove the unfinished file or wait for
- * the request that is being written in place, give the terminal its modes back, say in one line how things were left and
- * end with status 2.
+ * the request that is being written in place, though not for ever, give the terminal its modes back, say in one line how
+ * things were left and end with status 2.
  */
 #ifndef DIFCTL_INTERRUPT_H
 #define DIFCTL_INTERRUPT_H
