@@ -45,6 +45,8 @@ class NbdTest(ToolTest):
                 self.assertIn(b"block 13, LBA 20: LBA error", self.run_tool("verify", "--lba", "7", URI, status=1))
                 self.assertTrue(self.run_tool("strip", "--no-lba", URI, "-") == RAW)
                 self.run_tool("relabel", "--force", "--lba", "0", "disk")
+                self.run_tool("inject", URI, "--at", "30,3", "--set-guard", "1")
+                self.run_tool("repair", URI, "--from", "img")
                 self.assertTrue(pathlib.Path("disk").read_bytes() == self.image)
 
     def test_what_cannot_be_done(self):
@@ -55,6 +57,7 @@ class NbdTest(ToolTest):
             self.refused("strip", "--force", "img", URI, says="cannot be written" + says)
         with serving("memory", "2M"):
             self.refused("strip", "img", URI, says="exists already; --force replaces it")
+            self.refused("protect", "--force", URI, URI, says="is the source and the destination")
             small = f"is too small: it has {2 << 20} bytes, %d are to be written"
             self.refused("strip", "--force", "img", URI, says=small % len(RAW))
             over = f"; what was written over the first {2 << 20} bytes of .* cannot be undone"

@@ -14,6 +14,7 @@ struct FoldOptions : ImageOptions {
 };
 
 int runFold(const FoldOptions &options) {
+    requireOther(options.image, options.destination);
     setSysDifCrcVersion(versionOfCrcName(options.crc));
     OpenedImage image(options);
     Source &source = image.source;

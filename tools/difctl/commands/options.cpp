@@ -1,5 +1,8 @@
 #include "commands/options.h"
 
+#include "io/error.h"
+#include "io/nbd_connection.h"
+
 namespace difctl {
 
 namespace {
@@ -56,6 +59,12 @@ CLI::Option *addRequiredCrc(CLI::App &command, CheckOptions &check) {
 void addDestination(CLI::App &command, std::string &destination, bool &force, const char *text) {
     command.add_option("DST", destination, std::string(text) + "; - is standard output")->required()->type_name("");
     addForce(command, force, "Replace DST if it exists");
+}
+
+void requireOther(const std::string &source, const std::string &destination) {
+    if (isNbdUri(source) && source == destination) {
+        throw Error(printable(source) + ": is the source and the destination");
+    }
 }
 
 CLI::Option *addAt(CLI::App &command, std::string &at, const char *text) {

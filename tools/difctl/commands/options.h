@@ -79,6 +79,9 @@ void addEntry(CLI::App &command, std::optional<uint64_t> &entryBytes);
 CLI::Option *addCrc(CLI::App &command, std::string &crc, const char *text);
 CLI::Option *addRequiredCrc(CLI::App &command, CheckOptions &check);
 void addDestination(CLI::App &command, std::string &destination, bool &force, const char *text);
+/* Throws Error if an export is to be read and overwritten at once. */
+void requireOther(const std::string &source, const std::string &destination);
+
 CLI::Option *addAt(CLI::App &command, std::string &at, const char *text);
 
 void addImage(CLI::App &command, ImageOptions &options,

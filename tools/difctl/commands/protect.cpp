@@ -21,6 +21,7 @@ struct ProtectCommand {
 };
 
 int runProtect(const ProtectCommand &options) {
+    requireOther(options.source, options.destination);
     const BlockFormat format = formatOf(options.blockSize.value_or(kFormat520.geometry.blockSize), options.entryBytes);
     setSysDifCrcVersion(versionOfCrcName(options.crc));
     const ProtectOptions protect = {DIF_INSERT_CRC | (options.noLba ? 0 : DIF_INSERT_LBA), options.firstLba,

@@ -11,6 +11,7 @@ struct StripOptions : ImageOptions {
 };
 
 int runStrip(const StripOptions &options) {
+    requireOther(options.image, options.destination);
     OpenedImage image(options);
     Destination destination(options.destination, replacingIf(options.force), image.file.access());
     const auto process = [&](Request &request) { checkRequest(request, image.check); };
