@@ -56,7 +56,7 @@ completes() { # EXPECTED WORD...: completing the last of the words must answer E
     COMP_WORDS=("${@:2}")
     COMP_CWORD=$(($# - 2))
     _difctl difctl || true
-    [[ ${COMPREPLY[*]} == "$expected" ]] || fail "completion of '${*:2}': expected '$expected', got '${COMPREPLY[*]}'"
+    [[ $(printf '%s\n' "${COMPREPLY[@]}" | sort) == "$(tr ' ' '\n' <<<"$expected" | sort)" ]] || fail "completion of '${*:2}': expected '$expected', got '${COMPREPLY[*]}'"
 }
 completes "info protect verify strip show inject relabel convert repair fold shell attach selftest" difctl ""
 completes "disk.dif" difctl verify --metrics disk.d

@@ -300,20 +300,21 @@ class DifctlTest(ToolTest):
 
     def test_show(self):
         shown_as = {  # behind zero data, from LBA 0x1fffffffe on
-            "0000 00 00 00000000": "guard 0000 (expected 0000), version 0x00 none, flags 0x00, LBA 0",
+            "1234 34 00 00000007": "guard 1234, version 0x34 no-crc, flags 0x00, LBA 7",
             "0100 13 02 ffffffff": "guard 0100 (expected 0000), version 0x13 t10, flags 0x02 lba-valid, "
                                    "LBA 4294967295 (expected 4294967295); wrong: guard",
             "0000 29 03 00000009": "guard 0000 (expected c0ed), version 0x29 crc32c, flags 0x03 bst lba-valid, "
                                    "LBA 9 (expected 0); wrong: guard LBA",
-            "1234 34 00 00000007": "guard 1234, version 0x34 no-crc, flags 0x00, LBA 7",
+            "0000 00 00 00000000": "guard 0000 (expected 0000), version 0x00 none, flags 0x00, LBA 0",
             "0000 1f 00 00000000": "guard 0000, version 0x1f invalid, flags 0x00, LBA 0; wrong: version",
+            "0000 ff 00 00000000": "guard 0000, version 0xff unknown, flags 0x00, LBA 0; wrong: version",
             "0000 ff ff 00000000": "guard 0000, version 0xff unknown, flags 0xff bst lba-valid, LBA 0; "
                                    "exempt from checks",
         }
         lines = [f"block {index}, LBA {0x1FFFFFFFE + index}: {text}\n" for index, text in enumerate(shown_as.values())]
         self.write("img", b"".join(bytes(512) + bytes.fromhex(fields) for fields in shown_as))
         base = ["show", "--lba", "0x1fffffffe", "img", "--at"]
-        self.assertEqual(self.run_tool(*base, "0x1fffffffe,6").decode(), "".join(lines))
+        self.assertEqual(self.run_tool(*base, "0x1fffffffe,7").decode(), "".join(lines))
         self.assertEqual(self.run_tool(*base, str(0x1FFFFFFFE + 4)).decode(), lines[4])
         large = self.write("img", protected(RAW[: 600 * 4096], 4160, CRC32C, 100))  # three requests
         lines = self.run_tool("show", "--block", "4160", "--lba", "100", large, "--at", "199,450").decode()
@@ -350,14 +351,17 @@ class DifctlTest(ToolTest):
             "inject --at 0 --version 256 good": "--set-version: '256' is not a number from 0 to 255",
             "inject --at 0 --crc 65536 good": "--set-guard: '65536' is not a number from 0 to 65535",
             "verify --block 512 good": "--block: 512 not in {520,4160}",
-            "protect --crc T10 raw new": "--crc: T10 not in {t10,crc32c}",
+            **dict.fromkeys(("protect --crc T10 raw new", "verify --crc T10 good", "relabel --crc T10 good"),
+                            "--crc: T10 not in {t10,crc32c}"),
             "show - --at 0": "standard input: has no known length",
+            "show good --at 1x": "--at '1x': is not an LBA or LBA,COUNT",
             "show good --at 0,0": "--at '0,0': is not an LBA or LBA,COUNT with a COUNT from 1 on",
             "inject --at 0 good": "no fault is asked for; give at least one of --set-version, --set-guard, --set-lba and --set-bst",
             "inject --force --at 6,3 --bst good": "--at 6,3: is not all in good, whose 8 blocks start at LBA 0",
             "verify --metrics no/where good": "no/where: cannot create a file",
             "attach nowhere.sock metrics": "nowhere.sock: cannot run a command through this socket: No such file",
             "relabel --lba 1 --force good --at 1 --at 2,7": "--at 2,7: is not all in good, whose 8 blocks start at LBA 0",
+            "relabel good": "no field is asked for; give at least one of --set-lba, --crc and --version-only",
         }.items():
             with self.subTest(command):
                 self.refused(*command.split(), says=says)
@@ -372,6 +376,8 @@ class DifctlTest(ToolTest):
             ("fold - new", "standard input: has 1 blocks beyond a multiple of 8", {"input": bytes(9 * 520)}),
             ("protect raw -", "standard output: cannot write at offset 0: No space", {"stdout": full}),
             ("protect raw -", "standard output: is a terminal; redirect it", {"stdout": terminal}),
+            ("protect raw -", "standard output: cannot write at offset 0: Bad", {"preexec_fn": lambda: os.close(1)}),
+            ("verify -", "standard input: cannot read at offset 0: Bad file", {"preexec_fn": lambda: os.close(0)}),
             ("verify good", "standard output: cannot write the results: No space", {"stdout": full}),
         ):
             with self.subTest(command):
@@ -386,6 +392,8 @@ class DifctlTest(ToolTest):
         with open("img", "rb") as image:  # from where it stands
             image.seek(6000 * 520)
             self.assertIn(b"blocks checked 200, failed 0", self.run_tool("verify", "--lba", "6100", "-", stdin=image))
+            image.seek(6201 * 520)
+            self.refused("verify", "-", says="standard input: is empty, an image has at least one block", stdin=image)
         stream, into = os.pipe()
         os.set_blocking(into, False)
         dd = ["dd", "if=raw", "bs=700", "status=none"]  # of which reads end inside blocks
@@ -427,17 +435,20 @@ class DifctlTest(ToolTest):
         self.is_file("new", b"of another")
         with running("verify", "--lba", "100", "-", feed=DAMAGED[: 2048 * 520], stdout=subprocess.DEVNULL) as (tool, _):
             self.ended(tool, "", status=1)  # though there may be more to read
+        with running("strip", "--lba", "100", "-", "raw", feed=DAMAGED[: 2048 * 520]) as (tool, _):
+            self.ended(tool, "(?s:.*); nothing is written to raw\n", status=1)
         ignore = lambda: signal.signal(signal.SIGINT, signal.SIG_IGN)
         with running("protect", "--force", "-", "new", feed=RAW[: 2 << 20], preexec_fn=ignore) as (tool, _):
             tool.send_signal(signal.SIGINT)
             tool.stdin.close()
             self.ended(tool, "", status=0)
-        os.truncate(self.write("raw", b""), 256 << 20)
-        with running("protect", "raw", "-", stdout=subprocess.PIPE) as (tool, _):
-            tool.stdout.read(1)  # it has begun, and the full pipe holds it
-            os.truncate("raw", 128 << 20)
-            tool.stdout.read()
-            self.ended(tool, "difctl: raw: changed its length while it was read: 268435456 bytes at first, .*\n")
+        for length in 32 << 20, 65 << 20:
+            os.truncate(self.write("raw", b""), 64 << 20)
+            with running("protect", "raw", "-", stdout=subprocess.PIPE) as (tool, _):
+                tool.stdout.read(1)  # it has begun, and the full pipe holds it
+                os.truncate("raw", length)
+                tool.stdout.read()
+                self.ended(tool, "difctl: raw: changed its length while it was read: 67108864 bytes at first, .*\n")
 
     def test_system_calls(self):
         self.write("raw", RAW), self.write("img", IMAGE)
@@ -466,6 +477,10 @@ class DifctlTest(ToolTest):
         begun = time.monotonic()
         self.assertEqual(self.run_tool("verify", "--rate=4M", "--at=9,8K", "-q", "new"), b"")
         self.assertGreater(time.monotonic() - begun, 0.9)
+        os.truncate(self.write("img", b""), 520 << 30)
+        for command in ["verify", "img"], ["strip", "img", "-"]:
+            with running(*command, on_terminal=["stderr"], stdout=subprocess.DEVNULL) as (_, end):
+                shown(end, r"\d of 532480 MiB")
         os.truncate("raw", 1 << 40)
         for verbose in [], ["-v"]:
             with running(*verbose, "protect", "raw", "-", on_terminal=["stderr"], stdout=subprocess.PIPE) as (tool, end):

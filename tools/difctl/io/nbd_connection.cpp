@@ -10,7 +10,7 @@ namespace difctl {
 
 namespace {
 
-constexpr size_t kCommandBytes = 256 * 1024;
+constexpr size_t kCommandBytes = size_t{256} * 1024;
 constexpr size_t kMaxUnderWay = 64;
 constexpr std::chrono::milliseconds kFurtherSoon{500};
 constexpr uint64_t kMaxStatusBytes = uint64_t{1} << 31; /* the length of a status command has 32 bits */
@@ -231,6 +231,7 @@ uint64_t NbdConnection::nextData(uint64_t offset) {
         uint64_t at;
         bool found = false;
     } search{offset - offset % unit_};
+    /* NOLINTNEXTLINE(readability-non-const-parameter): the type that libnbd calls */
     const auto look = [](void *data, const char * /*context*/, uint64_t /*offset*/, uint32_t *extents, size_t words,
                          int * /*error*/) {
         auto &state = *static_cast<Search *>(data);

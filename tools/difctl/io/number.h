@@ -17,9 +17,10 @@ inline std::optional<uint64_t> parseNumber(std::string_view text, uint64_t max =
     const bool hexadecimal = text.starts_with("0x");
     text.remove_prefix(hexadecimal ? 2 : 0);
     constexpr std::string_view kSuffixes = "KMGT";
-    const size_t suffix = text.empty() ? kSuffixes.npos : kSuffixes.find(text.back());
-    text.remove_suffix(suffix == kSuffixes.npos ? 0 : 1);
-    const uint64_t unit = suffix == kSuffixes.npos ? 1 : uint64_t{1024} << 10 * suffix;
+    const size_t suffix = text.empty() ? std::string_view::npos : kSuffixes.find(text.back());
+    const bool hasSuffix = suffix != std::string_view::npos;
+    text.remove_suffix(hasSuffix ? 1 : 0);
+    const uint64_t unit = hasSuffix ? uint64_t{1024} << 10 * suffix : 1;
     const char *end = text.data() + text.size();
     uint64_t value = 0;
     const auto [rest, error] = std::from_chars(text.data(), end, value, hexadecimal ? 16 : 10);

@@ -7,10 +7,10 @@
 
 namespace difctl {
 
-uint64_t readAll(const ImageFile &file, uint64_t offset, uint8_t *bytes, uint64_t size) {
-    const Pieces pieces = {bytes, size, size, 1};
+uint64_t readAll(const ImageFile &file, uint64_t offset, std::span<uint8_t> bytes) {
+    const Pieces pieces = {bytes.data(), bytes.size(), bytes.size(), 1};
     uint64_t done = 0;
-    for (ssize_t moved = 1; moved > 0 && done < size; done += static_cast<uint64_t>(moved)) {
+    for (ssize_t moved = 1; moved > 0 && done < bytes.size(); done += static_cast<uint64_t>(moved)) {
         moved = file.read(offset + done, pieces, done);
         if (moved < 0) {
             throw systemError(file.name(), "cannot read at offset " + std::to_string(offset + done), errno);

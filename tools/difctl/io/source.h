@@ -8,12 +8,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 
 namespace difctl {
 
-/* Reads what there is of the `size` bytes at `offset` of an image of known length; returns how many. Throws Error. */
-uint64_t readAll(const ImageFile &file, uint64_t offset, uint8_t *bytes, uint64_t size);
+/* Fills `bytes` with what there is at `offset` of an image of known length; returns how many it is. Throws Error. */
+uint64_t readAll(const ImageFile &file, uint64_t offset, std::span<uint8_t> bytes);
 
 /* An image to read once, from its start to its end. Everything throws Error. */
 class Source {

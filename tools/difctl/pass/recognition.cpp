@@ -26,7 +26,7 @@ public:
             std::copy(there.begin(), there.end(), bytes);
             return there.size();
         }
-        const uint64_t done = readAll(file_, offset, bytes, size);
+        const uint64_t done = readAll(file_, offset, {bytes, size});
         progress_.advance(done);
         return done;
     }

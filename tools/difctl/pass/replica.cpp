@@ -25,7 +25,7 @@ Replica::Replica(const std::string &path, Claims &claims, const CheckOptions &ch
 bool Replica::readGood(const ImageFile &file, uint64_t block, std::vector<uint8_t> &bytes) const {
     const uint32_t blockSize = seen_.format.geometry.blockSize;
     bytes.resize(blockSize);
-    readAll(file, block * blockSize, bytes.data(), blockSize);
+    readAll(file, block * blockSize, bytes);
     Request request;
     request.format = &seen_.format;
     request.buf = bytes.data();
