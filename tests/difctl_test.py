@@ -262,6 +262,8 @@ class DifctlTest(ToolTest):
         self.assertEqual(self.run_tool("info", self.write("img", RAW)), b"img: data without fields of either block size\n")
         plain = edited(plain, (3, 2, b"\xFF\xFF"), (4, 7, b"\0"))
         self.refused("verify", self.write("plain", plain), says="LBAs from 9, plain T10; --standard fits")
+        self.refused("fold", "plain", "new", says="--standard fits")
+        self.refused("relabel", "--set-lba", "1", "plain", says="whose LBAs this command does not check; --force goes ahead")
         lines = self.run_tool("show", "--standard", "plain", "--at", "11,3").decode().splitlines()
         self.assertRegex(lines[0], r"\(expected \w+\), application tag 0x6162, reference tag 11 \(expected 11\)$")
         self.assertRegex(lines[1], r"^block 3, LBA 12: guard \w+, application tag 0xffff, .* 12; exempt from checks$")
@@ -283,7 +285,7 @@ class DifctlTest(ToolTest):
             healed = b"".join((bad if index in left else good)[index * block :][:block] for index in range(blocks))
             self.write("img", bad), self.write("replica", other)
             words, totals = ["repair", "img", "--from", "replica"], (
-                f"img: blocks checked {blocks}, %s replica {len(ours) - len(left)}, failing in both and left {len(left)}\n")
+                f"img: blocks checked {blocks}, %s replica {len(ours) - len(left)}, failing in both and left {len(left)}, unprotected 0\n")
             named = re.compile(".*block 5, LBA 45: guard error.*")
             out = self.run_tool(*words, "--dry-run", status=1, says=named)
             self.assertEqual(out.decode(), totals % "to be taken from")
@@ -293,9 +295,25 @@ class DifctlTest(ToolTest):
             self.is_file("replica", other)
             self.run_tool("repair", "img", "--from", self.write("good", good))
             self.is_file("img", good)
-        self.write("img", edited(IMAGE, (7, GUARD, bytes(2))))
-        self.refused("repair", "img", "--from", self.write("other", protected(RAW[::-1], lba=100)),
-                     says="other: is no replica of img: of 256 blocks that pass in both, 256 differ; --force goes ahead")
+        bad = edited(IMAGE, (7, GUARD, bytes(2)))
+        self.write("good", IMAGE), self.write("moved", protected(RAW, lba=101))
+        empty = lambda data: protected(b"".join(data[at : at + 512] + bytes(512 * 7) for at in range(0, 512 * 700, 512)))
+        for image, other, says in (
+            (bad, protected(RAW[::-1], lba=100), "blocks that pass in both, 1024 differ; --force goes ahead"),
+            (edited(empty(RAW), (8, -1, b"x")), empty(RAW[::-1]), "differ; --force goes ahead"),
+            (bad, protected(RAW, lba=101), "it looks like blocks of 520 bytes with guard t10 and LBAs from 101, not"),
+            (bad, protected(RAW[: 512 * 6144], 4160, lba=100), "it looks like blocks of 4160 bytes"),
+        ):
+            self.refused("repair", self.write("img", image), "--from", self.write("other", other), says=says)
+            self.is_file("img", image)
+        self.write("img", bad)
+        self.refused("repair", "--force", "img", "--from", "moved", says="LBAs from 101, not blocks of 520 bytes, LBAs from 100")
+        self.refused("repair", "img", "--from", "./img", says="./img: is IMG itself")
+        self.write("img", bad[: 520 * 50] + bytes(520 * 9) + bad[520 * 59 :])
+        self.assertIn(b"taken from good 1, failing in both and left 0, unprotected 9", self.run_tool("repair", "img", "--from", "good"))
+        self.run_tool("repair", "img", "--from", "good", "--require")
+        self.is_file("img", IMAGE)
+        self.write("img", bad)
         self.refused("repair", "img", "--from", self.write("short", IMAGE[:5200]), says="it has 10 blocks, not 6200")
 
     def test_show(self):
@@ -340,7 +358,7 @@ class DifctlTest(ToolTest):
                                             "guard t10 and LBAs from 100; --crc t10 fits",
             "selftest --times 0": "--times 0 would compare nothing",
             "verify --entry 0 --block 4160 good": "--entry 0: a list entry holds whole blocks of 4160 bytes, at least",
-            **dict.fromkeys(("verify --standard --report good", "verify --standard --crc t10 good",
+            **dict.fromkeys(("verify --standard --report good", "verify --at 1 --report good", "verify --standard --crc t10 good",
                              "verify --stats --json good", "protect --first-lba 1 --no-lba raw new", "protect --standard --crc t10 raw new",
                              "relabel --version-only --lba 1 good"), "excludes"),
             "verify .": ".: is a directory, not an image",

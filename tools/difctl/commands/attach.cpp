@@ -45,9 +45,10 @@ int runAttach(const AttachOptions &options) {
 void addAttach(CLI::App &app, Command &chosen) {
     const auto [command, options] =
         addCommand(app, chosen, "attach", "Run an operator command in a live process", runAttach);
-    command.add_option("SOCKET", options.socket, "Control socket of the process")->required();
+    command.add_option("SOCKET", options.socket, "Control socket of the process")->required()->type_name("");
     command.add_option("COMMAND", options.words, "Operator command and its words; 'help' lists the commands")
-        ->required();
+        ->required()
+        ->type_name("");
     command.add_flag("--cli", options.cli, "The commands of the CLI instead of those of the diagnose shell");
     command.footer(
         R"(Runs one operator command in a live process, whose data path goes on meanwhile, and prints its output.

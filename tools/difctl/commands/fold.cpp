@@ -54,6 +54,7 @@ void addFold(CLI::App &app, Command &chosen) {
     addNumber(command, "--first-lba", "LBA", options.claims.firstLba,
               "LBA of SRC's first block as it is. By default as most blocks of SRC say");
     addCheck(command, options.check);
+    addStandard(command, options);
     addDestination(command, options.destination, options.force, "Image of 4160-byte blocks to write");
     addCrc(command, options.crc, "Guard of the 4160-byte blocks")->capture_default_str();
     addNumber(command, "--set-lba", "LBA", options.newLba,

@@ -27,11 +27,9 @@ CLI::Option *addForce(CLI::App &command, bool &force, const char *text) {
 }
 
 CLI::Option *addBlockSize(CLI::App &command, std::optional<uint32_t> &blockSize, const char *byDefault) {
-    return command
-        .add_option("--block", blockSize,
-                    std::string("Bytes of a protected block: 520 (512 data + 8) or 4160 (4096 data + 64).\n") +
-                        byDefault)
-        ->type_name("BYTES")
+    return addNumber(command, "--block", "BYTES", blockSize,
+                     std::string("Bytes of a protected block: 520 (512 data + 8) or 4160 (4096 data + 64).\n") +
+                         byDefault)
         ->check(CLI::IsMember({520, 4160}));
 }
 

@@ -96,7 +96,8 @@ void addVerify(CLI::App &app, Command &chosen) {
     addNumber(command, "--rate", "BYTES", options.bytesPerSecond, "Read so many bytes a second at most");
     addEntry(command, options.claims.entryBytes);
     auto *report =
-        command.add_flag("--report", options.check.report, "Tell what holds for the image as a whole; reads all of it");
+        command.add_flag("--report", options.check.report, "Tell what holds for the image as a whole; reads all of it")
+            ->excludes(command.get_option("--at"));
     command.add_flag("--json", options.json, "Print one JSON object; it is whole if the exit status is 0 or 1");
     addStandard(command, options)->excludes(report)->excludes(crc);
     command.add_flag("--stats", options.stats, "Print the counters of the run's verify point at the end")

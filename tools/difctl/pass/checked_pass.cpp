@@ -18,7 +18,7 @@ public:
 
     void advance(uint64_t bytes) {
         bytes_ += bytes;
-        if (bytesPerSecond_) {
+        if (bytesPerSecond_.value_or(0) != 0) {
             const std::chrono::duration<double> due(static_cast<double>(bytes_) /
                                                     static_cast<double>(*bytesPerSecond_));
             std::this_thread::sleep_until(start_ + std::chrono::duration_cast<Clock::duration>(due));

@@ -27,7 +27,7 @@ struct CheckedPass {
     BlockRange blocks = {};
     bool wholeImage = false;                     /* go on behind faults, for what is true of the image as a whole */
     FaultRuns *runs = nullptr;                   /* takes the faults; by default they are told on standard error */
-    std::optional<uint64_t> bytesPerSecond = {}; /* to read at most */
+    std::optional<uint64_t> bytesPerSecond = {}; /* to read at most; 0 is no limit */
 };
 
 Findings runCheckedPass(Source &source, const CheckedPass &pass);

@@ -28,6 +28,8 @@ public:
     const ImageFile &file() const { return file_; }
 
     uint64_t firstLba() const { return check_.imageLba; }
+    const Recognition &seen() const { return seen_; }
+    const CheckOptions &check() const { return check_; }
 
     /* Throws Error if `said` means guards of `version` and the image shows others alone. */
     void requireGuard(uint8_t version, const std::string &said) const;

@@ -63,8 +63,10 @@ void requireFirstLba(const ImageFile &file, const FormatEvidence &looks, const C
 
 void requireStandard(const ImageFile &file, const FormatEvidence &looks, const Claims &claims,
                      const CheckOptions &check) {
-    if (claims.mayBeStandard && looks.isStandard() && !check.standard) {
-        throw Error(file.name() + ": its fields look like " + looks.text() + "; --standard fits");
+    if (looks.isStandard() && !check.standard) {
+        throw Error(file.name() + ": its fields look like " + looks.text() +
+                    (claims.mayBeStandard ? "; --standard fits"
+                                          : ", whose LBAs this command does not check; --force goes ahead"));
     }
     if (check.standard) {
         requireGuard(file, looks, DIF_VERSION_T10, "--standard");

@@ -10,24 +10,41 @@ namespace difctl {
 
 namespace {
 
-constexpr uint64_t kSample = 256;
+constexpr uint64_t kSample = 1024;
 
 } // namespace
 
-Replica::Replica(const std::string &path, Claims &claims, const CheckOptions &check)
-    : file_(path, ImageFile::Use::kRead), seen_(recognise(file_, claims, check)), check_(check),
-      blockNum_(Source(file_, seen_.format.geometry.blockSize).unitNum()) {
-    claims.blockSize = seen_.format.geometry.blockSize;
-    claims.firstLba = seen_.firstLba;
-    check_.imageLba = seen_.firstLba;
+Replica::Replica(const std::string &path, const ImageFile &image, const Recognition &seen, const CheckOptions &check,
+                 bool force)
+    : file_(path, ImageFile::Use::kRead), format_(seen.format), check_(check) {
+    const auto refuse = [&](const std::string &why) {
+        return Error(name() + ": is no replica of " + image.name() + ": " + why);
+    };
+    const uint64_t blockNum = Source(image, format_.geometry.blockSize).unitNum();
+    const auto looks = lookAt(file_, image::Extent::kSample);
+    const FormatEvidence *best = looks.best();
+    const bool isOther =
+        best != nullptr && (best->format->type != format_.type || best->isStandard() != check.standard ||
+                            (check.compareLbas && best->firstLba() && !best->allowsFirstLba(check.imageLba)));
+    if (isOther) {
+        throw refuse("it looks like " + best->text() + ", not " + seen.text(check.compareLbas));
+    }
+    if (const uint64_t own = Source(file_, format_.geometry.blockSize).unitNum(); own != blockNum) {
+        throw refuse("it has " + std::to_string(own) + " blocks, not " + std::to_string(blockNum));
+    }
+    if (!force) {
+        requireLikeness(image, blockNum);
+    }
 }
 
 bool Replica::readGood(const ImageFile &file, uint64_t block, std::vector<uint8_t> &bytes) const {
-    const uint32_t blockSize = seen_.format.geometry.blockSize;
+    const uint32_t blockSize = format_.geometry.blockSize;
     bytes.resize(blockSize);
-    readAll(file, block * blockSize, bytes);
+    if (readAll(file, block * blockSize, bytes) != blockSize) {
+        throw Error(file.name() + ": has no block " + std::to_string(block) + " any more");
+    }
     Request request;
-    request.format = &seen_.format;
+    request.format = &format_;
     request.buf = bytes.data();
     request.firstBlock = block;
     request.blockNum = 1;
@@ -37,19 +54,16 @@ bool Replica::readGood(const ImageFile &file, uint64_t block, std::vector<uint8_
     return request.faults.empty();
 }
 
-void Replica::requireLikeness(const ImageFile &image, bool force) {
-    const uint64_t blockNum = Source(image, seen_.format.geometry.blockSize).unitNum();
-    if (blockNum != blockNum_) {
-        throw Error(name() + ": is no replica of " + image.name() + ": it has " + std::to_string(blockNum_) +
-                    " blocks, not " + std::to_string(blockNum));
-    }
+void Replica::requireLikeness(const ImageFile &image, uint64_t blockNum) const {
     uint64_t good = 0;
     uint64_t same = 0;
     std::vector<uint8_t> ours;
     std::vector<uint8_t> theirs;
-    for (uint64_t i = 0; i < std::min(kSample, blockNum_) && !force; ++i) {
-        const uint64_t block = i * blockNum_ / std::min(kSample, blockNum_);
-        if (readGood(image, block, ours) && readGood(file_, block, theirs)) {
+    const uint64_t sample = std::min(kSample, blockNum);
+    for (uint64_t i = 0; i < sample; ++i) {
+        const uint64_t block = i * blockNum / sample;
+        if (readGood(image, block, ours) && readGood(file_, block, theirs) &&
+            !isZero(ours.data(), format_.geometry.dataSize)) { /* empty blocks are the same in every image */
             ++good;
             same += ours == theirs ? 1 : 0;
         }

@@ -15,15 +15,13 @@ namespace difctl {
 
 class Replica {
 public:
-    /* `claims` are about both copies; what they leave open gets what the replica shows. Throws Error as recognise() does, and
-     * for what is not whole blocks of a known number. */
-    Replica(const std::string &path, Claims &claims, const CheckOptions &check);
+    /* Of `image`, which was seen to be `seen` and is to pass `check`. Throws Error if the replica has another number of
+     * blocks, or shows other fields; or, without `force`, if most of a sample of blocks with data that pass in both are not
+     * the same in both. */
+    Replica(const std::string &path, const ImageFile &image, const Recognition &seen, const CheckOptions &check,
+            bool force);
 
     const std::string &name() const { return file_.name(); }
-
-    /* Throws Error if `image` has another number of blocks, or, without `force`, if most of a sample of blocks that pass in both are
-     * not the same in both. */
-    void requireLikeness(const ImageFile &image, bool force);
 
     /* Checks the blocks of an image's request; of those that fail, takes what passes here and leaves the faults of the
      * others in it. For any thread. */
@@ -36,10 +34,11 @@ private:
     /* Reads block `block` of `file`; answers whether it passes and is protected. */
     bool readGood(const ImageFile &file, uint64_t block, std::vector<uint8_t> &bytes) const;
 
+    void requireLikeness(const ImageFile &image, uint64_t blockNum) const;
+
     ImageFile file_;
-    Recognition seen_;
+    const BlockFormat &format_;
     CheckOptions check_;
-    uint64_t blockNum_;
     std::atomic<uint64_t> taken_{0};
 };
 
