@@ -120,6 +120,7 @@ class DifctlTest(ToolTest):
             ("strip --standard --lba 7", standard, RAW),
             ("fold --first-lba 100 --crc crc32c --lba 2", IMAGE, large),
             ("relabel --crc crc32c", IMAGE, protected(RAW, 520, CRC32C, 100)),
+            ("relabel --set-lba 9", IMAGE + bytes(520 * 40), protected(RAW, lba=9) + bytes(520 * 40)),
             ("relabel --set-lba 3", large, protected(RAW, 4160, CRC32C, 3)),
             ("relabel --first-lba 100 --lba 9 --at 6299 --at 2140,0xb --at 2150,11", IMAGE,
              edited(IMAGE, *((i, LBA, (9 + i).to_bytes(4, "big")) for i in [*range(2040, 2061), 6199]))),

@@ -28,6 +28,10 @@ int runRelabel(const RelabelOptions &options) {
     const std::string crc = options.crc.value_or("t10");
     setSysDifCrcVersion(versionOfCrcName(crc));
     InPlaceImage image(options.image, options.claims, options.check, options.force);
+    replace.unwritten = options.force;
+    if (!options.at.empty()) {
+        replace.blocks.clear();
+    }
     for (const std::string &at : options.at) {
         replace.blocks.push_back(blocksAt(parseAt(at), image.firstLba(), image.blockNum(), image.name()));
     }
@@ -61,7 +65,8 @@ void addRelabel(CLI::App &app, Command &chosen) {
         ->allow_extra_args(false);
     command.footer(
         std::string("Rewrites fields, at least one of --set-lba, --crc and --version-only. Other fields stay as\n"
-                    "they are; the BST mark too, which only a new protect clears.\n") +
+                    "they are; the BST mark too, which only a new protect clears. Blocks of zeros, which were\n"
+                    "never written, get fields only with --force.\n") +
         kInPlaceText + kExitStatusText + R"(
 Examples:
   difctl relabel disk.dif --set-lba 1048576

@@ -190,13 +190,15 @@ void injectRequest(Request &request, const DifInjectParam &faults, uint64_t firs
 }
 
 void replaceRequest(Request &request, const ReplaceOptions &options) {
-    std::vector<uint32_t> bitmap;
-    DifOpParam param = {};
-    if (!options.blocks.empty()) {
-        bitmap = bitmapOf(options.blocks, request.firstBlock, request.blockNum);
-        param.blockBitmap = bitmap.data();
+    std::vector<uint32_t> bitmap = bitmapOf(options.blocks, request.firstBlock, request.blockNum);
+    for (uint32_t index = 0; index < request.blockNum && !bitmap.empty() && !options.unwritten; ++index) {
+        if (isZero(request.block(index), request.format->geometry.blockSize)) {
+            bitmap[index / 32] &= ~(1U << index % 32);
+        }
     }
-    if (options.blocks.empty() || !bitmap.empty()) {
+    if (!bitmap.empty()) {
+        DifOpParam param = {};
+        param.blockBitmap = bitmap.data();
         param.type = request.format->type;
         param.ctrlFlag = options.flags;
         param.lba = options.imageLba + request.firstBlock;
@@ -223,7 +225,7 @@ void foldRequest(Request &request, std::optional<uint64_t> imageLba) {
         std::memcpy(folded.tuple(index), &tuple, sizeof(tuple));
     }
     if (imageLba) {
-        replaceRequest(folded, {DIF_REPLACE_LBA, *imageLba, {}});
+        replaceRequest(folded, {DIF_REPLACE_LBA, *imageLba});
     }
 }
 
