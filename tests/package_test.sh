@@ -53,7 +53,7 @@ for page in man1/difctl.1 man1/nbdkit-dif-filter.1 man3/libdif.3; do
     [[ -s $(basename $page) && ! -s warnings ]] || fail "$page: does not render: $(cat warnings)"
 done
 export LD_LIBRARY_PATH=$libdir
-options() { grep -oE -- '--[a-z-]+' | grep -vx -e --help | sort -u; }
+options() { grep -oE -- '--[a-z-]+' | grep -vxE -e '--(help|progress|quiet|verbose)' | sort -u; }
 for command in info protect verify strip show inject relabel convert repair fold shell attach selftest; do
     diff <(sed -nE "/^   $command\$/,/^ {0,3}[^ ]/{/^ {7}-/p}" difctl.1 | options) \
         <(usr/bin/difctl $command --help | sed -nE 's/^  (-[^ ]*).*/\1/p' | options) ||
