@@ -538,6 +538,13 @@ class DifctlTest(ToolTest):
                 os.write(end, typed.encode())
                 self.assertIn(answer, shown(end, "dif> $"))
             self.assertEqual(tool.wait(timeout=20), 0)
+        with running("shell", "--cli", on_terminal=["stdin", "stdout", "stderr"]) as (tool, end):
+            shown(end, "dif> $")
+            while termios.tcgetattr(end)[3] & termios.ICANON:
+                time.sleep(0.01)
+            os.write(end, b"dif showd\t\r")
+            text = shown(end, "unknown|USAGE|Usage|status")
+            self.assertNotIn("ifswitch", text)  # which only the diagnose shell has
 
     def test_attach(self):
         with socket.socket(socket.AF_UNIX) as server:
