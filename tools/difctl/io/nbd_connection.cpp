@@ -120,7 +120,7 @@ size_t NbdConnection::begin(const char *what, uint64_t offset, size_t size, Issu
 
 size_t NbdConnection::beginRead(uint64_t offset, uint8_t *bytes, size_t size) {
     return begin("read", offset, size, [&](size_t done, size_t part) {
-        return nbd_aio_pread(handle_.get(), bytes + done, part, offset + done, NBD_NULL_COMPLETION, 0);
+        return nbd_aio_pread(handle_.get(), bytes + done, part, offset + done, nbd_completion_callback{}, 0);
     });
 }
 
@@ -128,16 +128,16 @@ size_t NbdConnection::beginWrite(uint64_t offset, const uint8_t *bytes, size_t s
     return begin("write", offset, size, [&](size_t done, size_t part) {
         nbd_handle *const handle = handle_.get();
         if (takesZeros_ && part == commandBytes_ && isZero(bytes + done, part)) {
-            return nbd_aio_zero(handle, part, offset + done, NBD_NULL_COMPLETION, 0);
+            return nbd_aio_zero(handle, part, offset + done, nbd_completion_callback{}, 0);
         }
-        return nbd_aio_pwrite(handle, bytes + done, part, offset + done, NBD_NULL_COMPLETION, 0);
+        return nbd_aio_pwrite(handle, bytes + done, part, offset + done, nbd_completion_callback{}, 0);
     });
 }
 
 /* Whether it was done; waits for that. */
 bool NbdConnection::completes(const Command &command) {
     int result = 0;
-    while ((result = nbd_aio_command_completed(handle_.get(), command.cookie)) == 0) {
+    while ((result = nbd_aio_command_completed(handle_.get(), static_cast<uint64_t>(command.cookie))) == 0) {
         if (nbd_poll(handle_.get(), -1) < 0 && lost_.empty()) {
             lost_ = nbd_get_error();
         }
