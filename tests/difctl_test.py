@@ -310,6 +310,9 @@ class DifctlTest(ToolTest):
         self.write("img", bad)
         self.refused("repair", "--force", "img", "--from", "moved", says="LBAs from 101, not blocks of 520 bytes, LBAs from 100")
         self.refused("repair", "img", "--from", "./img", says="./img: is IMG itself")
+        for words in ["zeros"], ["--dry-run", "zeros"], ["--force", "--require", "zeros"]:
+            self.write("zeros", bytes(len(IMAGE)))
+            self.refused("repair", *words, "--from", "good", says="zeros: ")
         self.write("img", bad[: 520 * 50] + bytes(520 * 9) + bad[520 * 59 :])
         self.assertIn(b"taken from good 1, failing in both and left 0, unprotected 9", self.run_tool("repair", "img", "--from", "good"))
         self.run_tool("repair", "img", "--from", "good", "--require")

@@ -1,6 +1,5 @@
 #include "commands/options.h"
 #include "io/error.h"
-#include "io/progress.h"
 #include "pass/checked_pass.h"
 #include "pass/in_place.h"
 #include "pass/replica.h"

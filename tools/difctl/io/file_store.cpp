@@ -89,6 +89,7 @@ FileStore::FileStore(const std::string &path, Use use)
     }
     if (path != "-") {
         lock(use);
+        ::fstat(file_.get(), &status); /* who had the lock may have changed the length */
         length_ = endOf(file_.get(), status);
     } else if (const off_t here = ::lseek(file_.get(), 0, SEEK_CUR); here > 0) {
         start_ = std::min(static_cast<uint64_t>(here), *length_);

@@ -4,7 +4,6 @@
 #include "io/source.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace difctl {
 
@@ -20,6 +19,9 @@ Replica::Replica(const std::string &path, const ImageFile &image, const Recognit
     const auto refuse = [&](const std::string &why) {
         return Error(name() + ": is no replica of " + image.name() + ": " + why);
     };
+    if (seen.looks.best() == nullptr) {
+        throw Error(image.name() + ": shows no fields, so that all of it would be another image; copy " + name());
+    }
     const uint64_t blockNum = Source(image, format_.geometry.blockSize).unitNum();
     const auto looks = lookAt(file_, image::Extent::kSample);
     const FormatEvidence *best = looks.best();

@@ -15,7 +15,7 @@ namespace difctl {
 
 class Replica {
 public:
-    /* Of `image`, which was seen to be `seen` and is to pass `check`. Throws Error if the replica has another number of
+    /* Of `image`, which was seen to be `seen` and is to pass `check`. Throws Error if the image shows no fields; if the replica has another number of
      * blocks, or shows other fields; or, without `force`, if most of a sample of blocks with data that pass in both are not
      * the same in both. */
     Replica(const std::string &path, const ImageFile &image, const Recognition &seen, const CheckOptions &check,

@@ -97,7 +97,7 @@ void injectRequest(Request &request, const DifInjectParam &faults, uint64_t firs
 struct ReplaceOptions {
     uint32_t flags = 0; /* DIF_REPLACE_* */
     uint64_t imageLba = 0;
-    std::vector<BlockRange> blocks = {{}};
+    std::vector<BlockRange> blocks = {{}}; /* all */
     bool unwritten = true; /* blocks of zeros, too */
 };
 
