@@ -35,7 +35,7 @@ int runProtect(const ProtectCommand &options) {
     Progress progress(source.length());
     const auto process = [&](Request &request) { protectRequest(request, protect); };
     const auto consume = [&](Request &request) {
-        destination.write(request.wholeBlocks(request.blockNum));
+        request.rest = destination.write(request.wholeBlocks(request.blockNum));
         progress.advance(request.dataOnly(request.blockNum).bytes());
         return true;
     };

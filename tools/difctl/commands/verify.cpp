@@ -73,7 +73,10 @@ int runVerify(const VerifyOptions &options) {
     printResult(text);
     if (metrics) {
         std::string rendered = renderedMetrics();
-        metrics->write({reinterpret_cast<uint8_t *>(rendered.data()), rendered.size(), rendered.size(), 1});
+        const Pieces piece = {reinterpret_cast<uint8_t *>(rendered.data()), rendered.size(), rendered.size(), 1};
+        if (const auto rest = metrics->write(piece)) {
+            rest();
+        }
         metrics->commit();
     }
     return findings.failed() == 0 ? kAllWell : kFaultsFound;

@@ -1,9 +1,9 @@
 #include "io/destination.h"
 
-#include "io/device_sink.h"
 #include "io/error.h"
-#include "io/nbd_sink.h"
+#include "io/nbd_connection.h"
 #include "io/new_file.h"
+#include "io/overwriting_sink.h"
 #include "io/standard_output.h"
 
 #include <utility>
@@ -23,14 +23,10 @@ std::unique_ptr<Sink> openSink(const std::string &path, Replacing replacing, std
     if (path == "-") {
         return std::make_unique<StandardOutput>();
     }
-    std::unique_ptr<Sink> sink;
-    if (isNbdUri(path)) {
-        sink = std::make_unique<NbdSink>(path);
-    } else if (isBlockDevice(path)) {
-        sink = std::make_unique<DeviceSink>(path);
-    } else {
+    if (!isNbdUri(path) && !isBlockDevice(path)) {
         return std::make_unique<NewFile>(path, std::move(replacing), source);
     }
+    auto sink = std::make_unique<OverwritingSink>(path);
     if (!replacing.allowed(path)) {
         throw Error(path + ": exists already; " + replacing.otherwise);
     }

@@ -29,7 +29,7 @@ public:
 
     /* See Sink. */
     void requireRoom(uint64_t bytes) const { sink_->requireRoom(bytes); }
-    void write(const Pieces &pieces) { sink_->write(pieces); }
+    [[nodiscard]] std::function<void()> write(const Pieces &pieces) { return sink_->write(pieces); }
     void commit() { sink_->commit(); }
     std::string leftoverNote() const { return sink_->leftoverNote(); }
 

@@ -181,10 +181,16 @@ void FileStore::requireLength() const {
 }
 
 /*
- * Through a mapping, which ends where the file ends: a write behind the end would bring back what another process has cut
+ * Of a file, through a mapping, which ends where the file ends: a write behind the end would bring back what another process has cut
  * off. The system copies, so that a page which cannot be had is an error and not a signal.
  */
 void FileStore::write(uint64_t offset, const Pieces &pieces) {
+    if (isDevice_ && pieces.count == 1) {
+        if (!writeAt(file_.get(), offset, pieces.base, pieces.size)) {
+            throw systemError(name_, "cannot write at offset " + std::to_string(offset), errno);
+        }
+        return;
+    }
     std::vector<uint8_t> bytes;
     bytes.reserve(pieces.bytes());
     for (size_t index = 0; index < pieces.count; ++index) {

@@ -29,9 +29,6 @@ public:
     void write(uint64_t offset, const Pieces &pieces) override;
     void sync() override;
 
-    /* For what writes all of a device, from its start. */
-    int descriptor() const { return file_.get(); }
-
 private:
     void lock(Use use) const;
 

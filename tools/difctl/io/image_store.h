@@ -11,7 +11,7 @@
 
 namespace difctl {
 
-/* Reading is for any threads at once where the length is known. Everything throws Error. */
+/* Reading is for any threads at once where the length is known, writing where they write at different places. Everything throws Error. */
 class ImageStore {
 public:
     enum class Use { kRead, kChange };

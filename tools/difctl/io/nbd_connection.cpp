@@ -5,12 +5,16 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <deque>
+#include <span>
+#include <vector>
 
 namespace difctl {
 
 namespace {
 
-constexpr size_t kCommandBytes = size_t{256} * 1024;
+constexpr uint64_t kCommandBytes = uint64_t{2} * 1024 * 1024; /* at most; servers that say nothing take that */
+constexpr size_t kHoleBytes = size_t{64} * 1024;              /* what stores leave out, in whole units of any size */
 constexpr size_t kMaxUnderWay = 64;
 constexpr std::chrono::milliseconds kFurtherSoon{500};
 constexpr uint64_t kMaxStatusBytes = uint64_t{1} << 31; /* the length of a status command has 32 bits */
@@ -60,8 +64,7 @@ NbdConnection::NbdConnection(const std::string &uri, Handle handle)
     }
     length_ = static_cast<uint64_t>(length);
     unit_ = blockSize(handle_.get(), LIBNBD_SIZE_MINIMUM, 1);
-    const uint64_t most =
-        std::min<uint64_t>(blockSize(handle_.get(), LIBNBD_SIZE_MAXIMUM, kCommandBytes), kCommandBytes);
+    const uint64_t most = std::min(blockSize(handle_.get(), LIBNBD_SIZE_MAXIMUM, kCommandBytes), kCommandBytes);
     commandBytes_ = std::max(most - most % unit_, unit_);
     takesZeros_ = answer(nbd_can_zero(handle_.get()));
 }
@@ -88,7 +91,7 @@ std::unique_ptr<NbdConnection> NbdConnection::further(const std::string &uri) {
 }
 
 NbdConnection::~NbdConnection() {
-    if (commands_.empty() && answer(nbd_aio_is_ready(handle_.get()))) {
+    if (answer(nbd_aio_is_ready(handle_.get()))) {
         nbd_aio_disconnect(handle_.get(), 0);
     }
 }
@@ -101,103 +104,138 @@ bool NbdConnection::allowsFurther() const {
     return answer(nbd_can_multi_conn(handle_.get()));
 }
 
-/* Calls `issue` with the place of each command's bytes, counted from `offset`, and their number. */
-template <typename Issue>
-size_t NbdConnection::begin(const char *what, uint64_t offset, size_t size, Issue issue) {
-    size_t commands = 0;
-    for (size_t done = 0; done < size; ++commands) {
-        const size_t part = std::min(size - done, commandBytes_);
-        finish(kMaxUnderWay - 1);
-        const Command command = {issue(done, part), what, offset + done};
+/* Units that hold some bytes, and the place of the first. */
+struct NbdConnection::Units {
+    uint64_t offset;
+    std::span<uint8_t> memory;
+
+    uint8_t *at(uint64_t place) const { return memory.data() + (place - offset); }
+};
+
+/* Commands that one thread has under way. */
+class NbdConnection::Batch {
+public:
+    explicit Batch(NbdConnection &connection) : connection_(connection), handle_(connection.handle_.get()) {}
+
+    void read(uint64_t offset, uint8_t *bytes, size_t size) {
+        for (size_t done = 0, part = 0; done < size; done += part) {
+            part = std::min(size - done, connection_.commandBytes_);
+            add({nbd_aio_pread(handle_, bytes + done, part, offset + done, {}, 0), "read", offset + done});
+        }
+    }
+
+    /* Whole units. */
+    void write(uint64_t offset, const uint8_t *bytes, size_t size) {
+        const auto isHole = [&](size_t at) {
+            return connection_.takesZeros_ && size - at >= kHoleBytes && isZero(bytes + at, kHoleBytes);
+        };
+        for (size_t done = 0, part = 0; done < size; done += part) {
+            const bool zero = isHole(done);
+            const size_t most = std::min(size - done, connection_.commandBytes_);
+            for (part = kHoleBytes; part < most && isHole(done + part) == zero;) {
+                part += kHoleBytes;
+            }
+            part = std::min(part, most);
+            const uint64_t place = offset + done;
+            add({zero ? nbd_aio_zero(handle_, part, place, {}, 0)
+                      : nbd_aio_pwrite(handle_, bytes + done, part, place, {}, 0),
+                 "write", place});
+        }
+    }
+
+    /* Waits until no more than the last `left` commands are under way. */
+    void finish(size_t left = 0) {
+        while (commands_.size() > left) {
+            const Command command = commands_.front();
+            const bool done = completes(command);
+            commands_.pop_front();
+            if (!done) {
+                fail(command);
+            }
+        }
+    }
+
+private:
+    struct Command {
+        int64_t cookie;
+        const char *what;
+        uint64_t offset;
+    };
+
+    void add(const Command &command) {
         if (command.cookie < 0) {
             fail(command);
         }
         commands_.push_back(command);
-        done += part;
+        finish(kMaxUnderWay);
     }
-    return commands;
-}
 
-size_t NbdConnection::beginRead(uint64_t offset, uint8_t *bytes, size_t size) {
-    return begin("read", offset, size, [&](size_t done, size_t part) {
-        return nbd_aio_pread(handle_.get(), bytes + done, part, offset + done, nbd_completion_callback{}, 0);
-    });
-}
-
-size_t NbdConnection::beginWrite(uint64_t offset, const uint8_t *bytes, size_t size) {
-    return begin("write", offset, size, [&](size_t done, size_t part) {
-        nbd_handle *const handle = handle_.get();
-        if (takesZeros_ && part == commandBytes_ && isZero(bytes + done, part)) {
-            return nbd_aio_zero(handle, part, offset + done, nbd_completion_callback{}, 0);
-        }
-        return nbd_aio_pwrite(handle, bytes + done, part, offset + done, nbd_completion_callback{}, 0);
-    });
-}
-
-/* Whether it was done; waits for that. */
-bool NbdConnection::completes(const Command &command) {
-    int result = 0;
-    while ((result = nbd_aio_command_completed(handle_.get(), static_cast<uint64_t>(command.cookie))) == 0) {
-        if (nbd_poll(handle_.get(), -1) < 0 && lost_.empty()) {
-            lost_ = nbd_get_error();
+    /* Whether it was done; waits for that. */
+    bool completes(const Command &command) {
+        while (true) {
+            const std::lock_guard lock(connection_.repliesMutex_);
+            const int result = nbd_aio_command_completed(handle_, static_cast<uint64_t>(command.cookie));
+            if (result != 0) {
+                return result > 0;
+            }
+            if (nbd_poll(handle_, -1) < 0 && connection_.loss_.empty()) {
+                connection_.loss_ = nbd_get_error();
+            }
         }
     }
-    return result > 0;
-}
 
-void NbdConnection::fail(const Command &command) {
-    const std::string why = std::system_category().message(nbd_get_errno());
-    if (lost_.empty() && (answer(nbd_aio_is_dead(handle_.get())) || answer(nbd_aio_is_closed(handle_.get())))) {
-        lost_ = why;
-    }
-    while (!commands_.empty()) {
-        completes(commands_.front());
-        commands_.pop_front();
-    }
-    throw Error(name_ + ": cannot " + command.what + " at offset " + std::to_string(command.offset) + ": " +
-                (lost_.empty() ? why : "the connection to the server is lost: " + lost_));
-}
-
-void NbdConnection::finish(size_t left) {
-    while (commands_.size() > left) {
-        const Command command = commands_.front();
-        const bool done = completes(command);
-        commands_.pop_front();
-        if (!done) {
-            fail(command);
+    [[noreturn]] void fail(const Command &command) {
+        std::string why = std::system_category().message(nbd_get_errno());
+        while (!commands_.empty()) {
+            completes(commands_.front());
+            commands_.pop_front();
         }
+        if (answer(nbd_aio_is_dead(handle_)) || answer(nbd_aio_is_closed(handle_))) {
+            const std::lock_guard lock(connection_.repliesMutex_);
+            why = "the connection to the server is lost: " + (connection_.loss_.empty() ? why : connection_.loss_);
+        }
+        throw Error(connection_.name_ + ": cannot " + command.what + " at offset " + std::to_string(command.offset) +
+                    ": " + why);
     }
-}
+
+    NbdConnection &connection_;
+    nbd_handle *handle_;
+    std::deque<Command> commands_;
+};
 
 void NbdConnection::flush() {
+    const std::lock_guard lock(repliesMutex_);
     if (answer(nbd_can_flush(handle_.get())) && nbd_flush(handle_.get(), 0) != 0) {
         throw nbdError(name_, "cannot bring what is written to stable storage");
     }
 }
 
-/* Of the connection's own memory, which is good until the next call. */
-NbdConnection::Units NbdConnection::unitsOf(uint64_t offset, size_t size) {
+/* In memory that is good until the thread's next call. */
+NbdConnection::Units NbdConnection::readUnits(uint64_t offset, size_t size) {
+    thread_local std::vector<uint8_t> memory;
     const uint64_t first = offset - offset % unit_;
     const uint64_t behind = offset + size + unit_ - 1;
     const size_t bytes = static_cast<size_t>(std::min(length_, behind - behind % unit_) - first);
-    whole_.resize(std::max(whole_.size(), bytes));
-    return {first, {whole_.data(), bytes}};
+    memory.resize(std::max(memory.size(), bytes));
+    Batch batch(*this);
+    batch.read(first, memory.data(), bytes);
+    batch.finish();
+    return {first, {memory.data(), bytes}};
 }
 
 size_t NbdConnection::read(uint64_t offset, const Pieces &pieces, size_t done) {
     const auto size =
         static_cast<size_t>(std::min<uint64_t>(pieces.bytes() - done, length_ - std::min(offset, length_)));
     if (unit_ == 1 && pieces.count == 1) {
-        beginRead(offset, pieces.base + done, size);
-        finish();
+        Batch batch(*this);
+        batch.read(offset, pieces.base + done, size);
+        batch.finish();
         return size;
     }
     if (size == 0) {
         return 0;
     }
-    const Units units = unitsOf(offset, size);
-    beginRead(units.offset, units.memory.data(), units.memory.size());
-    finish();
+    const Units units = readUnits(offset, size);
     const uint8_t *bytes = units.at(offset);
     for (size_t at = 0; at < size;) {
         const std::span<uint8_t> piece = pieces.after(done + at);
@@ -208,22 +246,26 @@ size_t NbdConnection::read(uint64_t offset, const Pieces &pieces, size_t done) {
     return size;
 }
 
+bool NbdConnection::isWholeUnits(uint64_t offset, const Pieces &pieces) const {
+    const auto isWhole = [this](uint64_t place) { return place % unit_ == 0 || place == length_; };
+    return unit_ == 1 || (pieces.count == 1 && isWhole(offset) && isWhole(offset + pieces.size));
+}
+
 void NbdConnection::write(uint64_t offset, const Pieces &pieces) {
-    if (unit_ == 1) {
+    Batch batch(*this);
+    if (isWholeUnits(offset, pieces)) {
         for (size_t index = 0; index < pieces.count; ++index) {
-            beginWrite(offset + index * pieces.stride, pieces.base + index * pieces.stride, pieces.size);
+            batch.write(offset + index * pieces.stride, pieces.base + index * pieces.stride, pieces.size);
         }
-        finish();
-        return;
+    } else {
+        const Units units = readUnits(offset, (pieces.count - 1) * pieces.stride + pieces.size);
+        for (size_t index = 0; index < pieces.count; ++index) {
+            const size_t distance = index * pieces.stride;
+            std::memcpy(units.at(offset + distance), pieces.base + distance, pieces.size);
+        }
+        batch.write(units.offset, units.memory.data(), units.memory.size());
     }
-    const Units units = unitsOf(offset, (pieces.count - 1) * pieces.stride + pieces.size);
-    beginRead(units.offset, units.memory.data(), units.memory.size());
-    finish();
-    for (size_t index = 0; index < pieces.count; ++index) {
-        std::memcpy(units.at(offset + index * pieces.stride), pieces.base + index * pieces.stride, pieces.size);
-    }
-    beginWrite(units.offset, units.memory.data(), units.memory.size());
-    finish();
+    batch.finish();
 }
 
 uint64_t NbdConnection::nextData(uint64_t offset) {
@@ -242,6 +284,7 @@ uint64_t NbdConnection::nextData(uint64_t offset) {
         return 0;
     };
     nbd_handle *const handle = handle_.get();
+    const std::lock_guard lock(repliesMutex_);
     while (search.at < length_ && !search.found) {
         const uint64_t from = search.at;
         const uint64_t size = std::min(length_ - from, kMaxStatusBytes);

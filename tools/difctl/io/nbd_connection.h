@@ -5,11 +5,9 @@
 #include "io/transfer.h"
 
 #include <cstdint>
-#include <deque>
 #include <memory>
-#include <span>
+#include <mutex>
 #include <string>
-#include <vector>
 
 #include <libnbd.h>
 
@@ -19,8 +17,8 @@ namespace difctl {
 bool isNbdUri(const std::string &path);
 
 /*
- * For one thread at a time. Many commands are under way at once; what is written and read at the same place must not be.
- * Everything throws Error that names the export and the place, and then no command is under way any more.
+ * For any threads at once, each of whose calls has many commands under way; what is written and read at the same place must
+ * not be. Everything throws Error that names the export and the place, and then no command of that call is under way.
  */
 class NbdConnection {
 public:
@@ -38,9 +36,6 @@ public:
     /* Whether what one connection has written is there for the others, and flushed by their flush. */
     bool allowsFurther() const;
 
-    /* Where and by how much may be read and written: at and by multiples of this, except at the export's end. */
-    uint64_t unit() const { return unit_; }
-
     /* Reads from `offset` on what follows the first `done` bytes of `pieces`; returns how many, fewer than that only at the
      * export's end. */
     size_t read(uint64_t offset, const Pieces &pieces, size_t done);
@@ -49,11 +44,8 @@ public:
      * where the server takes no less, what lies there is written with them. */
     void write(uint64_t offset, const Pieces &pieces);
 
-    /* Begins to write whole units, whose memory is in use until it is finished; returns the number of commands. */
-    size_t beginWrite(uint64_t offset, const uint8_t *bytes, size_t size);
-
-    /* Waits until no more than the last `left` commands are under way. */
-    void finish(size_t left = 0);
+    /* Whether nothing else is written with `pieces`; else nobody may write nearby meanwhile. */
+    bool isWholeUnits(uint64_t offset, const Pieces &pieces) const;
 
     /* Brings to stable storage what is written, as far as the server can. */
     void flush();
@@ -67,39 +59,24 @@ private:
     };
     using Handle = std::unique_ptr<nbd_handle, Closer>;
 
-    struct Command {
-        int64_t cookie;
-        const char *what;
-        uint64_t offset;
-    };
+    class Batch;
+    struct Units;
 
     static Handle prepared(const std::string &name);
     NbdConnection(const std::string &uri, Handle handle);
 
-    /* The memory of the units that hold some bytes, and the place of the first. */
-    struct Units {
-        uint64_t offset;
-        std::span<uint8_t> memory;
-
-        uint8_t *at(uint64_t place) const { return memory.data() + (place - offset); }
-    };
-    Units unitsOf(uint64_t offset, size_t size);
-
-    size_t beginRead(uint64_t offset, uint8_t *bytes, size_t size);
-    template <typename Issue>
-    size_t begin(const char *what, uint64_t offset, size_t size, Issue issue);
-    bool completes(const Command &command);
-    [[noreturn]] void fail(const Command &command);
+    Units readUnits(uint64_t offset, size_t size);
 
     std::string name_;
     Handle handle_;
     uint64_t length_;
-    uint64_t unit_;
+    uint64_t unit_;       /* may be read and written, and multiples of it; fewer bytes only at the export's end */
     size_t commandBytes_; /* of the largest commands */
     bool takesZeros_;     /* without being sent them */
-    std::deque<Command> commands_;
-    std::string lost_;           /* why the connection is no more, if it is not */
-    std::vector<uint8_t> whole_; /* units of which only a part is asked for, or whose bytes go to many places */
+    /* Held by the thread that waits for replies, from when it finds its own missing: it takes those of the others too. It
+     * guards the next one. */
+    std::mutex repliesMutex_;
+    std::string loss_; /* why the connection is no more, if it is not */
 };
 
 } // namespace difctl

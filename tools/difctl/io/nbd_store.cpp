@@ -2,6 +2,7 @@
 
 #include "io/error.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace difctl {
@@ -18,32 +19,34 @@ NbdStore::NbdStore(const std::string &uri, Use use) : uri_(uri) {
         throw Error(uri + ": cannot be changed: the server exports it for reading only");
     }
     length_ = connection->length();
-    idle_.reserve(kMaxConnections);
     further_ = connection->allowsFurther() ? kMaxConnections - 1 : 0;
-    giveBack(std::move(connection));
+    connections_.push_back({std::move(connection)});
 }
 
-std::unique_ptr<NbdConnection> NbdStore::take() const {
+/* A connection that nobody uses, or a new one, or the one that the fewest use. */
+NbdStore::Shared &NbdStore::take() const {
+    const auto leastUsed = [this] { return std::ranges::min_element(connections_, {}, &Shared::users); };
     std::unique_lock lock(mutex_);
-    if (idle_.empty() && further_ > 0) {
+    auto chosen = leastUsed();
+    if (chosen->users != 0 && further_ > 0) {
         --further_;
         lock.unlock();
-        if (auto connection = NbdConnection::further(uri_)) {
-            return connection;
-        }
+        auto connection = NbdConnection::further(uri_);
         lock.lock();
-        further_ = 0;
+        if (connection) {
+            connections_.push_back({std::move(connection)});
+        } else {
+            further_ = 0;
+        }
+        chosen = leastUsed();
     }
-    givenBack_.wait(lock, [this] { return !idle_.empty(); });
-    auto connection = std::move(idle_.back());
-    idle_.pop_back();
-    return connection;
+    ++chosen->users;
+    return *chosen;
 }
 
-void NbdStore::giveBack(std::unique_ptr<NbdConnection> connection) const {
+void NbdStore::giveBack(Shared &connection) const {
     const std::lock_guard lock(mutex_);
-    idle_.push_back(std::move(connection));
-    givenBack_.notify_one();
+    --connection.users;
 }
 
 ssize_t NbdStore::read(uint64_t offset, const Pieces &pieces, size_t done) const {
@@ -55,7 +58,12 @@ uint64_t NbdStore::nextData(uint64_t offset) const {
 }
 
 void NbdStore::write(uint64_t offset, const Pieces &pieces) {
-    Lease(*this)->write(offset, pieces);
+    const Lease connection(*this);
+    std::unique_lock lock(partsMutex_, std::defer_lock);
+    if (!connection->isWholeUnits(offset, pieces)) {
+        lock.lock();
+    }
+    connection->write(offset, pieces);
 }
 
 void NbdStore::sync() {

@@ -5,16 +5,15 @@
 #include "io/image_store.h"
 #include "io/nbd_connection.h"
 
-#include <condition_variable>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <vector>
 
 namespace difctl {
 
 /*
- * Threads that read get a connection each, as far as the server takes several. The length cannot change while they last;
+ * Threads that read and write get a connection each as far as the server takes several, and share them beyond that. The length cannot change while they last;
  * there are no locks: who else writes to the export is not kept out.
  */
 class NbdStore : public ImageStore {
@@ -32,29 +31,34 @@ public:
     void sync() override;
 
 private:
-    /* A connection while one thread has it. */
+    struct Shared {
+        std::unique_ptr<NbdConnection> connection;
+        unsigned users = 0;
+    };
+
+    /* A connection while a thread uses it. */
     class Lease {
     public:
         explicit Lease(const NbdStore &store) : store_(store), connection_(store.take()) {}
-        ~Lease() { store_.giveBack(std::move(connection_)); }
+        ~Lease() { store_.giveBack(connection_); }
         Lease(const Lease &) = delete;
         Lease &operator=(const Lease &) = delete;
 
-        NbdConnection *operator->() const { return connection_.get(); }
+        NbdConnection *operator->() const { return connection_.connection.get(); }
 
     private:
         const NbdStore &store_;
-        std::unique_ptr<NbdConnection> connection_;
+        Shared &connection_;
     };
 
-    std::unique_ptr<NbdConnection> take() const;
-    void giveBack(std::unique_ptr<NbdConnection> connection) const;
+    Shared &take() const;
+    void giveBack(Shared &connection) const;
 
     std::string uri_;
     uint64_t length_ = 0;
+    std::mutex partsMutex_;    /* held while parts of units are written, which two writes may share */
     mutable std::mutex mutex_; /* guards what follows */
-    mutable std::condition_variable givenBack_;
-    mutable std::vector<std::unique_ptr<NbdConnection>> idle_;
+    mutable std::list<Shared> connections_;
     mutable unsigned further_ = 0; /* connections that may be tried yet */
 };
 

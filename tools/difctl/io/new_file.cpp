@@ -125,7 +125,7 @@ NewFile::~NewFile() {
     }
 }
 
-void NewFile::write(const Pieces &pieces) {
+std::function<void()> NewFile::write(const Pieces &pieces) {
     const uint64_t start = offset_;
     size_t begin = 0;
     for (size_t at = 0, end = 0; at < pieces.bytes(); at = end) {
@@ -137,6 +137,7 @@ void NewFile::write(const Pieces &pieces) {
         }
     }
     put(pieces, begin, pieces.bytes());
+    return {};
 }
 
 void NewFile::put(const Pieces &pieces, size_t from, size_t to) {

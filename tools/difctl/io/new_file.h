@@ -23,7 +23,7 @@ public:
     NewFile(const std::string &path, Replacing replacing, std::optional<FileAccess> source);
     ~NewFile() override;
 
-    void write(const Pieces &pieces) override;
+    std::function<void()> write(const Pieces &pieces) override;
     void commit() override;
     std::string leftoverNote() const override { return ""; }
 

@@ -6,33 +6,35 @@
 namespace difctl {
 
 void OverwritingSink::requireRoom(uint64_t bytes) const {
-    if (bytes > length()) {
-        throw Error(name_ + ": is too small: it has " + std::to_string(length()) + " bytes, " + std::to_string(bytes) +
-                    " are to be written");
+    if (bytes > *place_.length()) {
+        throw Error(place_.name() + ": is too small: it has " + std::to_string(*place_.length()) + " bytes, " +
+                    std::to_string(bytes) + " are to be written");
     }
 }
 
-void OverwritingSink::write(const Pieces &pieces) {
-    requireRoom(begun_ + pieces.bytes());
+std::function<void()> OverwritingSink::write(const Pieces &pieces) {
+    const uint64_t offset = begun_;
+    requireRoom(offset + pieces.bytes());
     begun_ += pieces.bytes();
     holdingInterrupts([this](Unfinished &unfinished) { unfinished.note = leftoverNote(); });
-    append(pieces);
+    return [this, offset, pieces] { place_.write(offset, gathered(pieces)); };
 }
 
 void OverwritingSink::commit() {
     try {
-        finish();
+        place_.sync();
     } catch (const Error &error) {
         throw Error(error.what() + leftoverNote());
     }
-    holdingInterrupts([this](Unfinished &unfinished) { unfinished.note = "; " + name_ + " is complete"; });
+    holdingInterrupts([this](Unfinished &unfinished) { unfinished.note = "; " + place_.name() + " is complete"; });
 }
 
 std::string OverwritingSink::leftoverNote() const {
     if (begun_ == 0) {
         return "";
     }
-    return "; what was written over the first " + std::to_string(begun_) + " bytes of " + name_ + " cannot be undone";
+    return "; what was written over the first " + std::to_string(begun_) + " bytes of " + place_.name() +
+           " cannot be undone";
 }
 
 } // namespace difctl

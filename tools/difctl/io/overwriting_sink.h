@@ -2,34 +2,26 @@
 #ifndef DIFCTL_OVERWRITING_SINK_H
 #define DIFCTL_OVERWRITING_SINK_H
 
+#include "io/image_file.h"
 #include "io/sink.h"
-
-#include <utility>
 
 namespace difctl {
 
-/* What lies behind the image's end stays as it is. There is no way back: the message about an early end says how far
- * writing has come. */
+/*
+ * A block device that the system does not use itself and nobody has locked, or the export of an NBD server. What lies behind
+ * the image's end stays as it is. There is no way back: the message about an early end says how far writing has come.
+ */
 class OverwritingSink : public Sink {
 public:
-    void requireRoom(uint64_t bytes) const final;
-    void write(const Pieces &pieces) final;
-    void commit() final;
-    std::string leftoverNote() const final;
+    explicit OverwritingSink(const std::string &path) : place_(path, ImageFile::Use::kChange) {}
 
-protected:
-    explicit OverwritingSink(std::string name) : name_(std::move(name)) {}
-
-    const std::string &name() const { return name_; }
+    void requireRoom(uint64_t bytes) const override;
+    std::function<void()> write(const Pieces &pieces) override;
+    void commit() override;
+    std::string leftoverNote() const override;
 
 private:
-    virtual uint64_t length() const = 0;
-    /* Writes what comes next. */
-    virtual void append(const Pieces &pieces) = 0;
-    /* Ends the writing and brings it to stable storage. */
-    virtual void finish() = 0;
-
-    std::string name_;
+    ImageFile place_;
     uint64_t begun_ = 0; /* bytes that are written or may be */
 };
 

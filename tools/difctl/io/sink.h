@@ -27,7 +27,9 @@ public:
     /* Throws if `bytes` bytes are known not to fit. */
     virtual void requireRoom(uint64_t /*bytes*/) const {}
 
-    virtual void write(const Pieces &pieces) = 0;
+    /* Writes what comes next. What the answer does, if anything, is the rest of that: for any thread, at once with others,
+     * while the memory of `pieces` is left to it; they may lie elsewhere in it afterwards. */
+    [[nodiscard]] virtual std::function<void()> write(const Pieces &pieces) = 0;
     virtual void commit() = 0;
 
     /* What to add to the message of a failure: that bytes have been written that cannot be taken back, or nothing. */

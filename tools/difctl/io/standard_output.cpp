@@ -22,10 +22,11 @@ StandardOutput::StandardOutput() {
     holdingInterrupts([](Unfinished &unfinished) { unfinished.note = kNoWayBack; });
 }
 
-void StandardOutput::write(const Pieces &pieces) {
+std::function<void()> StandardOutput::write(const Pieces &pieces) {
     if (!writeAll(STDOUT_FILENO, pieces, offset_)) {
         throw systemError(kStandardOutput, "cannot write at offset " + std::to_string(offset_), errno);
     }
+    return {};
 }
 
 std::string StandardOutput::leftoverNote() const {

@@ -11,7 +11,7 @@ class StandardOutput : public Sink {
 public:
     StandardOutput();
 
-    void write(const Pieces &pieces) override;
+    std::function<void()> write(const Pieces &pieces) override;
     void commit() override {}
     std::string leftoverNote() const override;
 

@@ -63,6 +63,13 @@ bool isZero(const Pieces &pieces, size_t from, size_t to) {
     return true;
 }
 
+Pieces gathered(const Pieces &pieces) {
+    for (size_t index = 1; index < pieces.count && pieces.stride != pieces.size; ++index) {
+        std::memmove(pieces.base + index * pieces.size, pieces.base + index * pieces.stride, pieces.size);
+    }
+    return {pieces.base, pieces.bytes(), pieces.bytes(), 1};
+}
+
 ssize_t readSome(int file, std::optional<uint64_t> offset, const Pieces &pieces, size_t done) {
     return transfer(pieces, done, pieces.bytes(), [&](const iovec *vector, int used) {
         return offset ? ::preadv(file, vector, used, static_cast<off_t>(*offset)) : ::readv(file, vector, used);

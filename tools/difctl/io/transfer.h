@@ -35,6 +35,9 @@ struct Pieces {
 bool isZero(const uint8_t *bytes, size_t size);
 bool isZero(const Pieces &pieces, size_t from, size_t to);
 
+/* `pieces` moved together: to where the first one lies. */
+Pieces gathered(const Pieces &pieces);
+
 class FileDescriptor {
 public:
     explicit FileDescriptor(int number = -1) : number_(number) {}

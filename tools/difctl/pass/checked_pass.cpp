@@ -70,7 +70,7 @@ Findings runCheckedPass(Source &source, const CheckedPass &pass) {
 int runCheckedCopy(Source &source, Destination &destination, const CheckedCopy &copy) {
     const auto consume = [&](Request &request, const Findings &findings) {
         if (findings.failed() == 0) {
-            destination.write((request.*copy.layout)(request.blockNum));
+            request.rest = destination.write((request.*copy.layout)(request.blockNum));
         }
     };
     if (source.length()) {

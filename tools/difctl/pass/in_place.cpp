@@ -51,7 +51,8 @@ InPlaceImage::InPlaceImage(const std::string &path, const Claims &claims, const 
         throw Error(name() + ": holds data but shows no fields to change, of either block size; protect writes fields");
     }
     if (!showsFields && !force) {
-        throw Error(name() + ": holds nothing but zeros, no fields; relabel and inject write fields into it with --force");
+        throw Error(name() +
+                    ": holds nothing but zeros, no fields; relabel and inject write fields into it with --force");
     }
     holdingInterrupts([this](Unfinished &unfinished) { unfinished.note = note(); });
 }

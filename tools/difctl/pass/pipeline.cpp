@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <exception>
 #include <mutex>
@@ -15,6 +16,13 @@ namespace {
 
 constexpr unsigned kMaxThreads = 32; /* bounds the memory on machines with many cores */
 
+/* A thread that waits that long for a store so many times in a row gets another one beside it: more requests hide latency.
+ * Where stores are quicker, more memory than the caches hold costs more than that gains. */
+constexpr std::chrono::milliseconds kLongWait{4};
+constexpr unsigned kManyWaits = 8;
+
+using Clock = std::chrono::steady_clock;
+
 template <typename Step>
 std::exception_ptr caught(Step step) {
     try {
@@ -26,9 +34,10 @@ std::exception_ptr caught(Step step) {
 }
 
 /*
- * Every thread takes one request after the other all the way, in memory of its own: reads it, processes it, and consumes it
- * when those before it are consumed. What fails on the way fails in that turn, and the end of the blocks, a request of none,
+ * Every thread takes one request after the other all the way, in memory of its own: reads it, processes it, consumes it when
+ * those before it are consumed, and does the rest of that. What fails on the way fails in that turn, and the end of the blocks, a request of none,
  * has its turn as well. Where the source's length tells the place of each request, threads read at once; else, only one.
+ * Threads that wait long for what they read or write become more.
  */
 class Relay {
 public:
@@ -36,16 +45,12 @@ public:
         : source_(source), pipeline_(pipeline), nextBlock_(pipeline.blocks.first) {}
 
     void run(unsigned threadNum) {
-        std::vector<std::thread> others;
-        try {
-            while (others.size() + 1 < threadNum) {
-                others.emplace_back([this] { work(); });
-            }
-        } catch (const std::exception &) {
-            /* The threads there are do all of it. */
+        for (unsigned i = 1; i < threadNum; ++i) {
+            addThread();
         }
         work();
-        for (std::thread &thread : others) {
+        /* Since that has ended, none is added. */
+        for (std::thread &thread : others_) {
             thread.join();
         }
         if (failure_) {
@@ -57,22 +62,49 @@ private:
     void work() {
         std::vector<uint8_t> memory;
         Request request;
-        while (!stopped_) {
+        Clock::duration waited = {};
+        for (unsigned longWaits = 0; !stopped_; longWaits = waited > kLongWait ? longWaits + 1 : 0) {
+            if (longWaits == kManyWaits) {
+                longWaits = 0;
+                addThread();
+            }
             std::unique_lock reading(readMutex_);
             const uint64_t turn = readNum_++;
-            std::exception_ptr error = caught([&] { read(request, memory, std::move(reading)); });
+            std::exception_ptr error = caught([&] { waited = read(request, memory, std::move(reading)); });
             if (!error && request.blockNum != 0) {
                 error = caught([&] { pipeline_.process(request); });
             }
             std::unique_lock consuming(consumeMutex_);
             turnCame_.wait(consuming, [&] { return stopped_ || consumedNum_ == turn; });
-            if (!stopped_) {
-                consume(request, error);
+            if (stopped_) {
+                return;
             }
+            consume(request, error);
+            consuming.unlock();
+            const auto rest = std::exchange(request.rest, nullptr);
+            const Clock::time_point begin = Clock::now();
+            if (rest && (error = caught(rest))) {
+                consuming.lock();
+                stop(error);
+            }
+            waited += Clock::now() - begin;
         }
     }
 
-    void read(Request &request, std::vector<uint8_t> &memory, std::unique_lock<std::mutex> reading) {
+    void addThread() {
+        const std::lock_guard lock(consumeMutex_);
+        if (stopped_ || others_.size() + 1 >= kMaxThreads) {
+            return;
+        }
+        try {
+            others_.emplace_back([this] { work(); });
+        } catch (const std::exception &) {
+            /* The threads there are do all of it. */
+        }
+    }
+
+    /* Returns how long it has waited for others than those that give a stream its bytes. */
+    Clock::duration read(Request &request, std::vector<uint8_t> &memory, std::unique_lock<std::mutex> reading) {
         const DifTypeInfo &geometry = pipeline_.format.geometry;
         const uint32_t maxBlocks = kRequestDataBytes / geometry.dataSize;
         memory.resize(size_t{maxBlocks} * geometry.blockSize);
@@ -88,11 +120,15 @@ private:
             }
         }
         const Pieces pieces = (request.*pipeline_.layout)(static_cast<uint32_t>(blocks));
+        const Clock::time_point begin = Clock::now();
         const size_t bytes = source_.read(request.firstBlock, pieces);
+        const Clock::duration waited = Clock::now() - begin;
         request.blockNum = static_cast<uint32_t>(bytes / (request.*pipeline_.layout)(1).bytes());
         if (reading) {
             nextBlock_ += request.blockNum;
+            return {};
         }
+        return waited;
     }
 
     void consume(Request &request, std::exception_ptr error) {
@@ -102,10 +138,16 @@ private:
         }
         ++consumedNum_;
         if (!goesOn) {
-            failure_ = error;
-            stopped_ = true;
-            source_.cancel();
+            stop(error);
         }
+        turnCame_.notify_all();
+    }
+
+    /* With consumeMutex_ held. */
+    void stop(const std::exception_ptr &failure) {
+        failure_ = failure_ ? failure_ : failure;
+        stopped_ = true;
+        source_.cancel();
         turnCame_.notify_all();
     }
 
@@ -115,6 +157,7 @@ private:
     uint64_t readNum_ = 0;
     uint64_t nextBlock_;
     std::mutex consumeMutex_; /* guards what follows; stopped_ may be read without it */
+    std::vector<std::thread> others_;
     std::condition_variable turnCame_;
     uint64_t consumedNum_ = 0;
     std::exception_ptr failure_;

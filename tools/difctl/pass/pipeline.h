@@ -16,7 +16,8 @@ struct Pipeline {
     Pieces (Request::*layout)(uint32_t blocks) const;
     /* Runs on any thread, for several requests at once. */
     std::function<void(Request &)> process;
-    /* Runs on any thread, request by request in the image's order; answers whether to go on. */
+    /* Runs on any thread, request by request in the image's order; answers whether to go on, and leaves its rest in the
+     * request. */
     std::function<bool(Request &)> consume;
     /* The blocks to run, of a source whose length is known if they are not all. */
     BlockRange blocks = {};

@@ -11,6 +11,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <vector>
 
@@ -36,6 +37,8 @@ struct Request {
     uint8_t *buf = nullptr; /* room for kRequestDataBytes of data with their fields */
     uint64_t firstBlock = 0;
     uint32_t blockNum = 0;
+
+    std::function<void()> rest; /* of what consumes it: when its turn is over, at once with other requests' */
 
     std::vector<Fault> faults; /* written by the checks, as is the result word */
     uint32_t checkResult = 0;
@@ -98,7 +101,7 @@ struct ReplaceOptions {
     uint32_t flags = 0; /* DIF_REPLACE_* */
     uint64_t imageLba = 0;
     std::vector<BlockRange> blocks = {{}}; /* all */
-    bool unwritten = true; /* blocks of zeros, too */
+    bool unwritten = true;                 /* blocks of zeros, too */
 };
 
 /* Rewrites fields of the blocks' tuples. */
