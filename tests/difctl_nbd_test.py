@@ -1,5 +1,5 @@
 """difctl on the exports of NBD servers, and on sparse files: python3 difctl_nbd_test.py DIFCTL [unittest arguments]."""
-import contextlib, os, pathlib, random, re, signal, subprocess, time, unittest
+import contextlib, json, os, pathlib, random, re, signal, subprocess, time, unittest
 from difctl_tool import DIFCTL, ToolTest
 
 random.seed(9)
@@ -79,6 +79,29 @@ class NbdTest(ToolTest):
                     tool.send_signal(signal.SIGTERM) if number == signal.SIGSTOP else None
                     self.assertRegex(tool.communicate(timeout=5)[1].decode(), rf"\Adifctl: (?:[^ ]*: )?{ends}\n\Z")
                 self.assertEqual(tool.returncode, 2)
+
+    def test_blocks_that_cannot_be_read(self):
+        image = self.image[: 520 * 40]
+        self.write("img", image), self.write("other", image), self.write("disk", image[:520] + bytes(520) + image[1040:])
+        self.run_tool("inject", "other", "--at", "1,2", "--set-guard", "1")
+        disk, flags = f"{os.getcwd()}/disk", "status=none iflag=skip_bytes,count_bytes oflag=seek_bytes conv=notrunc"
+        bad = f"! [ -e {disk}.healed -o $4 -gt 600 -o $(($4+$3)) -le 600 ] && echo EIO >&2 && exit 1"
+        server = (f"get_size=echo {len(image)}", f"pread={bad}; dd if={disk} skip=$4 count=$3 {flags}",
+                  f"pwrite=dd of={disk} seek=$4 {flags}; touch {disk}.healed")
+        with serving("eval", *server):
+            lost = dict(block=1, count=1, lba=1, kind="unreadable", expected=None, found=None, tuple=None)
+            done = json.loads(self.run_tool("verify", "--all", "--json", URI, status=1))
+            self.assertEqual((done["faults"], done["failed"]["unreadable"], done["blocks_checked"]), ([lost], 1, 40))
+            self.assertIn(b": block 1, LBA 1: cannot be read\n", self.run_tool("verify", URI, status=1))
+            for command in ("verify", "--report", URI), ("strip", URI, "new"), ("info", "--all", URI):
+                self.refused(*command, says="cannot read at offset 0: Input/output error")
+            says = re.compile("difctl: other: block 1, LBA 1: guard error, .*\n")
+            self.assertIn(b" 1, failing in both and left 1,",
+                          self.run_tool("repair", "other", "--from", URI, status=1, says=says))
+            self.run_tool("repair", URI, "--from", "img")
+        self.assertTrue(pathlib.Path("disk").read_bytes() == image)
+        with serving("--filter=error", "file", "img", "error-pread=EIO", "error-pread-rate=100%"):
+            self.refused("verify", URI, says="cannot read at offset .*: Input/output error")
 
     def test_files_keep_holes(self):
         content = bytes(1 << 20) + RAW[:5000] + bytes(99 * 512 - 5000) + RAW[: 1 << 20] + bytes(3 << 20)

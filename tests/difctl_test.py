@@ -194,7 +194,7 @@ class DifctlTest(ToolTest):
                 "total": 1, "guard": 1, "lba": 0, "version": 0}
             result = {"schema": 2, "image": "img", "block_size": 520, "first_lba": 100,
                       "faults": [fault(*run) for run in FAULT_RUNS][: len(lines)], "faults_omitted": 0,
-                      "failed": {**failed, "unprotected": 0}, "complete": bool(every),
+                      "failed": {**failed, "unprotected": 0, "unreadable": 0}, "complete": bool(every),
                       "blocks_checked": 6200 if every else 8, "blocks_unprotected": 0,
                       "report": {key: key in holds for key in answers.values()}}
             self.assertEqual(json.loads(self.run_tool(*base, "--json", "--report", status=1)), result)

@@ -37,7 +37,11 @@ int runRepair(const RepairOptions &options) {
         Replica replica(options.replica, image.file, image.seen, image.check, options.force);
         const auto heal = [&replica](Request &request) { replica.heal(request); };
         const auto consume = [](Request &, const Findings &) {};
-        const Findings findings = runCheckedPass(image.source, {image.seen.format, true, heal, consume});
+        const Findings findings = runCheckedPass(image.source, {.format = image.seen.format,
+                                                                .allBlocks = true,
+                                                                .process = heal,
+                                                                .consume = consume,
+                                                                .takesUnreadable = true});
         return told(image.source.name(), replica, findings, true);
     }
     InPlaceImage image(options.image, options.claims, options.check, false);
@@ -52,6 +56,7 @@ void addRepair(CLI::App &app, Command &chosen) {
     const auto [command, options] = addCommand(
         app, chosen, "repair", "Take the blocks that fail from a replica in which they pass, in place", runRepair);
     options.check.allBlocks = true;
+    options.check.takesUnreadable = true;
     addImage(command, options, "Image of protected blocks: a file or block device");
     command.add_option("--from", options.replica, "Replica of IMG")->required()->type_name("REPLICA");
     command.add_flag_callback(
@@ -63,10 +68,11 @@ void addRepair(CLI::App &app, Command &chosen) {
     command.add_flag("-n,--dry-run", options.dryRun, "Change nothing and tell what would be done");
     addForce(command, options.force, "Go ahead although a sample of blocks differs");
     command.footer(
-        std::string("Verifies all of IMG. A block that fails is taken from the same place of REPLICA, data "
-                    "and field, if it passes there\nand a guard protects it; blocks that fail in both are "
-                    "named and left. What passes in IMG is not compared with\nREPLICA, but for a sample that "
-                    "tells a replica from another image.\n") +
+        std::string(
+            "Verifies all of IMG. A block that fails or cannot be read is taken from the same place of REPLICA,\n"
+            "data and field, if it passes there and a guard protects it; blocks that fail in both are "
+            "named and left. What\npasses in IMG is not compared with REPLICA, but for a sample that "
+            "tells a replica from another image.\n") +
         R"(Exit status: 0 no block of IMG fails any more, 1 some do, 2 it could not be done.
 
 Examples:

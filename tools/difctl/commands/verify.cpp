@@ -55,8 +55,9 @@ int runVerify(const VerifyOptions &options) {
     });
     const auto process = [&](Request &request) { checkRequest(request, check); };
     const auto consume = [](Request &, const Findings &) {};
-    const Findings findings = runCheckedPass(source, {image.seen.format, check.allBlocks, process, consume, blocks,
-                                                      check.report, &runs, options.bytesPerSecond});
+    const Findings findings =
+        runCheckedPass(source, {image.seen.format, check.allBlocks, process, consume, blocks, check.report, &runs,
+                                options.bytesPerSecond, check.takesUnreadable && !check.report});
     std::string text;
     if (options.json) {
         text = jsonEnd(findings, runs.untold(), check.report);
@@ -87,6 +88,7 @@ int runVerify(const VerifyOptions &options) {
 void addVerify(CLI::App &app, Command &chosen) {
     const auto [command, options] = addCommand(
         app, chosen, "verify", "Check every block of a protected image against its integrity field", runVerify);
+    options.check.takesUnreadable = true;
     addImage(command, options);
     addCheck(command, options.check);
     auto *crc = addRequiredCrc(command, options.check);

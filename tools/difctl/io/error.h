@@ -4,6 +4,7 @@
 
 #include "io/printable.h"
 
+#include <cerrno>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -21,6 +22,17 @@ class Error : public std::runtime_error {
 public:
     explicit Error(const std::string &text) : std::runtime_error(printable(text)) {}
 };
+
+/* Why some place of an image could not be read: there may be others that can. */
+class Unreadable : public Error {
+public:
+    explicit Unreadable(const Error &error) : Error(error) {}
+};
+
+/* What says that of a place: a device's own error, one of its medium, one of its own protection information. */
+inline bool isErrorOfPlace(int errorNumber) {
+    return errorNumber == EIO || errorNumber == ENODATA || errorNumber == EILSEQ;
+}
 
 /* "NAME: WHAT: the system's text for `errorNumber`" */
 inline Error systemError(const std::string &name, const std::string &what, int errorNumber) {

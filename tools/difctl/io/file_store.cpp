@@ -209,6 +209,9 @@ void FileStore::write(uint64_t offset, const Pieces &pieces) {
         const ssize_t moved = readSome(staging_.get(), done, target, done);
         if (moved <= 0) {
             requireLength();
+            if (pieces.count == 1 && writeAt(file_.get(), offset, pieces.base, pieces.size)) {
+                return; /* over pages that a mapping would have to read, and cannot */
+            }
             const uint64_t place = offset + done / pieces.size * pieces.stride;
             throw Error(name_ + ": cannot write at offset " + std::to_string(place) + ": its device is full or fails");
         }

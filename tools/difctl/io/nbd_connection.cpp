@@ -185,17 +185,23 @@ private:
     }
 
     [[noreturn]] void fail(const Command &command) {
-        std::string why = std::system_category().message(nbd_get_errno());
+        const int errorNumber = nbd_get_errno();
+        std::string why = std::system_category().message(errorNumber);
         while (!commands_.empty()) {
             completes(commands_.front());
             commands_.pop_front();
         }
-        if (answer(nbd_aio_is_dead(handle_)) || answer(nbd_aio_is_closed(handle_))) {
+        const bool lost = answer(nbd_aio_is_dead(handle_)) || answer(nbd_aio_is_closed(handle_));
+        if (lost) {
             const std::lock_guard lock(connection_.repliesMutex_);
             why = "the connection to the server is lost: " + (connection_.loss_.empty() ? why : connection_.loss_);
         }
-        throw Error(connection_.name_ + ": cannot " + command.what + " at offset " + std::to_string(command.offset) +
-                    ": " + why);
+        const Error error(connection_.name_ + ": cannot " + command.what + " at offset " +
+                          std::to_string(command.offset) + ": " + why);
+        if (!lost && isErrorOfPlace(errorNumber)) {
+            throw Unreadable(error);
+        }
+        throw error;
     }
 
     NbdConnection &connection_;

@@ -7,13 +7,26 @@
 
 namespace difctl {
 
+namespace {
+
+[[noreturn]] void throwReadError(const std::string &name, uint64_t offset) {
+    const int errorNumber = errno;
+    const Error error = systemError(name, "cannot read at offset " + std::to_string(offset), errorNumber);
+    if (isErrorOfPlace(errorNumber)) {
+        throw Unreadable(error);
+    }
+    throw error;
+}
+
+} // namespace
+
 uint64_t readAll(const ImageFile &file, uint64_t offset, std::span<uint8_t> bytes) {
     const Pieces pieces = {bytes.data(), bytes.size(), bytes.size(), 1};
     uint64_t done = 0;
     for (ssize_t moved = 1; moved > 0 && done < bytes.size(); done += static_cast<uint64_t>(moved)) {
         moved = file.read(offset + done, pieces, done);
         if (moved < 0) {
-            throw systemError(file.name(), "cannot read at offset " + std::to_string(offset + done), errno);
+            throwReadError(file.name(), offset + done);
         }
     }
     return done;
@@ -75,7 +88,7 @@ Error Source::changedLength(const std::string &now) const {
 ssize_t Source::readOnce(uint64_t offset, const Pieces &pieces, size_t done) const {
     const ssize_t moved = file_.read(offset, pieces, done);
     if (moved < 0 && errno != EAGAIN) {
-        throw systemError(name(), "cannot read at offset " + std::to_string(offset), errno);
+        throwReadError(name(), offset);
     }
     return moved;
 }

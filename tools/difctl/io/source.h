@@ -13,7 +13,8 @@
 
 namespace difctl {
 
-/* Fills `bytes` with what there is at `offset` of an image of known length; returns how many it is. Throws Error. */
+/* Fills `bytes` with what there is at `offset` of an image of known length; returns how many it is. Throws Error:
+ * Unreadable where other places may not meet the error. */
 uint64_t readAll(const ImageFile &file, uint64_t offset, std::span<uint8_t> bytes);
 
 /* An image to read once, from its start to its end. Everything throws Error. */

@@ -55,7 +55,8 @@ Findings runCheckedPass(Source &source, const CheckedPass &pass) {
         return pass.wholeImage || findings.complete();
     };
     try {
-        runPipeline(source, {pass.format, &Request::wholeBlocks, pass.process, consume, pass.blocks});
+        runPipeline(source,
+                    {pass.format, &Request::wholeBlocks, pass.process, consume, pass.blocks, pass.takesUnreadable});
     } catch (...) {
         runs.end();
         throw;

@@ -28,6 +28,7 @@ struct CheckedPass {
     bool wholeImage = false;                     /* go on behind faults, for what is true of the image as a whole */
     FaultRuns *runs = nullptr;                   /* takes the faults; by default they are told on standard error */
     std::optional<uint64_t> bytesPerSecond = {}; /* to read at most; 0 is no limit */
+    bool takesUnreadable = false;                /* see Pipeline */
 };
 
 Findings runCheckedPass(Source &source, const CheckedPass &pass);

@@ -92,7 +92,9 @@ Findings InPlaceImage::change(const std::function<void(Request &)> &change, cons
             change(request);
         };
         const auto consume = [this](Request &request, const Findings & /*findings*/) { writeBack(request); };
-        const Findings findings = runCheckedPass(source, {seen_.format, true, process, consume, blocks});
+        CheckedPass pass = {seen_.format, true, process, consume, blocks};
+        pass.takesUnreadable = check_.takesUnreadable;
+        const Findings findings = runCheckedPass(source, pass);
         file_.requireLength();
         file_.sync();
         return findings;
@@ -105,10 +107,15 @@ void InPlaceImage::writeBack(const Request &request) {
     const DifTypeInfo &geometry = seen_.format.geometry;
     holdingInterrupts([&](Unfinished &unfinished) {
         file_.requireLength();
-        for (const uint32_t index : request.replaced) {
+        /* Neighbours together: what a device cannot read, it takes when it need not read it first. */
+        for (size_t at = 0, count = 1; at < request.replaced.size(); at += count, count = 1) {
+            const uint32_t first = request.replaced[at];
+            while (at + count < request.replaced.size() && request.replaced[at + count] == first + count) {
+                ++count;
+            }
             writing_ = true;
-            file_.write((request.firstBlock + index) * geometry.blockSize,
-                        {request.block(index), geometry.blockSize, geometry.blockSize, 1});
+            const size_t bytes = count * geometry.blockSize;
+            file_.write((request.firstBlock + first) * geometry.blockSize, {request.block(first), bytes, bytes, 1});
         }
         for (uint32_t index = 0, count = 1; index < request.blockNum; index += count, count = 1) {
             const Span span = changedFields(request, index);

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstring>
 #include <exception>
 #include <mutex>
 #include <thread>
@@ -121,7 +122,7 @@ private:
         }
         const Pieces pieces = (request.*pipeline_.layout)(static_cast<uint32_t>(blocks));
         const Clock::time_point begin = Clock::now();
-        const size_t bytes = source_.read(request.firstBlock, pieces);
+        const size_t bytes = readBytes(request, pieces);
         const Clock::duration waited = Clock::now() - begin;
         request.blockNum = static_cast<uint32_t>(bytes / (request.*pipeline_.layout)(1).bytes());
         if (reading) {
@@ -129,6 +130,27 @@ private:
             return {};
         }
         return waited;
+    }
+
+    size_t readBytes(Request &request, const Pieces &pieces) {
+        request.unreadable.clear();
+        try {
+            return source_.read(request.firstBlock, pieces);
+        } catch (const Unreadable &) {
+            if (!pipeline_.takesUnreadable || !source_.length()) {
+                throw;
+            }
+        }
+        const size_t blockSize = pipeline_.format.geometry.blockSize;
+        for (uint32_t index = 0; index < pieces.bytes() / blockSize; ++index) {
+            try {
+                source_.read(request.firstBlock + index, {request.block(index), blockSize, blockSize, 1});
+            } catch (const Unreadable &) {
+                std::memset(request.block(index), 0, blockSize);
+                request.unreadable.push_back(index);
+            }
+        }
+        return pieces.bytes();
     }
 
     void consume(Request &request, std::exception_ptr error) {

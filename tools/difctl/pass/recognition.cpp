@@ -16,7 +16,8 @@ constexpr size_t kLookedAhead = 15 * size_t{kFormat4160.geometry.blockSize};
 
 class FileReader : public image::Reader {
 public:
-    FileReader(const ImageFile &file, Progress &progress) : file_(file), progress_(progress) {}
+    FileReader(const ImageFile &file, Progress &progress, bool takesUnreadable)
+        : file_(file), progress_(progress), takesUnreadable_(takesUnreadable) {}
 
     uint64_t length() override { return file_.length().value_or(ahead_.size()); }
 
@@ -26,9 +27,25 @@ public:
             std::copy(there.begin(), there.end(), bytes);
             return there.size();
         }
-        const uint64_t done = readAll(file_, offset, {bytes, size});
-        progress_.advance(done);
-        return done;
+        try {
+            const uint64_t done = readAll(file_, offset, {bytes, size});
+            progress_.advance(done);
+            ++readNum_;
+            return done;
+        } catch (const Unreadable &error) {
+            if (!takesUnreadable_) {
+                throw;
+            }
+            unreadable_ = error;
+            return 0;
+        }
+    }
+
+    /* Throws if nothing could be read. */
+    void requireSome() const {
+        if (unreadable_ && readNum_ == 0) {
+            throw Unreadable(*unreadable_);
+        }
     }
 
     uint64_t nextData(uint64_t offset) override { return file_.length() ? file_.nextData(offset) : offset; }
@@ -37,6 +54,9 @@ private:
     const ImageFile &file_;
     std::span<const uint8_t> ahead_ = file_.lookAhead(kLookedAhead);
     Progress &progress_;
+    bool takesUnreadable_;
+    uint64_t readNum_ = 0;
+    std::optional<Unreadable> unreadable_;
 };
 
 [[noreturn]] void throwContradiction(const ImageFile &file, const std::string &said, const FormatEvidence &looks,
@@ -83,7 +103,7 @@ void requireGuard(const ImageFile &file, const FormatEvidence &looks, uint8_t ve
 }
 
 Recognition recognise(const ImageFile &file, const Claims &claims, const CheckOptions &check, bool force) {
-    Recognition seen = {lookAt(file, image::Extent::kSample), {}, claims.firstLba.value_or(0)};
+    Recognition seen = {lookAt(file, image::Extent::kSample, check.takesUnreadable), {}, claims.firstLba.value_or(0)};
     const FormatEvidence *best = seen.looks.best();
     uint32_t blockSize = claims.blockSize.value_or(kFormat520.geometry.blockSize);
     if (best != nullptr) {
@@ -110,10 +130,12 @@ std::string Recognition::text(bool lbas) const {
            (lbas ? ", LBAs from " + std::to_string(firstLba) : "");
 }
 
-image::ImageFormat lookAt(const ImageFile &file, image::Extent extent) {
+image::ImageFormat lookAt(const ImageFile &file, image::Extent extent, bool takesUnreadable) {
     Progress progress(file.length());
-    FileReader reader(file, progress);
-    return image::lookAtFormat(reader, extent);
+    FileReader reader(file, progress, takesUnreadable);
+    image::ImageFormat format = image::lookAtFormat(reader, extent);
+    reader.requireSome();
+    return format;
 }
 
 } // namespace difctl

@@ -40,8 +40,8 @@ Recognition recognise(const ImageFile &file, const Claims &claims, const CheckOp
 /* Throws Error if `said` means guards of `version` and the image shows none of them but others. */
 void requireGuard(const ImageFile &file, const image::FormatEvidence &looks, uint8_t version, const std::string &said);
 
-/* What the image looks like as far as `extent` goes. */
-image::ImageFormat lookAt(const ImageFile &file, image::Extent extent);
+/* What the image looks like as far as `extent` goes, without what cannot be read if not all of that is. */
+image::ImageFormat lookAt(const ImageFile &file, image::Extent extent, bool takesUnreadable = false);
 
 } // namespace difctl
 

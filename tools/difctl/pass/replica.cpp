@@ -23,7 +23,7 @@ Replica::Replica(const std::string &path, const ImageFile &image, const Recognit
         throw Error(image.name() + ": shows no fields, so that all of it would be another image; copy " + name());
     }
     const uint64_t blockNum = Source(image, format_.geometry.blockSize).unitNum();
-    const auto looks = lookAt(file_, image::Extent::kSample);
+    const auto looks = lookAt(file_, image::Extent::kSample, true);
     const FormatEvidence *best = looks.best();
     const bool isOther =
         best != nullptr && (best->format->type != format_.type || best->isStandard() != check.standard ||
@@ -42,8 +42,12 @@ Replica::Replica(const std::string &path, const ImageFile &image, const Recognit
 bool Replica::readGood(const ImageFile &file, uint64_t block, std::vector<uint8_t> &bytes) const {
     const uint32_t blockSize = format_.geometry.blockSize;
     bytes.resize(blockSize);
-    if (readAll(file, block * blockSize, bytes) != blockSize) {
-        throw Error(file.name() + ": has no block " + std::to_string(block) + " any more");
+    try {
+        if (readAll(file, block * blockSize, bytes) != blockSize) {
+            throw Error(file.name() + ": has no block " + std::to_string(block) + " any more");
+        }
+    } catch (const Unreadable &) {
+        return false;
     }
     Request request;
     request.format = &format_;

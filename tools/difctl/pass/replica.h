@@ -15,9 +15,9 @@ namespace difctl {
 
 class Replica {
 public:
-    /* Of `image`, which was seen to be `seen` and is to pass `check`. Throws Error if the image shows no fields; if the replica has another number of
-     * blocks, or shows other fields; or, without `force`, if most of a sample of blocks with data that pass in both are not
-     * the same in both. */
+    /* Of `image`, which was seen to be `seen` and is to pass `check`. Throws Error if the image shows no fields; if the
+     * replica has another number of blocks, or shows other fields; or, without `force`, if most of a sample of blocks with
+     * data that pass in both are not the same in both. */
     Replica(const std::string &path, const ImageFile &image, const Recognition &seen, const CheckOptions &check,
             bool force);
 
@@ -31,7 +31,7 @@ public:
     uint64_t taken() const { return taken_; }
 
 private:
-    /* Reads block `block` of `file`; answers whether it passes and is protected. */
+    /* Reads block `block` of `file`; answers whether it can be read, passes and is protected. */
     bool readGood(const ImageFile &file, uint64_t block, std::vector<uint8_t> &bytes) const;
 
     void requireLikeness(const ImageFile &image, uint64_t blockNum) const;

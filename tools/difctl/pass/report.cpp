@@ -35,8 +35,11 @@ struct Kind {
     const char *key;
 };
 
-constexpr std::array<Kind, kFaultKindNum> kKinds = {
-    {{"guard error", "guard"}, {"LBA error", "lba"}, {"version error", "version"}, {"no protection", "unprotected"}}};
+constexpr std::array<Kind, kFaultKindNum> kKinds = {{{"guard error", "guard"},
+                                                     {"LBA error", "lba"},
+                                                     {"version error", "version"},
+                                                     {"no protection", "unprotected"},
+                                                     {"cannot be read", "unreadable"}}};
 
 const Kind &kindOf(const Fault &fault) {
     return kKinds[static_cast<size_t>(fault.kind)];
@@ -60,10 +63,17 @@ Json expectedOf(const Fault &fault) {
 }
 
 Json foundOf(const Fault &fault) {
+    if (fault.kind == FaultKind::kUnreadable) {
+        return {};
+    }
     const uint64_t found = fault.kind == FaultKind::kLba     ? be32toh(fault.tuple.lba)
                            : fault.kind == FaultKind::kGuard ? fault.tuple.crc
                                                              : fault.tuple.version;
     return valueOf(fault.kind, found);
+}
+
+Json tupleOf(const Fault &fault) {
+    return fault.kind == FaultKind::kUnreadable ? Json() : Json(bytesText(&fault.tuple, sizeof(fault.tuple)));
 }
 
 std::string plainText(const Json &value) {
@@ -134,12 +144,16 @@ std::string placeText(uint64_t block, uint64_t lba) {
 
 std::string runText(const FaultRun &run) {
     const Fault &fault = run.first;
+    const std::string what =
+        (run.count == 1 ? placeText(fault.block, fault.lba)
+                        : "blocks " + rangeText(fault.block, run.count) + ", LBAs " + rangeText(fault.lba, run.count)) +
+        ": " + kindOf(fault).word;
+    if (fault.kind == FaultKind::kUnreadable) {
+        return what;
+    }
     const std::string expected = fault.expected ? "expected " + plainText(expectedOf(fault)) + ", " : "";
-    return (run.count == 1
-                ? placeText(fault.block, fault.lba)
-                : "blocks " + rangeText(fault.block, run.count) + ", LBAs " + rangeText(fault.lba, run.count)) +
-           ": " + kindOf(fault).word + (run.count == 1 ? ", " : ", the first: ") + expected + "found " +
-           plainText(foundOf(fault)) + ", tuple " + bytesText(&fault.tuple, sizeof(fault.tuple));
+    return what + (run.count == 1 ? ", " : ", the first: ") + expected + "found " + plainText(foundOf(fault)) +
+           ", tuple " + bytesText(&fault.tuple, sizeof(fault.tuple));
 }
 
 std::string untoldText(uint64_t runs) {
@@ -148,13 +162,15 @@ std::string untoldText(uint64_t runs) {
 }
 
 std::string totalsText(const Findings &findings) {
-    const uint64_t required = findings.failed(FaultKind::kUnprotected);
+    const auto ifAny = [&findings](const char *word, FaultKind kind) {
+        return findings.failed(kind) == 0 ? "" : word + std::to_string(findings.failed(kind));
+    };
     return "blocks checked " + std::to_string(findings.checked()) + ", failed " + std::to_string(findings.failed()) +
            " (guard " + std::to_string(findings.failed(FaultKind::kGuard)) + ", LBA " +
            std::to_string(findings.failed(FaultKind::kLba)) + ", version " +
-           std::to_string(findings.failed(FaultKind::kVersion)) +
-           (required != 0 ? ", unprotected " + std::to_string(required) : "") + "), unprotected " +
-           std::to_string(findings.unprotected()) + (findings.complete() ? "" : "; ended at the first, --all goes on");
+           std::to_string(findings.failed(FaultKind::kVersion)) + ifAny(", unprotected ", FaultKind::kUnprotected) +
+           ifAny(", unreadable ", FaultKind::kUnreadable) + "), unprotected " + std::to_string(findings.unprotected()) +
+           (findings.complete() ? "" : "; ended at the first, --all goes on");
 }
 
 std::string reportText(const Findings &findings) {
@@ -180,7 +196,7 @@ std::string jsonRun(const FaultRun &run, bool first) {
                                               {"kind", kindOf(fault).key},
                                               {"expected", expectedOf(fault)},
                                               {"found", foundOf(fault)},
-                                              {"tuple", bytesText(&fault.tuple, sizeof(fault.tuple))}});
+                                              {"tuple", tupleOf(fault)}});
 }
 
 std::string jsonEnd(const Findings &findings, uint64_t untoldRuns, bool withReport) {

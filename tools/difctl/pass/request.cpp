@@ -3,6 +3,7 @@
 #include "pass/library.h"
 #include "pass/request_list.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 
@@ -67,7 +68,9 @@ void judge(Request &request, const CheckOptions &options, const std::vector<uint
     for (uint32_t index = 0; index < request.blockNum; ++index) {
         const DifTuple tuple = request.fields(index);
         std::optional<FaultKind> kind;
-        if ((failed[index / 32] >> (index % 32) & 1U) != 0) {
+        if (std::ranges::binary_search(request.unreadable, index)) {
+            kind = FaultKind::kUnreadable;
+        } else if ((failed[index / 32] >> (index % 32) & 1U) != 0) {
             kind = kindOf(request, index, options);
         } else if (options.requiredVersion.value_or(tuple.version) != tuple.version) {
             kind = FaultKind::kVersion;

@@ -17,14 +17,14 @@
 
 namespace difctl {
 
-enum class FaultKind { kGuard, kLba, kVersion, kUnprotected };
-inline constexpr size_t kFaultKindNum = 4;
+enum class FaultKind { kGuard, kLba, kVersion, kUnprotected, kUnreadable };
+inline constexpr size_t kFaultKindNum = 5;
 
 struct Fault {
     uint64_t block; /* index in the image */
     uint64_t lba;   /* the LBA expected there */
     FaultKind kind;
-    DifTuple tuple; /* as found */
+    DifTuple tuple; /* as found; nothing of a block that cannot be read */
     /* The guard as in a tuple, the LBA or the version that should be there; none where no single one should. */
     std::optional<uint64_t> expected;
 };
@@ -37,6 +37,7 @@ struct Request {
     uint8_t *buf = nullptr; /* room for kRequestDataBytes of data with their fields */
     uint64_t firstBlock = 0;
     uint32_t blockNum = 0;
+    std::vector<uint32_t> unreadable; /* blocks that cannot be read, in order: zeros are in their place */
 
     std::function<void()> rest; /* of what consumes it: when its turn is over, at once with other requests' */
 
@@ -78,6 +79,7 @@ struct CheckOptions {
     bool allBlocks = false; /* name every failed block, not only the first one of a request */
     bool report = false;
     bool convertToT10 = false;              /* rewrite passing tuples with the guard crc32c */
+    bool takesUnreadable = false;           /* a block that cannot be read is a fault and not the end */
     bool requireProtected = false;          /* a block without a guard over its data is a fault */
     bool standard = false;                  /* plain T10 protection information, without version and flags */
     std::optional<uint8_t> requiredVersion; /* a tuple of another version is a version fault */
