@@ -354,6 +354,7 @@ class DifctlTest(ToolTest):
             "protect --lba -1 raw new": "--first-lba: '-1' is not a number from 0 to 18446744073709551615",
             "": "A command, such as verify, is required",
             "-v verfy good": "unknown command 'verfy', did you mean 'verify'?",
+            "verify --frst-lba=3 good": "unknown option '--frst-lba', did you mean '--first-lba'?",
             "frobnicate": "unknown command 'frobnicate'; --help",
             "verify --first-lba 7 place": "--first-lba 7 contradicts its fields, which look like blocks of 520 bytes with "
                                           "guard t10 and LBAs from 100; --first-lba 100 fits",

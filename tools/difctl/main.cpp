@@ -74,19 +74,37 @@ size_t distanceOf(std::string_view a, std::string_view b) {
     return row.back();
 }
 
+/* Throws if `word` is none of `known`: with the one that is meant, if one is near. */
+void requireKnown(const std::string &kind, const std::string &word, const std::vector<std::string> &known) {
+    const auto distance = [&word](const std::string &other) { return distanceOf(word, other); };
+    const auto nearest = std::ranges::min_element(known, {}, distance);
+    if (distance(*nearest) != 0) {
+        throw CLI::ValidationError("unknown " + kind + " '" + word + "'" +
+                                   (distance(*nearest) <= 2 ? ", did you mean '" + *nearest + "'?" : ""));
+    }
+}
+
 void requireCommand(CLI::App &app, const std::string &word) {
-    const CLI::App *nearest = nullptr;
+    std::vector<std::string> names;
     for (const CLI::App *command : commandsOf(app)) {
-        if (command->get_name() == word) {
-            return;
-        }
-        if (nearest == nullptr || distanceOf(word, command->get_name()) < distanceOf(word, nearest->get_name())) {
-            nearest = command;
+        names.push_back(command->get_name());
+    }
+    requireKnown("command", word, names);
+}
+
+/* Of `words`, those behind that of the command, up to "--". */
+void requireOptions(const CLI::App &command, const std::vector<std::string> &words) {
+    std::vector<std::string> names;
+    for (const CLI::Option *option : command.get_options()) {
+        for (const std::string &name : option->get_lnames()) {
+            names.push_back("--" + name);
         }
     }
-    const bool near = distanceOf(word, nearest->get_name()) <= 2;
-    throw CLI::ValidationError("unknown command '" + word + "'" +
-                               (near ? ", did you mean '" + nearest->get_name() + "'?" : ""));
+    for (auto word = std::ranges::find(words, command.get_name()); word != words.end() && *word != "--"; ++word) {
+        if (word->starts_with("--")) {
+            requireKnown("option", word->substr(0, word->find('=')), names);
+        }
+    }
 }
 
 /* The words behind the program's name as the parser takes them: "help COMMAND" is "COMMAND --help". */
@@ -102,7 +120,9 @@ std::vector<std::string> understood(CLI::App &app, std::vector<std::string> word
         return words.size() > 1 ? understood(app, words) : words;
     }
     requireCommand(app, *command);
+    const CLI::App *chosen = app.get_subcommand(*command);
     replaceOldNames(*command, words);
+    requireOptions(*chosen, words);
     return words;
 }
 
