@@ -82,6 +82,9 @@ int runInfo(const InfoOptions &options) {
     if (!file.length()) {
         throw Error(file.name() + ": has no known length; this command needs an image in a file");
     }
+    if (*file.length() == 0) {
+        throw Error(file.name() + ": is empty");
+    }
     const auto looks = lookAt(file, options.all ? image::Extent::kAll : image::Extent::kSample);
     const Json seen = described(file, looks, options.all);
     if (options.json) {
