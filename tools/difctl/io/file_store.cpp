@@ -181,8 +181,8 @@ void FileStore::requireLength() const {
 }
 
 /*
- * Of a file, through a mapping, which ends where the file ends: a write behind the end would bring back what another process has cut
- * off. The system copies, so that a page which cannot be had is an error and not a signal.
+ * Of a file, through a mapping, which ends where the file ends: a write behind the end would bring back what another process
+ * has cut off. The system copies, so that a page which cannot be had is an error and not a signal.
  */
 void FileStore::write(uint64_t offset, const Pieces &pieces) {
     if (isDevice_ && pieces.count == 1) {

@@ -11,7 +11,8 @@
 
 namespace difctl {
 
-/* Reading is for any threads at once where the length is known, writing where they write at different places. Everything throws Error. */
+/* Reading is for any threads at once where the length is known, and so is writing, at different places. Everything throws
+ * Error. */
 class ImageStore {
 public:
     enum class Use { kRead, kChange };

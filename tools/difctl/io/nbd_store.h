@@ -13,8 +13,8 @@
 namespace difctl {
 
 /*
- * Threads that read and write get a connection each as far as the server takes several, and share them beyond that. The length cannot change while they last;
- * there are no locks: who else writes to the export is not kept out.
+ * Threads that read and write get a connection each as far as the server takes several, and share them beyond that. The
+ * length cannot change while they last; there are no locks: who else writes to the export is not kept out.
  */
 class NbdStore : public ImageStore {
 public:

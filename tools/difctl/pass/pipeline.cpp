@@ -36,9 +36,9 @@ std::exception_ptr caught(Step step) {
 
 /*
  * Every thread takes one request after the other all the way, in memory of its own: reads it, processes it, consumes it when
- * those before it are consumed, and does the rest of that. What fails on the way fails in that turn, and the end of the blocks, a request of none,
- * has its turn as well. Where the source's length tells the place of each request, threads read at once; else, only one.
- * Threads that wait long for what they read or write become more.
+ * those before it are consumed, and does the rest of that. What fails on the way to that fails in its turn, and the end of
+ * the blocks, a request of none, has its turn as well. Where the source's length tells the place of each request, threads
+ * read at once; else, only one. If threads wait long for what they read or write, more of them start.
  */
 class Relay {
 public:
@@ -104,7 +104,7 @@ private:
         }
     }
 
-    /* Returns how long it has waited for others than those that give a stream its bytes. */
+    /* Returns how long it has waited for the store; not at all for a stream, where more threads would not help. */
     Clock::duration read(Request &request, std::vector<uint8_t> &memory, std::unique_lock<std::mutex> reading) {
         const DifTypeInfo &geometry = pipeline_.format.geometry;
         const uint32_t maxBlocks = kRequestDataBytes / geometry.dataSize;
@@ -132,6 +132,7 @@ private:
         return waited;
     }
 
+    /* If something of it cannot be read, block by block. */
     size_t readBytes(Request &request, const Pieces &pieces) {
         request.unreadable.clear();
         try {

@@ -126,7 +126,8 @@ Recognition recognise(const ImageFile &file, const Claims &claims, const CheckOp
 }
 
 std::string Recognition::text(bool lbas) const {
-    return (looks.best() == nullptr ? "no fields seen, taken for blocks of " : "blocks of ") + std::to_string(format.geometry.blockSize) + " bytes" +
+    return (looks.best() == nullptr ? "no fields seen, taken for blocks of " : "blocks of ") +
+           std::to_string(format.geometry.blockSize) + " bytes" +
            (lbas ? ", LBAs from " + std::to_string(firstLba) : "");
 }
 
