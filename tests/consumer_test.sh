@@ -26,7 +26,7 @@ for linker in bfd gold lld; do
     fi
 done
 "${compile[@]}" first.c -I"$prefix/include" -L"$libdir" -Wl,--start-group -l:libdif_host.a -l:libdif.a -Wl,--end-group \
-    -lisal -lspdlog -lfmt -lstdc++ -o static
+    -lisal -lspdlog -lfmt -lstdc++ -lm -o static
 cat >CMakeLists.txt <<'END'
 cmake_minimum_required(VERSION 3.25)
 project(consumer C)
