@@ -122,9 +122,15 @@ private:
         }
         const Pieces pieces = (request.*pipeline_.layout)(static_cast<uint32_t>(blocks));
         const Clock::time_point begin = Clock::now();
-        const size_t bytes = readBytes(request, pieces);
+        request.unreadable.clear();
+        if (pipeline_.takesUnreadable && !reading) {
+            request.blockNum = static_cast<uint32_t>(blocks);
+            readParts(request, 0, request.blockNum);
+        } else {
+            const size_t bytes = source_.read(request.firstBlock, pieces);
+            request.blockNum = static_cast<uint32_t>(bytes / (request.*pipeline_.layout)(1).bytes());
+        }
         const Clock::duration waited = Clock::now() - begin;
-        request.blockNum = static_cast<uint32_t>(bytes / (request.*pipeline_.layout)(1).bytes());
         if (reading) {
             nextBlock_ += request.blockNum;
             return {};
@@ -132,26 +138,20 @@ private:
         return waited;
     }
 
-    /* If something of it cannot be read, block by block. */
-    size_t readBytes(Request &request, const Pieces &pieces) {
-        request.unreadable.clear();
+    /* Reads blocks of the request, and marks those that cannot be read: it halves what it has to read until it knows. */
+    void readParts(Request &request, uint32_t first, uint32_t blocks) {
+        const size_t bytes = size_t{blocks} * pipeline_.format.geometry.blockSize;
         try {
-            return source_.read(request.firstBlock, pieces);
+            source_.read(request.firstBlock + first, {request.block(first), bytes, bytes, 1});
         } catch (const Unreadable &) {
-            if (!pipeline_.takesUnreadable || !source_.length()) {
-                throw;
+            if (blocks > 1) {
+                readParts(request, first, blocks / 2);
+                readParts(request, first + blocks / 2, blocks - blocks / 2);
+            } else {
+                std::memset(request.block(first), 0, bytes);
+                request.unreadable.push_back(first);
             }
         }
-        const size_t blockSize = pipeline_.format.geometry.blockSize;
-        for (uint32_t index = 0; index < pieces.bytes() / blockSize; ++index) {
-            try {
-                source_.read(request.firstBlock + index, {request.block(index), blockSize, blockSize, 1});
-            } catch (const Unreadable &) {
-                std::memset(request.block(index), 0, blockSize);
-                request.unreadable.push_back(index);
-            }
-        }
-        return pieces.bytes();
     }
 
     void consume(Request &request, std::exception_ptr error) {
