@@ -34,7 +34,8 @@ class NbdTest(ToolTest):
     def test_every_command_on_exports(self):
         for least in "1", "512", "65536":  # the smallest piece that the server takes; the disk has 65 of the largest
             sizes = f"minimum={least}", "preferred=65536", "maximum=131072", "error-policy=error"
-            server = "--filter=blocksize-policy", "--filter=log", "file", "disk", "logfile=log"
+            server = ("--filter=multi-conn", "--filter=blocksize-policy", "--filter=log", "file", "disk", "logfile=log",
+                      f"multi-conn-mode={'disable' if least == '512' else 'auto'}")
             self.write("disk", RAW + RAW[:65536])
             with self.subTest(least), serving(*server, *(f"blocksize-{size}" for size in sizes)):
                 self.run_tool("protect", "--force", "-", URI, input=RAW[:-1024])
@@ -43,6 +44,7 @@ class NbdTest(ToolTest):
                 self.assertTrue(pathlib.Path("disk").read_bytes()[: len(SPARSE)] == SPARSE)
                 log = pathlib.Path("log").read_text()
                 self.assertEqual((log.count(" Flush id"), " Zero id" in log), (2, True))
+                self.assertTrue(least != "512" or log.count(" Connect ") == 2)  # none that the server does not allow
                 self.write("disk", self.image), self.write("log", b"")
                 self.run_tool("relabel", "--lba", "7", URI)
                 writes = re.findall(r" Write .*count=(\w+)", pathlib.Path("log").read_text())

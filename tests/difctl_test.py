@@ -301,6 +301,7 @@ class DifctlTest(ToolTest):
         empty = lambda data: protected(b"".join(data[at : at + 512] + bytes(512 * 7) for at in range(0, 512 * 700, 512)))
         for image, other, says in (
             (bad, protected(RAW[::-1], lba=100), "blocks that pass in both, 1024 differ; --force goes ahead"),
+            (bad, protected(RAW[: 512 * 3000] + RAW[::-1][512 * 3000 :], lba=100), "pass in both, 528 differ; --force goes ahead"),
             (edited(empty(RAW), (8, -1, b"x")), empty(RAW[::-1]), "differ; --force goes ahead"),
             (bad, protected(RAW, lba=101), "it looks like blocks of 520 bytes with guard t10 and LBAs from 101, not"),
             (bad, protected(RAW[: 512 * 6144], 4160, lba=100), "it looks like blocks of 4160 bytes"),
