@@ -225,6 +225,7 @@ class DifctlTest(ToolTest):
                                  ((3, -9), (9, 0), (17, 7), (18, 1), (20, 0), (20, 4), (39, 5))))
         for image, options, faults, holds in (
             (zero, "--report", {}, ["all_lba_valid", "all_zero"]),
+            (zero, "--no-lba --first-lba 7", {}, []),
             (edited(zero, (0, FLAGS, b"\3")) + t10, "--report --no-lba", {}, ["have_bst"]),
             (t10 + bytes(520) + zero, "--all --require --no-lba", {2: "unprotected"}, []),
             (bytes(2048 * 520) + protected(RAW[:512], lba=2048), "--report", {}, ["version_zero"]),
