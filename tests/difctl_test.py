@@ -232,6 +232,7 @@ class DifctlTest(ToolTest):
             (t10 + crc32c + bytes(520), "--all --crc t10", {2: "version", 3: "version"}, []),
             (t10 + crc32c + bytes(520), "--all --crc crc32c", {0: "version", 1: "version", 3: "version"}, []),
             (t10 + crc32c, "--crc crc32c", {0: "version"}, []), (standard, f"--standard --lba {first}", {}, []),
+            (bad, "--standard --no-lba --lba 3 --all", {3: "guard", 18: "guard", 20: "guard"}, []),
             (bad, f"--standard --lba {first} --all --entry 1040", {3: "guard", 18: "guard", 20: "lba", 39: "lba"}, []),
         ):
             result = self.run_tool("verify", "--json", *options.split(), "-", input=image, status=int(bool(faults)))
@@ -295,7 +296,8 @@ class DifctlTest(ToolTest):
             self.assertEqual(self.run_tool(*words, status=1, says=named).decode(), totals % "taken from")
             self.is_file("img", healed)
             self.is_file("replica", other)
-            self.run_tool("repair", "img", "--from", self.write("good", good))
+            for words, status in (["-n"], 1), ([], 0), (["-n"], 0):  # the last finds nothing to do
+                self.run_tool("repair", *words, "img", "--from", self.write("good", good), status=status)
             self.is_file("img", good)
         bad = edited(IMAGE, (7, GUARD, bytes(2)))
         self.write("good", IMAGE), self.write("moved", protected(RAW, lba=101))
