@@ -64,7 +64,9 @@ class NbdTest(ToolTest):
                 self.refused(*command, says="cannot be changed: the server exports it for reading only")
         with serving("memory", "2M"):
             self.refused("strip", "img", URI, says="exists already; --force replaces it")
-            self.refused("protect", "--force", URI, URI, says="is the source and the destination")
+            for command in "protect", "strip", "fold":
+                self.refused(command, "--force", URI, URI, says="is the source and the destination")
+            self.refused("repair", URI, "--from", URI, says="is IMG itself, not a replica of it")
             small = f"is too small: it has {2 << 20} bytes, %d are to be written"
             self.refused("strip", "--force", "img", URI, says=small % len(RAW))
             over = f"; what was written over the first {2 << 20} bytes of .* cannot be undone"

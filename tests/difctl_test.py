@@ -314,6 +314,8 @@ class DifctlTest(ToolTest):
         self.write("img", bad)
         self.refused("repair", "--force", "img", "--from", "moved", says="LBAs from 101, not blocks of 520 bytes, LBAs from 100")
         self.refused("repair", "img", "--from", "./img", says="./img: is IMG itself")
+        self.run_tool("protect", "--standard", "--first-lba", "100", "-", "plain", input=RAW)
+        self.refused("repair", "img", "--from", "plain", says="plain T10, not")
         for words in ["zeros"], ["--dry-run", "zeros"], ["--force", "--require", "zeros"]:
             self.write("zeros", bytes(len(IMAGE)))
             self.refused("repair", *words, "--from", "good", says="zeros: ")
