@@ -91,7 +91,7 @@ CLI::Option *addStandard(CLI::App &command, ImageOptions &options) {
 }
 
 void addInPlaceImage(CLI::App &command, InPlaceOptions &options) {
-    addImage(command, options, "Image of protected blocks: a file or block device");
+    addImage(command, options, "Image of protected blocks: a file, block device or export");
     addCheck(command, options.check);
     addForce(command, options.force, "Go ahead without verifying IMG first");
 }

@@ -57,7 +57,7 @@ void addRepair(CLI::App &app, Command &chosen) {
         app, chosen, "repair", "Take the blocks that fail from a replica in which they pass, in place", runRepair);
     options.check.allBlocks = true;
     options.check.takesUnreadable = true;
-    addImage(command, options, "Image of protected blocks: a file or block device");
+    addImage(command, options, "Image of protected blocks: a file, block device or export");
     command.add_option("--from", options.replica, "Replica of IMG")->required()->type_name("REPLICA");
     command.add_flag_callback(
         "--no-lba", [&options = options] { options.check.compareLbas = false; },
