@@ -144,7 +144,7 @@ std::string placeText(uint64_t block, uint64_t lba) {
 
 std::string runText(const FaultRun &run) {
     const Fault &fault = run.first;
-    const std::string what =
+    std::string what =
         (run.count == 1 ? placeText(fault.block, fault.lba)
                         : "blocks " + rangeText(fault.block, run.count) + ", LBAs " + rangeText(fault.lba, run.count)) +
         ": " + kindOf(fault).word;
