@@ -91,7 +91,7 @@ class NbdTest(ToolTest):
                 self.assertEqual(tool.returncode, 2)
 
     def test_blocks_that_cannot_be_read(self):
-        image = self.image[: 520 * 40]
+        image = self.image[: 520 * 64]  # whole pieces of 512
         self.write("img", image), self.write("other", image), self.write("disk", image[:520] + bytes(520) + image[1040:])
         self.run_tool("inject", "other", "--at", "1,2", "--set-guard", "1")
         disk, flags = f"{os.getcwd()}/disk", "status=none iflag=skip_bytes,count_bytes oflag=seek_bytes conv=notrunc"
@@ -101,7 +101,7 @@ class NbdTest(ToolTest):
         with serving("eval", *server):
             lost = dict(block=1, count=1, lba=1, kind="unreadable", expected=None, found=None, tuple=None)
             done = json.loads(self.run_tool("verify", "--all", "--json", URI, status=1))
-            self.assertEqual((done["faults"], done["failed"]["unreadable"], done["blocks_checked"]), ([lost], 1, 40))
+            self.assertEqual((done["faults"], done["failed"]["unreadable"], done["blocks_checked"]), ([lost], 1, 64))
             self.assertIn(b": block 1, LBA 1: cannot be read\n", self.run_tool("verify", URI, status=1))
             for command in ("verify", "--report", URI), ("strip", URI, "new"), ("info", "--all", URI):
                 self.refused(*command, says="cannot read at offset 0: Input/output error")
@@ -109,6 +109,11 @@ class NbdTest(ToolTest):
             self.assertIn(b" 1, failing in both and left 1,",
                           self.run_tool("repair", "other", "--from", URI, status=1, says=says))
             self.run_tool("repair", URI, "--from", "img")
+        self.assertTrue(pathlib.Path("disk").read_bytes() == image)
+        os.remove("disk.healed"), self.write("disk", bytes(1024) + image[1024:])
+        sizes = "minimum=512", "preferred=4096", "maximum=131072", "error-policy=error"
+        with serving("--filter=blocksize-policy", "eval", *server, *(f"blocksize-{size}" for size in sizes)):
+            self.assertIn(b" taken from img 2,", self.run_tool("repair", URI, "--from", "img"))
         self.assertTrue(pathlib.Path("disk").read_bytes() == image)
         with serving("--filter=error", "file", "img", "error-pread=EIO", "error-pread-rate=100%"):
             self.refused("verify", URI, says="cannot read at offset .*: Input/output error")

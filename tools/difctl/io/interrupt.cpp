@@ -26,6 +26,7 @@ struct Watch {
     std::atomic<bool> ending{false};
     std::recursive_mutex mutex; /* memory may be wanting while it is held */
     Unfinished unfinished;
+    std::atomic<bool> atPrompt{false}; /* as unfinished says, for who must not wait for the mutex */
 };
 
 /* Never destroyed: the watching thread may look at it until the process is gone. */
@@ -49,11 +50,6 @@ bool locksInTime(std::recursive_mutex &mutex) {
 [[noreturn]] void endProcess(std::string_view why) {
     giveUp(why);
     std::_Exit(kNotDone);
-}
-
-bool atPrompt() {
-    const std::lock_guard lock(watch().mutex);
-    return watch().unfinished.promptModes.has_value();
 }
 
 /* Nobody may ever read what goes to standard error, and nothing else ends a write that waits for that. */
@@ -85,7 +81,7 @@ void watchInterrupts() {
     try {
         std::thread([watched] {
             int signalNumber = 0;
-            while (sigwait(&watched, &signalNumber) != 0 || (signalNumber == SIGINT && atPrompt())) {
+            while (sigwait(&watched, &signalNumber) != 0 || (signalNumber == SIGINT && watch().atPrompt)) {
             }
             endProcess(std::string("interrupted by SIG") + sigabbrev_np(signalNumber));
         }).detach();
@@ -100,6 +96,7 @@ void holdingInterrupts(const std::function<void(Unfinished &)> &change) {
     watch().ending.wait(true);
     const std::lock_guard lock(watch().mutex);
     change(watch().unfinished);
+    watch().atPrompt = watch().unfinished.promptModes.has_value();
 }
 
 void giveUp(std::string_view why) {

@@ -216,16 +216,13 @@ void NbdConnection::flush() {
     }
 }
 
-/* In memory that is good until the thread's next call. */
-NbdConnection::Units NbdConnection::readUnits(uint64_t offset, size_t size) {
+/* With memory that is good until the thread's next call. */
+NbdConnection::Units NbdConnection::unitsOf(uint64_t offset, size_t size) const {
     thread_local std::vector<uint8_t> memory;
     const uint64_t first = offset - offset % unit_;
     const uint64_t behind = offset + size + unit_ - 1;
     const size_t bytes = static_cast<size_t>(std::min(length_, behind - behind % unit_) - first);
     memory.resize(std::max(memory.size(), bytes));
-    Batch batch(*this);
-    batch.read(first, memory.data(), bytes);
-    batch.finish();
     return {first, {memory.data(), bytes}};
 }
 
@@ -241,7 +238,10 @@ size_t NbdConnection::read(uint64_t offset, const Pieces &pieces, size_t done) {
     if (size == 0) {
         return 0;
     }
-    const Units units = readUnits(offset, size);
+    const Units units = unitsOf(offset, size);
+    Batch batch(*this);
+    batch.read(units.offset, units.memory.data(), units.memory.size());
+    batch.finish();
     const uint8_t *bytes = units.at(offset);
     for (size_t at = 0; at < size;) {
         const std::span<uint8_t> piece = pieces.after(done + at);
@@ -264,7 +264,23 @@ void NbdConnection::write(uint64_t offset, const Pieces &pieces) {
             batch.write(offset + index * pieces.stride, pieces.base + index * pieces.stride, pieces.size);
         }
     } else {
-        const Units units = readUnits(offset, (pieces.count - 1) * pieces.stride + pieces.size);
+        const uint64_t end = offset + (pieces.count - 1) * pieces.stride + pieces.size;
+        const Units units = unitsOf(offset, end - offset);
+        const auto readUnit = [&](uint64_t place) {
+            const uint64_t first = place - place % unit_;
+            batch.read(first, units.at(first), static_cast<size_t>(std::min(unit_, length_ - first)));
+        };
+        if (pieces.count > 1) {
+            batch.read(units.offset, units.memory.data(), units.memory.size());
+        } else { /* what is all written need not be readable */
+            if (offset % unit_ != 0) {
+                readUnit(offset);
+            }
+            if (end % unit_ != 0 && end != length_) {
+                readUnit(end);
+            }
+        }
+        batch.finish();
         for (size_t index = 0; index < pieces.count; ++index) {
             const size_t distance = index * pieces.stride;
             std::memcpy(units.at(offset + distance), pieces.base + distance, pieces.size);

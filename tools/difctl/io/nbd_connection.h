@@ -65,7 +65,7 @@ private:
     static Handle prepared(const std::string &name);
     NbdConnection(const std::string &uri, Handle handle);
 
-    Units readUnits(uint64_t offset, size_t size);
+    Units unitsOf(uint64_t offset, size_t size) const;
 
     std::string name_;
     Handle handle_;

@@ -89,6 +89,7 @@ void Replica::heal(Request &request) {
             return false;
         }
         request.replaceBlock(static_cast<uint32_t>(fault.block - request.firstBlock), bytes.data());
+        request.unprotected -= fault.kind == FaultKind::kUnprotected ? 1 : 0;
         ++taken_;
         return true;
     };
