@@ -105,6 +105,8 @@ class NbdTest(ToolTest):
             self.assertIn(b": block 1, LBA 1: cannot be read\n", self.run_tool("verify", URI, status=1))
             for command in ("verify", "--report", URI), ("strip", URI, "new"), ("info", "--all", URI):
                 self.refused(*command, says="cannot read at offset 0: Input/output error")
+            self.assertIn(b"guard t10 and LBAs from 0", self.run_tool("info", URI))
+            self.assertIn(b"block 60, LBA 60: ", self.run_tool("show", URI, "--at", "60"))
             says = re.compile("difctl: other: block 1, LBA 1: guard error, .*\n")
             self.assertIn(b" 1, failing in both and left 1,",
                           self.run_tool("repair", "other", "--from", URI, status=1, says=says))

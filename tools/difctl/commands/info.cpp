@@ -85,7 +85,7 @@ int runInfo(const InfoOptions &options) {
     if (*file.length() == 0) {
         throw Error(file.name() + ": is empty");
     }
-    const auto looks = lookAt(file, options.all ? image::Extent::kAll : image::Extent::kSample);
+    const auto looks = lookAt(file, options.all ? image::Extent::kAll : image::Extent::kSample, !options.all);
     const Json seen = described(file, looks, options.all);
     if (options.json) {
         Json text = {{"schema", kJsonSchema}};

@@ -123,6 +123,7 @@ int runShow(const ShowOptions &options) {
 void addShow(CLI::App &app, Command &chosen) {
     const auto [command, options] =
         addCommand(app, chosen, "show", "Print the fields of some blocks beside what they should be", runShow);
+    options.check.takesUnreadable = true;
     addImage(command, options, "Image of protected blocks");
     addAt(command, options.at, "The block with this LBA, or COUNT blocks from there on")->required();
     addStandard(command, options);
