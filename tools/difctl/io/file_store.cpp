@@ -210,7 +210,9 @@ void FileStore::write(uint64_t offset, const Pieces &pieces) {
         if (moved <= 0) {
             requireLength();
             if (pieces.count == 1 && writeAt(file_.get(), offset, pieces.base, pieces.size)) {
-                return; /* over pages that a mapping would have to read, and cannot */
+                /* Over pages that a mapping would have to read, and cannot. Only what is cut off between these two lines
+                 * comes back, as zeros. */
+                return;
             }
             const uint64_t place = offset + done / pieces.size * pieces.stride;
             throw Error(name_ + ": cannot write at offset " + std::to_string(place) + ": its device is full or fails");

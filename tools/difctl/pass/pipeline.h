@@ -21,7 +21,7 @@ struct Pipeline {
     std::function<bool(Request &)> consume;
     /* The blocks to run, of a source whose length is known if they are not all. */
     BlockRange blocks = {};
-    /* Whether requests take blocks that cannot be read, where the length is known and all of the blocks is read. */
+    /* Whether requests take whole blocks that cannot be read, where the length is known, and mark them. */
     bool takesUnreadable = false;
 };
 
